@@ -1,0 +1,174 @@
+/*
+ * Device data-model layer (dml_*) as the agent sees it.
+ *
+ * The records below are exchanged with the platform byte for byte, so their
+ * sizes and field offsets are fixed; the asserts at the end pin them.  A real
+ * platform supplies its own implementation of these functions; the project's
+ * stand-in keeps the data model in a text file (see platform/dml).
+ *
+ * Every operation returns 0 on success and non-zero on failure.  On failure
+ * the output record or buffer is left untouched.  Text outputs are always
+ * NUL-terminated within the stated size.
+ */
+#ifndef TAVEL_PLATFORM_DML_H
+#define TAVEL_PLATFORM_DML_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Sizes of the fixed text buffers some operations fill. */
+#define DML_WORKMODE_LEN 33 /* dml_getWorkMode, dml_getWorkRole */
+#define DML_COUNTRYID_LEN 4 /* dml_getCountryID: at most 3 characters */
+#define DML_TIMEZONE_LEN 50 /* dml_getTimeZone: at most 49 characters */
+#define DML_ONBOARDSTATUS_LEN 65
+#define DML_DESC_LEN 33
+
+typedef struct ManagementServerInfo {
+    char URL[1025];
+    char Username[256];
+    char Password[256];
+} ManagementServerInfo;
+
+typedef struct OnBoardingServerInfo {
+    uint8_t enable;
+    char URL[1025];
+    char onBoardStatus[65];
+    char opDesc[33];
+    char subnetDesc[33];
+    char apiKey[1025];
+    char acsConnStatus[33];
+} OnBoardingServerInfo;
+
+/* Only three texts are defined for the agent; the rest is the platform's. */
+#define NODEINFO_SERIAL_OFFSET 83
+#define NODEINFO_OPERATOR_OFFSET 472
+#define NODEINFO_COUNTRY_OFFSET 505
+typedef struct NodeInfo {
+    char reserved0[NODEINFO_SERIAL_OFFSET];
+    char serialNumber[64];
+    char reserved1[NODEINFO_OPERATOR_OFFSET - NODEINFO_SERIAL_OFFSET - 64];
+    char operatorId[NODEINFO_COUNTRY_OFFSET - NODEINFO_OPERATOR_OFFSET];
+    char country[552 - NODEINFO_COUNTRY_OFFSET];
+} NodeInfo;
+
+typedef struct ModelCapability {
+    uint8_t reserved[66];
+    uint8_t isCCSyncRequired;
+    uint8_t reserved1;
+} ModelCapability;
+
+typedef struct CountryEntry {
+    char reserved[64];
+    char code[5];
+} CountryEntry;
+
+typedef struct CountryGroup {
+    int32_t reserved0;
+    int32_t reserved1;
+    int32_t countryCount;
+    CountryEntry *countries;
+} CountryGroup;
+
+/* The platform owns the arrays; callers never free them. */
+typedef struct SupportedCountryList {
+    int32_t groupCount;
+    CountryGroup *groups;
+} SupportedCountryList;
+
+typedef struct KPRCConfigServer {
+    char serverData[256];
+    char URL[1536];
+    uint8_t flags;
+} KPRCConfigServer;
+
+typedef struct KPRCRAccessConfig {
+    char URL[1024];
+} KPRCRAccessConfig;
+
+typedef struct KPRCZoragentConfig {
+    char configURL[1024];
+    char apiKey[1024];
+} KPRCZoragentConfig;
+
+int dml_init(int mode);
+
+/* The CA certificate path; never NULL (empty when unknown).  The text stays
+ * valid until the calling thread's next call of this function. */
+const char *dml_getHIECertifcatePath(void);
+
+int dml_getModelCapability(ModelCapability *cap);
+int dml_getSupportedCountryList(SupportedCountryList *list);
+
+int dml_getManagementServerInfo(ManagementServerInfo *info);
+int dml_setManagementServerInfo(const ManagementServerInfo *info);
+int dml_getDefaultManagmentInfo(ManagementServerInfo *info);
+
+int dml_getOnBoardingServerInfo(OnBoardingServerInfo *info);
+int dml_setOnBoardStatus(const char *status);
+int dml_setOpSubnetDesc(const char *opDesc, const char *subnetDesc);
+
+int dml_getWorkMode(char mode[DML_WORKMODE_LEN]);
+int dml_getWorkRole(char role[DML_WORKMODE_LEN]);
+
+int dml_getNodeInfo(NodeInfo *info);
+
+int dml_getCountryID(char code[DML_COUNTRYID_LEN]);
+int dml_setCountryID(const char *code);
+
+int dml_getTimeZone(char tz[DML_TIMEZONE_LEN]);
+int dml_setTimeZone(const char *tz, const char *zoneName);
+
+int dml_getKPRCConfigL1Server(KPRCConfigServer *cfg);
+int dml_setKPRCConfigL1Server(const KPRCConfigServer *cfg);
+int dml_getKPRCConfigL2Server(KPRCConfigServer *cfg);
+int dml_setKPRCConfigL2Server(const KPRCConfigServer *cfg);
+int dml_getKPRCRAccessConfig(KPRCRAccessConfig *cfg);
+int dml_setKPRCRAccessConfig(const KPRCRAccessConfig *cfg);
+int dml_getKPRCZoragentConfig(KPRCZoragentConfig *cfg);
+int dml_setKPRCZoragentConfig(const KPRCZoragentConfig *cfg);
+
+/* Platform log at three levels; the message is a printf format. */
+void dmlLogDebug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void dmlLogNotice(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void dmlLogError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+
+#ifdef __cplusplus
+}
+
+#include <cstddef>
+static_assert(sizeof(ManagementServerInfo) == 1537, "ManagementServerInfo layout");
+static_assert(offsetof(ManagementServerInfo, Username) == 1025, "ManagementServerInfo layout");
+static_assert(offsetof(ManagementServerInfo, Password) == 1281, "ManagementServerInfo layout");
+static_assert(sizeof(OnBoardingServerInfo) == 2215, "OnBoardingServerInfo layout");
+static_assert(offsetof(OnBoardingServerInfo, URL) == 1, "OnBoardingServerInfo layout");
+static_assert(offsetof(OnBoardingServerInfo, onBoardStatus) == 1026, "OnBoardingServerInfo layout");
+static_assert(offsetof(OnBoardingServerInfo, opDesc) == 1091, "OnBoardingServerInfo layout");
+static_assert(offsetof(OnBoardingServerInfo, subnetDesc) == 1124, "OnBoardingServerInfo layout");
+static_assert(offsetof(OnBoardingServerInfo, apiKey) == 1157, "OnBoardingServerInfo layout");
+static_assert(offsetof(OnBoardingServerInfo, acsConnStatus) == 2182, "OnBoardingServerInfo layout");
+static_assert(sizeof(NodeInfo) == 552, "NodeInfo layout");
+static_assert(offsetof(NodeInfo, serialNumber) == 83, "NodeInfo layout");
+static_assert(offsetof(NodeInfo, operatorId) == 472, "NodeInfo layout");
+static_assert(offsetof(NodeInfo, country) == 505, "NodeInfo layout");
+static_assert(sizeof(ModelCapability) == 68, "ModelCapability layout");
+static_assert(offsetof(ModelCapability, isCCSyncRequired) == 66, "ModelCapability layout");
+static_assert(sizeof(CountryEntry) == 69, "CountryEntry layout");
+static_assert(offsetof(CountryEntry, code) == 64, "CountryEntry layout");
+static_assert(offsetof(CountryGroup, countryCount) == 8, "CountryGroup layout");
+static_assert(sizeof(void *) != 4 || sizeof(CountryGroup) == 16, "CountryGroup layout (32-bit)");
+static_assert(sizeof(void *) != 4 || offsetof(CountryGroup, countries) == 12, "CountryGroup layout (32-bit)");
+static_assert(sizeof(void *) != 4 || offsetof(SupportedCountryList, groups) == 4,
+              "SupportedCountryList layout (32-bit)");
+static_assert(sizeof(KPRCConfigServer) == 1793, "KPRCConfigServer layout");
+static_assert(offsetof(KPRCConfigServer, URL) == 256, "KPRCConfigServer layout");
+static_assert(offsetof(KPRCConfigServer, flags) == 1792, "KPRCConfigServer layout");
+static_assert(sizeof(KPRCRAccessConfig) == 1024, "KPRCRAccessConfig layout");
+static_assert(sizeof(KPRCZoragentConfig) == 2048, "KPRCZoragentConfig layout");
+static_assert(offsetof(KPRCZoragentConfig, apiKey) == 1024, "KPRCZoragentConfig layout");
+#endif
+
+#endif

@@ -1,0 +1,32 @@
+# Installs what building and testing need, from Debian's packages, when it is
+# missing.  Sourced by the other scripts; needs root (or sudo) only when
+# something has to be installed.
+TAVEL_DEPS="build-essential cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
+  libcurl4-openssl-dev libdbus-1-dev dbus-daemon libgtest-dev googletest
+  openssl python3 faketime cppcheck clang-tidy clang-format"
+
+tavel_missing_packages() {
+    local missing="" p
+    for p in "$@"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
+    done
+    echo "$missing"
+}
+
+tavel_ensure_packages() {
+    local missing
+    missing=$(tavel_missing_packages "$@")
+    [ -z "$missing" ] && return 0
+    echo "Installing:$missing" >&2
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    export DEBIAN_FRONTEND=noninteractive
+    $sudo apt-get update -qq
+    # shellcheck disable=SC2086
+    $sudo apt-get install -y -qq --no-install-recommends $missing >/dev/null
+}
+
+# Debian's python3 is what the tests run with, whatever else is on PATH.
+tavel_python() {
+    if [ -x /usr/bin/python3 ]; then echo /usr/bin/python3; else command -v python3; fi
+}

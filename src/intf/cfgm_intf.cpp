@@ -1,0 +1,297 @@
+// Management-server object, its backup copy, the agent object, and the cloud
+// settings' emptiness checks.  Every operation reads the data model afresh into
+// a zeroed record on its own stack; nothing is cached between calls because
+// other device software changes these objects at any time.
+#include "cfgm_intf.h"
+
+#include <string.h>
+
+#include "dml.h"
+#include "tavel_externalinft.h"
+#include "util.h"
+
+namespace
+{
+
+const char kConnStatusNames[CONN_STATUS_COUNT][32] = {
+    "NoConnection",
+    "ConnectionFailed_Error_110",
+    "ConnectionSuccess",
+    "ConnectionFailed_Error_204",
+    "ConnectionFailed_Error_400",
+    "ConnectionFailed_Error_401",
+    "ConnectionFailed_Error_403",
+    "ConnectionFailed_Error_500",
+    "ConnectionFailed_Error_503",
+    "ConnectionFailed_Error_no_cert",
+    "ConnectionFailed_Error_curl",
+};
+
+const char *safe(const char *s)
+{
+    return s != nullptr ? s : "";
+}
+
+bool acsConnFailed(const OnBoardingServerInfo &info)
+{
+    return strncmp(info.acsConnStatus, "ACSConnFailed", sizeof(info.acsConnStatus)) == 0 ||
+           strncmp(info.acsConnStatus, "ACSRetryReq", sizeof(info.acsConnStatus)) == 0;
+}
+
+} // namespace
+
+int getworkMode(void)
+{
+    char mode[DML_WORKMODE_LEN] = {0};
+    char role[DML_WORKMODE_LEN] = {0};
+    if (tavel_intf_getWorkMode(mode) != 0 || tavel_intf_getWorkRole(role) != 0) {
+        TAVEL_LOGE("get of OID_WIFISERVICE failed\n");
+        return -1;
+    }
+    TAVEL_LOGD("workMode= %s, workRole=%s\n", mode, role);
+    if (strcmp(mode, "RGW") == 0) {
+        return 1;
+    }
+    if (strcmp(mode, "AP_Bridge") == 0 && strcmp(role, "Controller") == 0) {
+        return 1;
+    }
+    if (strcmp(mode, "CFG") == 0) {
+        return -1;
+    }
+    return 0;
+}
+
+void getOnBoardServerInfo(HttpInfo *serverInfo)
+{
+    OnBoardingServerInfo info;
+    memset(&info, 0, sizeof(info));
+    TAVEL_LOGN("getOnBoardServerInfo Entered ....\n");
+    if (dml_getOnBoardingServerInfo(&info) == 0) {
+        tavel_copyText(serverInfo->url, sizeof(serverInfo->url), info.URL, sizeof(serverInfo->url) - 1);
+        serverInfo->enable = info.enable != 0 ? 1 : 0;
+    } else {
+        TAVEL_LOGE("get of OID_TAVELAGENT failed\n");
+    }
+    tavel_copyText(serverInfo->x_api_key, sizeof(serverInfo->x_api_key), info.apiKey,
+                   sizeof(serverInfo->x_api_key) - 1);
+    TAVEL_LOGD("getOnBoardServerInfo : serverInfo->url=%s \n", serverInfo->url);
+}
+
+int isSameManagementAccount(const ServerData *account)
+{
+    ManagementServerInfo backup;
+    memset(&backup, 0, sizeof(backup));
+    if (dml_getDefaultManagmentInfo(&backup) != 0) {
+        TAVEL_LOGE("get of MANAGEMENT Backup Obj failed\n");
+        return 0;
+    }
+    if (backup.URL[0] == '\0') {
+        return 0;
+    }
+    return strncmp(backup.URL, safe(account->mgmtUrl), 1024) == 0 &&
+                   strncmp(backup.Username, safe(account->cdpusername), 255) == 0 &&
+                   strncmp(backup.Password, safe(account->cdppassword), 255) == 0
+               ? 1
+               : 0;
+}
+
+const char *getConnStatusString(int index)
+{
+    unsigned i = static_cast<unsigned>(index);
+    return i < CONN_STATUS_COUNT ? kConnStatusNames[i] : nullptr;
+}
+
+int updateOnBoardServerStatus(int index)
+{
+    OnBoardingServerInfo info;
+    memset(&info, 0, sizeof(info));
+    TAVEL_LOGD("updateOnBoardServerStatus Entered ....\n");
+    const char *name = getConnStatusString(index);
+    if (name == nullptr) {
+        TAVEL_LOGE("Invalied Connection Status \n");
+        return -1;
+    }
+    TAVEL_LOGN("Conn status string:%s\n", name);
+    if (dml_getOnBoardingServerInfo(&info) != 0) {
+        TAVEL_LOGE("get of  TAVELAGENT failed\n");
+        return -1;
+    }
+    tavel_copyText(info.onBoardStatus, sizeof(info.onBoardStatus), name, 64);
+    if (dml_setOnBoardStatus(info.onBoardStatus) != 0) {
+        TAVEL_LOGE("set of  TAVELAGENT failed\n");
+    }
+    return 0;
+}
+
+int tavel_setMgmtServerObj(const ServerData *account)
+{
+    OnBoardingServerInfo agent;
+    ManagementServerInfo acsCfg;
+    memset(&agent, 0, sizeof(agent));
+    memset(&acsCfg, 0, sizeof(acsCfg));
+
+    if (dml_getManagementServerInfo(&acsCfg) != 0) {
+        TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
+        return -1;
+    }
+    // The TR-069 client drops its connection when the URL disappears; only
+    // then may it see the new account, or it would keep talking to the old ACS.
+    TAVEL_LOGN("Setting URL in MangamentServerObject to NULL to wait for TR069 to close the socket\n");
+    acsCfg.URL[0] = '\0';
+    acsCfg.Username[0] = '\0';
+    acsCfg.Password[0] = '\0';
+    if (dml_setManagementServerInfo(&acsCfg) != 0) {
+        TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
+        return -1;
+    }
+    TAVEL_LOGN("Sleeping tavelAgent for 5 seconds ......\n");
+    tavel_sleep(5);
+    TAVEL_LOGN("End of tavelAgent sleep\n");
+
+    memset(&acsCfg, 0, sizeof(acsCfg));
+    if (dml_getManagementServerInfo(&acsCfg) != 0) {
+        TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
+        return -1;
+    }
+    tavel_copyText(acsCfg.Username, sizeof(acsCfg.Username), safe(account->cdpusername), 255);
+    tavel_copyText(acsCfg.Password, sizeof(acsCfg.Password), safe(account->cdppassword), 255);
+    tavel_copyText(acsCfg.URL, sizeof(acsCfg.URL), safe(account->mgmtUrl), 1024);
+    if (dml_setManagementServerInfo(&acsCfg) != 0) {
+        TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
+        return -1;
+    }
+    TAVEL_LOGN("acsCfg.Username :%s \n", acsCfg.Username);
+    TAVEL_LOGN("acsCfg.URL :%s \n", acsCfg.URL);
+    TAVEL_LOGN("############# \n");
+
+    if (dml_getOnBoardingServerInfo(&agent) != 0) {
+        TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
+        return -1;
+    }
+    tavel_copyText(agent.opDesc, sizeof(agent.opDesc), safe(account->operdesc), 32);
+    tavel_copyText(agent.subnetDesc, sizeof(agent.subnetDesc), safe(account->subnetdesc), 32);
+    if (dml_setOpSubnetDesc(agent.opDesc, agent.subnetDesc) != 0) {
+        TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
+        return -1;
+    }
+    return 0;
+}
+
+int tavel_isMgmtServerUrlEmpty(void)
+{
+    ManagementServerInfo acsCfg;
+    memset(&acsCfg, 0, sizeof(acsCfg));
+    if (dml_getManagementServerInfo(&acsCfg) != 0) {
+        TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
+        return 1;
+    }
+    TAVEL_LOGN("Curent the acsCfg.URL is [%s]\n", acsCfg.URL);
+    if (strcmp(acsCfg.URL, TAVEL_FACTORY_ACS_URL) == 0 || strcmp(acsCfg.URL, " ") == 0) {
+        TAVEL_LOGE("Go For Polling .... preCfgMgmtUrl:%s\n", acsCfg.URL);
+        return 1;
+    }
+    if (strstr(acsCfg.URL, "http") != nullptr && acsCfg.Username[0] != '\0' && acsCfg.Password[0] != '\0') {
+        TAVEL_LOGE("No Polling .... VALID URL Config preset Already ... EXIT\n");
+        return 0;
+    }
+    TAVEL_LOGE("Go For Polling .... EMPTY URL\n");
+    return 1;
+}
+
+int tavel_isConnStatusFailed(void)
+{
+    OnBoardingServerInfo info;
+    memset(&info, 0, sizeof(info));
+    if (tavel_isMgmtServerUrlEmpty() == 1) {
+        return 0;
+    }
+    if (dml_getOnBoardingServerInfo(&info) != 0) {
+        dmlLogError(" get TavelAgentObject failed \n");
+        return 1;
+    }
+    if (!acsConnFailed(info)) {
+        return 0;
+    }
+    // One more chance for the TR-069 client before the account counts as bad.
+    TAVEL_LOGE(" sleep for 5 mins to give time for CDP connetion to complete");
+    tavel_sleep(300);
+    TAVEL_LOGE(" sleep for 5 mins over check cdp connectoin ");
+    memset(&info, 0, sizeof(info));
+    if (dml_getOnBoardingServerInfo(&info) != 0) {
+        return 0;
+    }
+    return acsConnFailed(info) ? 1 : 0;
+}
+
+namespace
+{
+
+struct CloudCheck {
+    int (*get)(char *, size_t);
+    size_t bufSize;
+    const char *current;
+    const char *empty;
+    const char *present;
+    const char *unreadable;
+};
+
+// A failed read counts as "not empty": onboarding is not started on the
+// strength of a data model that could not be read.
+int isCloudSettingEmpty(const CloudCheck &c, const char *func)
+{
+    char buf[1024] = {0};
+    if (c.get(buf, c.bufSize) == 0) {
+        dmlLogNotice(c.unreadable, func, __FILE_NAME__, __LINE__);
+        return 0;
+    }
+    dmlLogNotice(c.current, func, __FILE_NAME__, __LINE__, buf);
+    if (buf[0] == '\0') {
+        dmlLogNotice(c.empty, func, __FILE_NAME__, __LINE__, buf);
+        return 1;
+    }
+    dmlLogNotice(c.present, func, __FILE_NAME__, __LINE__, buf);
+    return 0;
+}
+
+} // namespace
+
+// The formats are built here, literal by literal, so the compiler still checks
+// them against their single argument.
+#define CLOUD_CHECK(getter, size, name, what)                                                                \
+    CloudCheck                                                                                               \
+    {                                                                                                        \
+        getter, size, TAVEL_LOG_PREFIX "current " name " is [%s]\n",                                         \
+            TAVEL_LOG_PREFIX " default value present go for polling ..." what " %s\n",                       \
+            TAVEL_LOG_PREFIX " valid url present no need to poll ..." what " %s\n",                          \
+            TAVEL_LOG_PREFIX "unable to get " what "\n"                                                      \
+    }
+
+int tavel_isL1ClouldUrlEmpty(void)
+{
+    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getL1ClouldURL, 1024, "L1ClouldURL", "l1ClouldUrl"),
+                               __func__);
+}
+
+int tavel_isL2ClouldUrlEmpty(void)
+{
+    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getL2ClouldURL, 1024, "L2ClouldURL", "l2ClouldUrl"),
+                               __func__);
+}
+
+int tavel_isRMAPPUrlEmpty(void)
+{
+    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getRMAPPURL, 1024, "mappUrl", "mappUrl"), __func__);
+}
+
+int tavel_isKPRconfigUrlEmpty(void)
+{
+    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getkprconfigUrl, 256, "kprConfigUrl", "kprConfigUrl"),
+                               __func__);
+}
+
+int tavel_isKPRconfigApikeyEmpty(void)
+{
+    CloudCheck c = CLOUD_CHECK(tavel_intf_getkprconfigApikey, 256, "kprConfigApikey", "kprConfigApikey");
+    c.present = TAVEL_LOG_PREFIX " valid Apikey present no need to poll ...kprConfigApikey %s\n";
+    return isCloudSettingEmpty(c, __func__);
+}

@@ -1,0 +1,23 @@
+/* The agent's bus service: name, dummyFunction, signal table, match rules. */
+#ifndef TAVEL_SERVICE_H
+#define TAVEL_SERVICE_H
+
+#include <stdint.h>
+
+#include "hbus.h"
+
+#define TAVEL_BUS_NAME "velka.tavel"
+#define TAVEL_SIGNAL_COUNT 6
+
+extern const hbusSignalEntry tavelSignalTable[TAVEL_SIGNAL_COUNT];
+
+int start_tavel_service(void);
+int register_tavel_service(void);
+void tavel_addSignalMatches(void);
+void tavel_removeSignalMatches(void);
+void onVelkaTavelDispatch(hbusService *svc, hbusMessage *msg, hbusMessage *reply, uint8_t *handled);
+uint32_t onDummyFunction(int32_t arg);
+void tavel_handleSetLogLevel(void *conn, void *msg, const void *payload, uint32_t len);
+void tavel_handleSetLogDestination(void *conn, void *msg, const void *payload, uint32_t len);
+
+#endif

@@ -1,0 +1,173 @@
+// Process entry of tavelAgent: start-up, the onboarding-needed decision, and
+// the idle loop.  Everything after the decision runs on the timer thread
+// (main_timers.cpp) or on the bus thread (intf/tavel_service.cpp).
+#include <pthread.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "cfgm_intf.h"
+#include "main.h"
+#include "tavel_service.h"
+#include "util.h"
+
+namespace
+{
+
+const char *const kFirewallCommands[] = {
+    "iptables -D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
+    "iptables -D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
+    "iptables -I INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
+    "iptables -I INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
+};
+
+// The five cloud settings in the order the decision tests them; the first one
+// that is set ends the test.
+bool allCloudSettingsEmpty()
+{
+    int (*const checks[])() = {tavel_isL1ClouldUrlEmpty, tavel_isL2ClouldUrlEmpty, tavel_isRMAPPUrlEmpty,
+                               tavel_isKPRconfigUrlEmpty, tavel_isKPRconfigApikeyEmpty};
+    for (auto check : checks) {
+        if (check() != 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool onboardingNeeded()
+{
+    if (tavel_isMgmtServerUrlEmpty() == 1 && allCloudSettingsEmpty()) {
+        return true;
+    }
+    if (tavel_isConnStatusFailed() == 1) {
+        return true;
+    }
+    if (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0 || tavel_access(TAVEL_CLOULDURLCONFIG_FILE) != 0) {
+        return true;
+    }
+    return _g_modelCapability.isCCSyncRequired != 0 && tavel_access(TAVEL_CC_CONFIGURED_BY) != 0 &&
+           tavel_access(TAVEL_COUNTRY_CODE_FILE) != 0;
+}
+
+void logSettings()
+{
+    TAVEL_LOGN("tavel_isMgmtServerUrlEmpty %d \n", tavel_isMgmtServerUrlEmpty());
+    int l1 = tavel_isL1ClouldUrlEmpty();
+    int l2 = tavel_isL2ClouldUrlEmpty();
+    int mapp = tavel_isRMAPPUrlEmpty();
+    TAVEL_LOGN(" isL1ClouldUrlEmpty %d isL2ClouldUrlEmpty %d isMAPPUrlEmpty %d \n", l1, l2, mapp);
+    int kprUrl = tavel_isKPRconfigUrlEmpty();
+    int kprKey = tavel_isKPRconfigApikeyEmpty();
+    TAVEL_LOGN("isKPRconfigUrlEmpty %d isKPRconfigApikeyEmpty %d\n", kprUrl, kprKey);
+    TAVEL_LOGN("access(TAVEL_TIMEZONECONFIG_FILE, F_OK) %d _g_modelCapability.isCCSyncRequired %d "
+               "(access(TAVEL_CC_CONFIGURED_BY, F_OK) %d access(TAVEL_COUNTRY_CODE_FILE, F_OK) %d \n",
+               tavel_access(TAVEL_TIMEZONECONFIG_FILE), _g_modelCapability.isCCSyncRequired,
+               tavel_access(TAVEL_CC_CONFIGURED_BY), tavel_access(TAVEL_COUNTRY_CODE_FILE));
+    TAVEL_LOGN("access(TAVEL_CLOULDURLCONFIG_FILE) [%d]\n", tavel_access(TAVEL_CLOULDURLCONFIG_FILE));
+}
+
+// A country code parked while a mobile-app onboarding ran is applied (or
+// parked again) after a restart.
+void applyParkedCountryCode()
+{
+    TAVEL_LOGN("Country code file is present, Reading from the file!!\n");
+    char buf[4] = {0};
+    if (tavel_getDataFromFile(buf, TAVEL_COUNTRY_CODE_FILE, sizeof(buf), 0) == -1) {
+        return;
+    }
+    tavel_copyText(g_serverData.countryCode, sizeof(g_serverData.countryCode), buf, 3);
+    if (validateCountryCode(g_serverData.countryCode) == 0) {
+        TAVEL_LOGN("valid country code = %s!!\n", g_serverData.countryCode);
+        tavel_setCountryCode(g_serverData.countryCode);
+    }
+}
+
+} // namespace
+
+void *busThreadMain(void *)
+{
+    start_tavel_service();
+    return nullptr;
+}
+
+void tavelInit(void)
+{
+    const char *certPath = dml_getHIECertifcatePath();
+    tavel_copyText(g_certPath, sizeof(g_certPath), certPath, sizeof(g_certPath) - 1);
+    initAgentState();
+    getOnBoardServerInfo(&g_httpInfo);
+    if (g_httpInfo.enable == 0) {
+        exit(0);
+    }
+    initTimerSig();
+    for (const char *cmd : kFirewallCommands) {
+        tavel_runCommand(strlen(cmd) + 1, "%s", cmd);
+    }
+    dml_getModelCapability(&_g_modelCapability);
+    if (_g_modelCapability.isCCSyncRequired != 0) {
+        if (dml_getSupportedCountryList(&g_supportedCountryList) != 0) {
+            TAVEL_LOGE("dml_getSupportedCountryList failed\n");
+        } else {
+            TAVEL_LOGE("dml get supported list success\n");
+        }
+    } else {
+        TAVEL_LOGD("Capability: country code sync not required\n");
+    }
+}
+
+int main()
+{
+    // The timer signal is taken by the timer thread alone; every thread
+    // created from here on (bus, libraries) inherits it blocked.
+    sigset_t timerSignal;
+    sigemptyset(&timerSignal);
+    sigaddset(&timerSignal, TAVEL_TIMER_SIGNAL);
+    pthread_sigmask(SIG_BLOCK, &timerSignal, nullptr);
+
+    // The root is pasted into shell command lines, so anything a shell could
+    // read as more than a path is refused before it gets near one.
+    if (tavel_rootInit() != 0) {
+        fprintf(stderr,
+                "tavelAgent: TAVEL_ROOT must be at most %d characters of A-Za-z0-9/._-; not starting\n",
+                TAVEL_ROOT_MAX);
+        dmlLogError(TAVEL_LOG_PREFIX
+                    "TAVEL_ROOT must be at most %d characters of A-Za-z0-9/._-; not starting\n",
+                    __func__, __FILE_NAME__, __LINE__, TAVEL_ROOT_MAX);
+        return 0;
+    }
+    // Operators watch the dumps live.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    {
+        AgentLockGuard guard;
+        TAVEL_LOGD("TAVEL: Start \n");
+        dml_init(2);
+        TAVEL_LOGE("TAVELAgent start...\n");
+        TAVEL_LOGE("tavelInit Start ...  \n");
+        tavelInit();
+        TAVEL_LOGD("tavelInit End ...  \n");
+
+        pthread_t busThread;
+        if (pthread_create(&busThread, nullptr, busThreadMain, nullptr) != 0) {
+            TAVEL_LOGE("PM pthread_create failed\n");
+            exit(0);
+        }
+        pthread_detach(busThread);
+
+        logSettings();
+        if (onboardingNeeded()) {
+            TAVEL_LOGD("Connect to onBoardServer  ...  \n");
+            validateSystemTimeAndStartPolling();
+        } else if (tavel_access(TAVEL_COUNTRY_CODE_FILE) == 0 && _g_modelCapability.isCCSyncRequired != 0) {
+            applyParkedCountryCode();
+        } else {
+            TAVEL_LOGN("Valid Management URL is present ... EXIT TavelAgent!!\n");
+            exitTavel();
+        }
+    }
+    for (;;) {
+        tavel_sleep(1000000);
+    }
+}

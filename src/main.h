@@ -1,0 +1,171 @@
+/*
+ * Process-wide state of the agent and the operations of the main module
+ * (start-up, timers, the onboarding run, country code and time zone).
+ *
+ * Concurrency: the records below are touched by the main thread during
+ * start-up, by the timer thread that runs every timer expiry, and by the bus
+ * thread's handlers.  Each of those holds the agent lock (util.h) while it
+ * runs a step; a step gives the lock up only while it sleeps.
+ */
+#ifndef TAVEL_MAIN_H
+#define TAVEL_MAIN_H
+
+#include <signal.h>
+#include <stdint.h>
+#include <time.h>
+
+#include "dml.h"
+
+/* Marker and data files (device paths; TAVEL_ROOT is prefixed at use). */
+#define TAVEL_TIMEZONECONFIG_FILE "/flash/mcq/tavel/timezoneconfigdone.txt"
+#define TAVEL_CLOULDURLCONFIG_FILE "/flash/mcq/tavel/KPRCConfigdone.txt"
+#define TAVEL_CC_CONFIGURED_BY "/configs/cc_configured_by"
+#define TAVEL_COUNTRY_CODE_FILE "/flash/cc_from_tavel"
+#define TAVEL_MARKER_DIR "/flash/mcq/tavel"
+#define TAVEL_ONBOARDING_IN_PROGRESS_FILE "/tmp/onboarding_in_progress"
+#define TAVEL_TIMEZONE_MAPPING_FILE "/usr/configs/timezonemapping.csv"
+
+#define TAVEL_FW_DPORTS "47777:47780"
+#define TAVEL_LOCAL_PORT 47777
+#define TAVEL_LOCAL_PORT_RANGE 3
+#define TAVEL_DEFAULT_TIMEOUT 25
+#define TAVEL_CC_APPLY_WAIT 1800
+#define TAVEL_TIMER_SIGNAL SIGUSR1 /* 10 */
+
+/* Result codes of the agent, in the same space as HTTP status codes. */
+#define TAVEL_RC_BAD_STATUS 504
+#define TAVEL_RC_NO_CERT 505
+#define TAVEL_RC_TRANSFER_FAILED 5000
+#define TAVEL_RC_TZ_UNAVAILABLE 5001
+#define TAVEL_RC_NO_RESPONSE_CODE 5002
+
+typedef struct HttpInfo {
+    char url[256];
+    uint8_t enable;
+    int32_t timeout;
+    int32_t authEnabled;
+    char authType[16];
+    char userName[16];
+    char password[16];
+    int32_t mss;
+    char x_api_key[128];
+    char caCertPath[68];
+} HttpInfo;
+
+typedef struct ServerData {
+    char *mgmtUrl;
+    char *cdpusername;
+    char *cdppassword;
+    char *operdesc;
+    char *subnetdesc;
+    char *tenantID;
+    char countryCode[4];
+    char *l1url;
+    char *l2url;
+    char *remotemappurl;
+    char *kprconfigurl;
+    char *kprconfigapikey;
+} ServerData;
+
+typedef struct TimezoneData {
+    char timezone[50];
+    char cityname[50];
+    char errorcode[50];
+} TimezoneData;
+
+typedef struct TavelCtrl {
+    int32_t statusUpdatePending;
+    int32_t retryCount;
+    timer_t statusUpdateTimer;
+    timer_t retryTimer;
+    timer_t startWaitTimer;
+    timer_t ccApplyTimer;
+} TavelCtrl;
+
+typedef struct AcsBootstrapStatus {
+    uint8_t reserved[32];
+    int32_t status;
+} AcsBootstrapStatus;
+static_assert(sizeof(AcsBootstrapStatus) == 36, "AcsBootstrapStatus layout");
+
+/* Index into the ConnStatus name table. */
+enum ConnStatus {
+    CONN_STATUS_NO_CONNECTION = 0,
+    CONN_STATUS_FAILED_110 = 1,
+    CONN_STATUS_SUCCESS = 2,
+    CONN_STATUS_FAILED_204 = 3,
+    CONN_STATUS_FAILED_400 = 4,
+    CONN_STATUS_FAILED_401 = 5,
+    CONN_STATUS_FAILED_403 = 6,
+    CONN_STATUS_FAILED_500 = 7,
+    CONN_STATUS_FAILED_503 = 8,
+    CONN_STATUS_FAILED_NO_CERT = 9,
+    CONN_STATUS_FAILED_CURL = 10,
+    CONN_STATUS_COUNT = 11
+};
+
+extern char g_certPath[28];
+extern HttpInfo g_httpInfo;
+extern ServerData g_serverData;
+extern TimezoneData g_timezoneData;
+extern char g_timezone[50];
+extern char g_continent_city[50];
+extern char g_timezoneCode[50];
+extern ModelCapability _g_modelCapability;
+extern SupportedCountryList g_supportedCountryList;
+extern TavelCtrl g_tavelCtrl;
+extern AcsBootstrapStatus g_acsBootstrapStatus;
+extern int32_t g_timerAliveFlag;
+extern int32_t g_statusRetryPending;
+extern int32_t g_tzFailEventSent;
+extern int32_t g_serverDataNotUsed;
+extern int32_t g_lastErrorCode;
+extern int32_t g_retryTimeout;
+
+/* --- start-up (main.cpp) --- */
+void initAgentState(void);
+void tavelInit(void);
+void *busThreadMain(void *arg);
+
+/* --- timers, back-off and exit (main_timers.cpp) --- */
+void initTimerSig(void);
+void startTimer(int seconds, timer_t timer);
+/* Runs the step that belongs to the timer whose handle lives at value. */
+void dispatchTimerExpiry(void *value);
+int getRandomJitter(int kind);
+int getRetryExpTimerValue(void);
+void getTimerByType(int type, timer_t *timer);
+int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type);
+void exitTavel(void);
+
+/* --- onboarding run (main_onboarding.cpp) --- */
+void validateSystemTimeAndStartPolling(void);
+void connectToOnBoardServer(void);
+int httpCodeToConnStatus(int code);
+void updateStatus2OnBoardServer(const AcsBootstrapStatus *status);
+void appendStatusSuffix(char *url, int statusValue);
+void dumpHttpConnectionDetails(void);
+void dumpAcsConnectionDetails(void);
+
+/* --- country code (main_country.cpp) --- */
+int validateCountryCode(const char *code);
+int checkCcConfiguredBy(void);
+void tavel_setCountryCode(const char *code);
+void update_country_code(const char *code);
+int tavel_setDataToFile(const char *path, const void *data, size_t size, int lock);
+int tavel_getDataFromFile(char *buffer, const char *path, int size, int lock);
+int read_from_file(const char *command, char *buffer, int size, int lock);
+void removeCountryCodeFile(void);
+void stripTrailingNewline(char *text);
+
+/* --- time zone (main_timezone.cpp) --- */
+void handle_timezoneHeader(const char *line, size_t length);
+void removeBackslashes(char *text);
+int gettimezonecmd(char *line, int size);
+void gettimezoneandzonename(char *line, char *timezone, char *timezonename);
+void tavel_handleTimezonedetails(const TimezoneData *data);
+
+/* --- cloud settings application (main_cloud.cpp) --- */
+void tavel_setCloudMAPPURL(ServerData serverData);
+
+#endif

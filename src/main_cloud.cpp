@@ -1,0 +1,38 @@
+// Applies the cloud endpoints received from the onboarding server.
+#include "main.h"
+#include "tavel_externalinft.h"
+#include "util.h"
+
+namespace
+{
+const char *text(const char *s)
+{
+    return s != nullptr ? s : "";
+}
+} // namespace
+
+void tavel_setCloudMAPPURL(ServerData serverData)
+{
+    TAVEL_LOGN(" l1ClouldUrl %s l2ClouldUrl%s remotemappUrl %s kprConfigUrl[%s] kprConfigApikey[%s] \n",
+               text(serverData.l1url), text(serverData.l2url), text(serverData.remotemappurl),
+               text(serverData.kprconfigurl), text(serverData.kprconfigapikey));
+
+    // An empty value (absent, or "NA" from the server) leaves the setting as
+    // it is; a failed write is logged by its setter and the rest still go out.
+    struct {
+        const char *value;
+        int (*set)(const char *);
+    } const writes[] = {
+        {serverData.l1url, tavel_intf_setL1ClouldURL},
+        {serverData.l2url, tavel_intf_setL2ClouldURL},
+        {serverData.remotemappurl, tavel_intf_setRMAPPURL},
+        {serverData.kprconfigurl, tavel_intf_setkprconfigUrl},
+        {serverData.kprconfigapikey, tavel_intf_setkprconfigApikey},
+    };
+    for (const auto &w : writes) {
+        if (w.value != nullptr && w.value[0] != '\0') {
+            w.set(w.value);
+        }
+    }
+    tavel_runCommand(64, "touch %s%s", tavel_root(), TAVEL_CLOULDURLCONFIG_FILE);
+}

@@ -1,0 +1,299 @@
+// The onboarding run: wait for a plausible clock and the device's role, fetch
+// the onboarding data, apply what is new, and report the bootstrap outcome.
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+
+#include "cfgm_intf.h"
+#include "main.h"
+#include "tavel_curl.h"
+#include "util.h"
+
+namespace
+{
+
+const char *text(const char *s)
+{
+    return s != nullptr ? s : "";
+}
+
+bool isEmpty(const char *s)
+{
+    return s == nullptr || s[0] == '\0';
+}
+
+void armRetry(int code, int type)
+{
+    int seconds = 0;
+    timer_t timer = nullptr;
+    if (getTimerIdForErrorCode(code, &seconds, &timer, type) == 0) {
+        startTimer(seconds, timer);
+    }
+}
+
+// Step 10 of a successful fetch: apply the received time zone when it has not
+// been configured yet, or when the mapped zone differs from the device's.
+void applyTimezone()
+{
+    if (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
+        tavel_handleTimezonedetails(&g_timezoneData);
+        return;
+    }
+    char current[DML_TIMEZONE_LEN] = {0};
+    dml_getTimeZone(current);
+    // The device value carries a 3-character prefix the mapping file lacks.
+    const char *compare = strlen(current) >= 3 ? current + 3 : "";
+    TAVEL_LOGN("timezoneconfigdone file present, timezone from dml: %s", current);
+
+    char cmd[500] = {0};
+    if (gettimezonecmd(cmd, sizeof(cmd)) != 0) {
+        TAVEL_LOGE("gettimezonecmd failed");
+        return;
+    }
+    char timezonename[52] = {0};
+    gettimezoneandzonename(cmd, g_timezone, timezonename);
+    // The mapped value ends in a character the device does not store.
+    size_t len = strnlen(g_timezone, sizeof(g_timezone));
+    size_t n = len > 0 ? len - 1 : SIZE_MAX;
+    if (strncmp(compare, g_timezone, n) != 0) {
+        TAVEL_LOGN("Different timezone, handling timezone update, g_timezone: %s", g_timezone);
+        tavel_handleTimezonedetails(&g_timezoneData);
+    } else {
+        TAVEL_LOGN("Same timezone");
+    }
+}
+
+void applyCountryCode()
+{
+    if (_g_modelCapability.isCCSyncRequired == 0) {
+        TAVEL_LOGD("Capability: country code sync is not applicable");
+    } else if (g_serverData.countryCode[0] == '\0') {
+        TAVEL_LOGE("country code got from tavel server is empty\n");
+    } else if (validateCountryCode(g_serverData.countryCode) == 0) {
+        tavel_setCountryCode(g_serverData.countryCode);
+    } else {
+        TAVEL_LOGE("country code from tavel %s is not valid\n", g_serverData.countryCode);
+    }
+}
+
+void printLine(const char *fmt, const char *value)
+{
+    printf(fmt, value);
+    fflush(stdout);
+}
+
+} // namespace
+
+void validateSystemTimeAndStartPolling(void)
+{
+    time_t now = time(nullptr);
+    struct tm local;
+    memset(&local, 0, sizeof(local));
+    if (localtime_r(&now, &local) == nullptr || local.tm_year <= 70) {
+        startTimer(10, g_tavelCtrl.startWaitTimer);
+        TAVEL_LOGD("TAVEL Waiting for system time !!\n");
+        return;
+    }
+    TAVEL_LOGE("TAVEL Got Valid Time ... Connecting to Ob Server !!\n");
+    int mode = getworkMode();
+    if (mode == -1) {
+        TAVEL_LOGE("TAVEL work mode is CFG... Waiting to take Role !!\n");
+        startTimer(10, g_tavelCtrl.startWaitTimer);
+        return;
+    }
+    if (mode == 0) {
+        TAVEL_LOGE("TAVEL work mode is AP-Bridge... Exit Tavel !!\n");
+        exitTavel();
+        return;
+    }
+    TAVEL_LOGE("TAVEL work mode is ROOT... Continue !!\n");
+    timer_delete(g_tavelCtrl.startWaitTimer);
+    connectToOnBoardServer();
+}
+
+void connectToOnBoardServer(void)
+{
+    HttpInfo info;
+    memset(&info, 0, sizeof(info));
+    getOnBoardServerInfo(&info);
+    if (info.enable == 0) {
+        exitTavel();
+    }
+    memcpy(info.caCertPath, g_httpInfo.caCertPath, sizeof(info.caCertPath));
+    info.timeout = g_httpInfo.timeout;
+
+    TAVEL_LOGE("COnnect to TAVEL Server ..... \n");
+    int code = httpGetUrlFromServer(&info, "");
+    TAVEL_LOGE("httpGetUrlFromServer ret: %d\n", code);
+    updateOnBoardServerStatus(httpCodeToConnStatus(code));
+
+    if (code != 200) {
+        if (code == TAVEL_RC_NO_CERT) {
+            TAVEL_LOGE("certificate not EXIST !!!!\n");
+            exitTavel();
+        }
+        armRetry(code, 1);
+        return;
+    }
+
+    tavel_setCloudMAPPURL(g_serverData);
+
+    char currentCode[DML_COUNTRYID_LEN] = {0};
+    dml_getCountryID(currentCode);
+    TAVEL_LOGN("CC sync required %d current country code %s country code recieved from tavel server %s\n",
+               _g_modelCapability.isCCSyncRequired, currentCode, g_serverData.countryCode);
+
+    const char *url = g_serverData.mgmtUrl;
+    if (isEmpty(url) || strcmp(url, "NA") == 0) {
+        TAVEL_LOGN("TavelServer send NA/NULL values no need to retry or update data model");
+        g_serverDataNotUsed = 1;
+    } else if (strstr(url, "http") == nullptr || isEmpty(g_serverData.cdpusername) ||
+               isEmpty(g_serverData.cdppassword)) {
+        // An incomplete account is as good as none: ask again in about a day.
+        g_tavelCtrl.retryCount = 0;
+        armRetry(204, 1);
+        return;
+    } else if (isSameManagementAccount(&g_serverData) != 0 && tavel_isConnStatusFailed() == 0) {
+        TAVEL_LOGE("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n");
+        g_serverDataNotUsed = 1;
+    } else if (tavel_isMgmtServerUrlEmpty() == 0 && tavel_isConnStatusFailed() == 0) {
+        TAVEL_LOGN("Valid Management URL is present ... TavelServer Data not used!!\n");
+        g_serverDataNotUsed = 1;
+    } else {
+        TAVEL_LOGN("Valid Management URL is NOT presnt .. apply TavelServer Data\n");
+        dumpHttpConnectionDetails();
+        dumpAcsConnectionDetails();
+        tavel_setMgmtServerObj(&g_serverData);
+        g_tavelCtrl.statusUpdatePending = 1;
+    }
+
+    applyTimezone();
+    applyCountryCode();
+
+    if (g_serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 && g_timerAliveFlag == 0) {
+        TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_timerAliveFlag);
+        exitTavel();
+    }
+}
+
+int httpCodeToConnStatus(int code)
+{
+    switch (code) {
+    case 110:
+        return CONN_STATUS_FAILED_110;
+    case 200:
+        return CONN_STATUS_SUCCESS;
+    case 204:
+        return CONN_STATUS_FAILED_204;
+    case 400:
+        return CONN_STATUS_FAILED_400;
+    case 401:
+        return CONN_STATUS_FAILED_401;
+    case 403:
+        return CONN_STATUS_FAILED_403;
+    case 500:
+        return CONN_STATUS_FAILED_500;
+    case 503:
+        return CONN_STATUS_FAILED_503;
+    case TAVEL_RC_NO_CERT:
+        return CONN_STATUS_FAILED_NO_CERT;
+    case TAVEL_RC_TRANSFER_FAILED:
+        return CONN_STATUS_FAILED_CURL;
+    default:
+        return CONN_STATUS_NO_CONNECTION;
+    }
+}
+
+void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
+{
+    if (g_tavelCtrl.statusUpdatePending == 0 && g_statusRetryPending == 0) {
+        return;
+    }
+    if (status != &g_acsBootstrapStatus) {
+        g_acsBootstrapStatus = *status;
+    }
+    int statusValue = g_acsBootstrapStatus.status == 1 ? 3 : 2;
+
+    HttpInfo info;
+    memset(&info, 0, sizeof(info));
+    getOnBoardServerInfo(&info);
+    memcpy(info.caCertPath, g_httpInfo.caCertPath, sizeof(info.caCertPath));
+    appendStatusSuffix(info.url, statusValue);
+
+    TAVEL_LOGE("Send Status TO Server Status %d\n", statusValue);
+    TAVEL_LOGE("Send Status TO Server URL %s\n", info.url);
+    int code = httpPutToServer(&info);
+    TAVEL_LOGN("Response code received from tavel server %d\n", code);
+
+    if (code == 200) {
+        g_tavelCtrl.statusUpdatePending = 0;
+        g_statusRetryPending = 0;
+        // The device must not lose its time zone to an early exit.
+        while (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
+            tavel_sleep(5);
+        }
+        TAVEL_LOGE(" exitTavel ");
+        exitTavel();
+        return;
+    }
+    g_statusRetryPending = 1;
+    int seconds = 0;
+    timer_t timer = nullptr;
+    int rc = getTimerIdForErrorCode(code, &seconds, &timer, 2);
+    TAVEL_LOGE("Error code [%d] for timerId\n", rc);
+    if (rc == 0) {
+        startTimer(seconds, timer);
+    }
+}
+
+void appendStatusSuffix(char *url, int statusValue)
+{
+    const char *suffix = statusValue == 3   ? "?status=SUCCESS"
+                         : statusValue == 2 ? "?status=ERROR:CONN_FAILED"
+                                            : "";
+    // The field is 256 bytes; a URL too long for its suffix is cut, never
+    // overrun.
+    size_t used = strnlen(url, 255);
+    snprintf(url + used, 256 - used, "%s", suffix);
+}
+
+void dumpHttpConnectionDetails(void)
+{
+    const char *banner = "******************** OB Server Connection Details ***********************";
+    TAVEL_LOGN("%s\n", banner);
+    TAVEL_LOGN("g_httpInfo.url: %s\n", g_httpInfo.url);
+    TAVEL_LOGN("g_httpInfo.authType %s\n", g_httpInfo.authType);
+    TAVEL_LOGN("g_httpInfo.userName %s\n", g_httpInfo.userName);
+    TAVEL_LOGN("g_httpInfo.password %s\n", g_httpInfo.password);
+    TAVEL_LOGN("g_httpInfo.x_api_key %s\n", g_httpInfo.x_api_key);
+    TAVEL_LOGN("g_httpInfo.timeout %d\n", g_httpInfo.timeout);
+    TAVEL_LOGN("g_httpInfo.authEnabled %d\n", g_httpInfo.authEnabled);
+    printf("%s\n", banner);
+    printf("g_httpInfo.url: %s\n", g_httpInfo.url);
+    printf("g_httpInfo.authType %s\n", g_httpInfo.authType);
+    printf("g_httpInfo.userName %s\n", g_httpInfo.userName);
+    printf("g_httpInfo.password %s\n", g_httpInfo.password);
+    printf("g_httpInfo.x_api_key %s\n", g_httpInfo.x_api_key);
+    printf("g_httpInfo.timeout %d\n", g_httpInfo.timeout);
+    printf("g_httpInfo.authEnabled %d\n", g_httpInfo.authEnabled);
+    fflush(stdout);
+}
+
+void dumpAcsConnectionDetails(void)
+{
+    const char *banner = "******************** ACS Connection Details ***********************";
+    TAVEL_LOGN("%s\n", banner);
+    TAVEL_LOGN("g_serverData.mgmtUrl %s\n", text(g_serverData.mgmtUrl));
+    TAVEL_LOGN("g_serverData.cdpusername %s\n", text(g_serverData.cdpusername));
+    TAVEL_LOGN("g_serverData.operdesc %s\n", text(g_serverData.operdesc));
+    TAVEL_LOGN("g_serverData.subnetdesc %s\n", text(g_serverData.subnetdesc));
+    TAVEL_LOGN("g_serverData.tenantID %s\n", text(g_serverData.tenantID));
+    printLine("%s\n", banner);
+    printLine("g_serverData.mgmtUrl %s\n", text(g_serverData.mgmtUrl));
+    printLine("g_serverData.cdpusername %s\n", text(g_serverData.cdpusername));
+    printLine("g_serverData.operdesc %s\n", text(g_serverData.operdesc));
+    printLine("g_serverData.subnetdesc %s\n", text(g_serverData.subnetdesc));
+    printLine("g_serverData.tenantID %s\n", text(g_serverData.tenantID));
+    printLine("%s\n", "\n************************************* END ***********************");
+}

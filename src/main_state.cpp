@@ -1,0 +1,59 @@
+// The agent's process-wide state records and their defaults.
+#include <stdlib.h>
+#include <string.h>
+
+#include "main.h"
+#include "util.h"
+
+char g_certPath[28];
+HttpInfo g_httpInfo;
+ServerData g_serverData;
+TimezoneData g_timezoneData;
+char g_timezone[50];
+char g_continent_city[50];
+char g_timezoneCode[50];
+ModelCapability _g_modelCapability;
+SupportedCountryList g_supportedCountryList;
+TavelCtrl g_tavelCtrl;
+AcsBootstrapStatus g_acsBootstrapStatus;
+int32_t g_timerAliveFlag;
+int32_t g_statusRetryPending;
+int32_t g_tzFailEventSent;
+int32_t g_serverDataNotUsed;
+int32_t g_lastErrorCode = TAVEL_RC_NO_RESPONSE_CODE;
+int32_t g_retryTimeout = 86400;
+
+namespace
+{
+char *emptyHeapString()
+{
+    return static_cast<char *>(calloc(1, 1));
+}
+} // namespace
+
+void initAgentState(void)
+{
+    memset(g_httpInfo.url, 0, sizeof(g_httpInfo.url));
+    tavel_copyText(g_httpInfo.authType, sizeof(g_httpInfo.authType), "None", sizeof(g_httpInfo.authType));
+    tavel_copyText(g_httpInfo.userName, sizeof(g_httpInfo.userName), "None", sizeof(g_httpInfo.userName));
+    tavel_copyText(g_httpInfo.password, sizeof(g_httpInfo.password), "None", sizeof(g_httpInfo.password));
+    memset(g_httpInfo.x_api_key, 0, sizeof(g_httpInfo.x_api_key));
+    tavel_copyText(g_httpInfo.caCertPath, sizeof(g_httpInfo.caCertPath), g_certPath, sizeof(g_certPath));
+    g_httpInfo.timeout = TAVEL_DEFAULT_TIMEOUT;
+    g_httpInfo.authEnabled = 0;
+
+    char **heap[] = {&g_serverData.mgmtUrl,      &g_serverData.cdpusername,    &g_serverData.cdppassword,
+                     &g_serverData.operdesc,     &g_serverData.subnetdesc,     &g_serverData.tenantID,
+                     &g_serverData.l1url,        &g_serverData.l2url,          &g_serverData.remotemappurl,
+                     &g_serverData.kprconfigurl, &g_serverData.kprconfigapikey};
+    for (char **field : heap) {
+        free(*field); // null at start-up; set when tests re-initialise
+        *field = emptyHeapString();
+    }
+
+    g_tavelCtrl.statusUpdatePending = 0;
+    g_tavelCtrl.retryCount = 0;
+    memset(&g_acsBootstrapStatus, 0, sizeof(g_acsBootstrapStatus));
+
+    tavel_runCommand(256, "mkdir -p %s%s", tavel_root(), TAVEL_MARKER_DIR);
+}

@@ -1,0 +1,393 @@
+/*
+ * Time-zone application: parsing the server's "timezone" reply header,
+ * mapping the received zone through the device's mapping file, and writing
+ * the result to the data model.
+ *
+ * Header values come from the network and are parsed defensively: every field
+ * a malformed value cannot fill is left empty.
+ */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+
+#include "main.h"
+#include "platform_log.h"
+#include "util.h"
+
+namespace
+{
+
+struct FileCloser {
+    void operator()(FILE *f) const { fclose(f); }
+};
+struct FreeDeleter {
+    void operator()(char *p) const { free(p); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+constexpr int kHistoryEvent = 6;
+constexpr size_t kTouchCommandSize = 64;
+constexpr size_t kFieldMax = 49;
+/* Longest mapping line taken into account, line feed not counted. */
+constexpr size_t kMappingLineMax = 499;
+
+/* glibc prints "(null)" for a null %s; spelling it out keeps the log lines
+ * the same without relying on it. */
+const char *orNull(const char *text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+void touchTimezoneMarker()
+{
+    tavel_runCommand(kTouchCommandSize, "touch %s%s", tavel_root(), TAVEL_TIMEZONECONFIG_FILE);
+}
+
+/* Turns the field separators of a mapping line into ';': commas inside double
+ * quotes belong to the field. */
+void markMappingFields(char *line)
+{
+    bool inQuotes = false;
+    for (char *p = line; *p != '\0'; ++p) {
+        if (*p == '"') {
+            inQuotes = !inQuotes;
+        } else if (*p == ',' && !inQuotes) {
+            *p = ';';
+        }
+    }
+}
+
+/* Non-empty fields of a mapping line, counted the way the value is later
+ * split, up to five; the line end is not a field of its own. */
+int countMappingFields(const char *line)
+{
+    char copy[kMappingLineMax + 2] = {0};
+    tavel_copyText(copy, sizeof(copy), line, sizeof(copy) - 1);
+    copy[strcspn(copy, "\r\n")] = '\0';
+    markMappingFields(copy);
+    int count = 0;
+    char *save = nullptr;
+    for (char *tok = strtok_r(copy, ";", &save); tok != nullptr && count < 5;
+         tok = strtok_r(nullptr, ";", &save)) {
+        ++count;
+    }
+    return count;
+}
+
+void logLookupFailed()
+{
+    TAVEL_LOGE("Applying timezoneconfig failed\n");
+    TAVEL_LOGE("tavel_handleTimezonedetails exit \n");
+}
+
+enum class LineRead { Line, End, Error };
+
+/* Reads one line of at most `cap` characters (line feed excluded) into buf,
+ * terminated, with its line feed in *hadLf.  Longer lines and lines holding a
+ * NUL byte are consumed and reported unusable through *usable. */
+LineRead readMappingLine(FILE *file, char *buf, size_t cap, bool *hadLf, bool *usable)
+{
+    size_t len = 0;
+    bool any = false;
+    *hadLf = false;
+    *usable = true;
+    for (;;) {
+        int c = getc(file);
+        if (c == EOF) {
+            if (ferror(file)) {
+                return LineRead::Error;
+            }
+            break;
+        }
+        any = true;
+        if (c == '\n') {
+            *hadLf = true;
+            break;
+        }
+        if (c == '\0' || len >= cap) {
+            *usable = false;
+        } else {
+            buf[len++] = static_cast<char>(c);
+        }
+    }
+    buf[len] = '\0';
+    return any ? LineRead::Line : LineRead::End;
+}
+
+} // namespace
+
+void handle_timezoneHeader(const char *line, size_t length)
+{
+    if (line == nullptr || length <= 1) {
+        return;
+    }
+    std::unique_ptr<char, FreeDeleter> copy(static_cast<char *>(calloc(length + 1, 1)));
+    if (!copy) {
+        return;
+    }
+    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
+
+    /* The line is not terminated: it is printed by length only. */
+    int shown = length > 0x7fffffff ? 0x7fffffff : static_cast<int>(length);
+    TAVEL_LOGN("timzone header received is %.*s lenght %d \n", shown, line, shown);
+    memcpy(copy.get(), line, length);
+    TAVEL_LOGN("timzone header received after copying %s \n", copy.get());
+
+    /* The error form is read from the whole line, before splitting cuts it up. */
+    char errorWord[kFieldMax + 1] = {0};
+    if (sscanf(copy.get(), "timezone: %49s", errorWord) != 1) {
+        errorWord[0] = '\0';
+    }
+
+    char *save = nullptr;
+    char *name = strtok_r(copy.get(), ":", &save);
+    TAVEL_LOGN("timzone token is %s\n", orNull(name));
+    char *first = strtok_r(nullptr, ",", &save);
+    TAVEL_LOGN("first token is %s\n", orNull(first));
+
+    if (first == nullptr || strstr(first, "code") == nullptr) {
+        TAVEL_LOGN(" erro code is %s\n", errorWord);
+        tavel_copyText(g_timezoneData.errorcode, sizeof(g_timezoneData.errorcode), errorWord, kFieldMax);
+    } else {
+        char code[32] = {0};
+        if (sscanf(first, " {\"code\":\"%31[^\"]%*s", code) != 1) {
+            code[0] = '\0';
+        }
+        TAVEL_LOGN("timzone token timezone value is %s\n", code);
+        tavel_copyText(g_timezoneCode, sizeof(g_timezoneCode), code, kFieldMax);
+        tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, kFieldMax);
+
+        char *second = strtok_r(nullptr, ",", &save);
+        TAVEL_LOGN("second token is %s\n", orNull(second));
+        char *third = strtok_r(nullptr, ",", &save);
+        TAVEL_LOGN("third token is %s\n", orNull(third));
+        char id[32] = {0};
+        if (third == nullptr || sscanf(third, "\"id\":\"%31[^\"]%*s", id) != 1) {
+            id[0] = '\0';
+        }
+
+        tavel_copyText(g_continent_city, sizeof(g_continent_city), id, kFieldMax);
+        removeBackslashes(g_continent_city);
+        TAVEL_LOGN("g_continent_city is =  %s", g_continent_city);
+
+        /* The city is split from the identifier as received, so escaped
+         * separators leave their backslash on the leading components. */
+        char *idSave = nullptr;
+        char *fourth = strtok_r(id, "/", &idSave);
+        TAVEL_LOGN("fourth token is %s\n", orNull(fourth));
+        char *fifth = strtok_r(nullptr, "/", &idSave);
+        TAVEL_LOGN("fifth token is %s\n", orNull(fifth));
+        char *sixth = strtok_r(nullptr, ",", &idSave);
+        TAVEL_LOGN("sixth token is %s\n", orNull(sixth));
+        const char *city = sixth != nullptr ? sixth : fifth;
+        tavel_copyText(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city, kFieldMax);
+        TAVEL_LOGN(" g_timezoneData.cityname value is %s\n", g_timezoneData.cityname);
+    }
+
+    TAVEL_LOGN("g_timezoneData.timezone is %s\n", g_timezoneData.timezone);
+    TAVEL_LOGN("g_timezoneData.cityname is %s\n", g_timezoneData.cityname);
+    TAVEL_LOGN("g_timezoneData.errorcode is %s\n", g_timezoneData.errorcode);
+}
+
+void removeBackslashes(char *text)
+{
+    if (text == nullptr) {
+        return;
+    }
+    char *dst = strchr(text, '\\');
+    if (dst == nullptr) {
+        return;
+    }
+    for (const char *src = dst; *src != '\0'; ++src) {
+        if (*src == '\\') {
+            ++src;
+            if (*src == '\0') {
+                break;
+            }
+        }
+        *dst++ = *src;
+    }
+    *dst = '\0';
+}
+
+/*
+ * The mapping file is searched here rather than through a cat | grep
+ * pipeline: the code and the city come from the network, and the pipeline
+ * would hand them to a shell unquoted.  A line is selected when it holds the
+ * code and the city as plain substrings; the first such line wins.  An empty
+ * code or city selects nothing (the pipeline's grep would fail on them too),
+ * so a malformed header can never pick the file's first line by accident.
+ *
+ * Lines longer than 499 characters, or holding a NUL byte, are skipped: they
+ * cannot be mapping lines of the device's file, and a cut copy could hand a
+ * wrong zone to the data model.
+ *
+ * A selected line that is a single blank, or that has fewer than the five
+ * fields the mapping needs, means the device knows the zone but cannot map
+ * it: that is the failed-mapping case, recorded as a history event so the
+ * user sees why the zone was not applied.  Finding no line at all stays
+ * silent in the history, as the device has simply no entry for the zone.
+ */
+int gettimezonecmd(char *line, int size)
+{
+    if (line == nullptr || size <= 0) {
+        return -1;
+    }
+    const char *code = g_timezoneData.timezone;
+    const char *city = g_timezoneData.cityname;
+
+    /* Field diagnostics know the lookup by this command line. */
+    char command[500] = {0};
+    snprintf(command, sizeof(command), "cat %s | grep '\\%s' | grep %s", TAVEL_TIMEZONE_MAPPING_FILE, code,
+             city);
+    TAVEL_LOGN(" buf value is %s\n", command);
+
+    FilePtr file(fopen(DevicePath(TAVEL_TIMEZONE_MAPPING_FILE).c_str(), "r"));
+    if (!file) {
+        TAVEL_LOGN("popen error \n");
+        logLookupFailed();
+        return -1;
+    }
+
+    char text[kMappingLineMax + 2] = {0};
+    bool hadLf = false;
+    bool usable = true;
+    for (;;) {
+        LineRead got = readMappingLine(file.get(), text, kMappingLineMax, &hadLf, &usable);
+        if (got == LineRead::Error) {
+            TAVEL_LOGE("fgets error \n");
+            logLookupFailed();
+            return -1;
+        }
+        if (got == LineRead::End) {
+            TAVEL_LOGE("read eof -content is empty \n");
+            logLookupFailed();
+            return -1;
+        }
+        if (usable && code[0] != '\0' && city[0] != '\0' && strstr(text, code) != nullptr &&
+            strstr(text, city) != nullptr) {
+            break;
+        }
+    }
+
+    if (strcmp(text, " ") == 0 || countMappingFields(text) < 5) {
+        event_log_log(kHistoryEvent, "event[TZ Config Failed] reason[Timezone mapping failed] Timezone "
+                                     "Configuration failed from Velka WiFi Cloud, Reason: {reason}");
+        TAVEL_LOGE(" No linux timezone to ONT timezone mapping avalieble for %s %s\n", code, city);
+        TAVEL_LOGE("tavel_handleTimezonedetails exit \n");
+        return -1;
+    }
+
+    if (hadLf) {
+        size_t len = strlen(text);
+        text[len] = '\n';
+        text[len + 1] = '\0';
+    }
+    tavel_copyText(line, static_cast<size_t>(size), text, static_cast<size_t>(size) - 1);
+    TAVEL_LOGN("final string is %s\n", line);
+    return 0;
+}
+
+void gettimezoneandzonename(char *line, char *timezone, char *timezonename)
+{
+    if (timezone != nullptr) {
+        timezone[0] = '\0';
+    }
+    if (timezonename != nullptr) {
+        timezonename[0] = '\0';
+    }
+    if (line == nullptr) {
+        return;
+    }
+    TAVEL_LOGN("enter gettimezoneandzonename cmd value is %s\n", line);
+    markMappingFields(line);
+    TAVEL_LOGN("cmd value after processing is %s\n", line);
+
+    char *save = nullptr;
+    char *tok[5] = {nullptr, nullptr, nullptr, nullptr, nullptr};
+    tok[0] = strtok_r(line, ";", &save);
+    for (int i = 1; i < 5 && tok[i - 1] != nullptr; ++i) {
+        tok[i] = strtok_r(nullptr, ";", &save);
+    }
+    TAVEL_LOGN(" first token is %s\n", orNull(tok[0]));
+    TAVEL_LOGN(" second token is %s\n", orNull(tok[1]));
+    TAVEL_LOGN("third token is %s\n", orNull(tok[2]));
+    TAVEL_LOGN("fourth token is %s\n", orNull(tok[3]));
+    TAVEL_LOGN("last token is %s\n", orNull(tok[4]));
+
+    if (timezone != nullptr) {
+        tavel_copyText(timezone, 50, tok[3], kFieldMax);
+    }
+    if (timezonename != nullptr && tok[4] != nullptr) {
+        size_t n = 0;
+        for (const char *p = tok[4]; *p != '\0' && n < 51; ++p) {
+            if (*p != '"') {
+                timezonename[n++] = *p;
+            }
+        }
+        timezonename[n] = '\0';
+    }
+}
+
+void tavel_handleTimezonedetails(const TimezoneData *data)
+{
+    TAVEL_LOGN("tavel_handleTimezonedetails enter \n");
+    static const TimezoneData kNone = {};
+    if (data == nullptr) {
+        data = &kNone;
+    }
+    const size_t codeSize = sizeof(data->errorcode);
+
+    if (strncmp(data->errorcode, "100", codeSize) == 0) {
+        if (g_tzFailEventSent == 0) {
+            event_log_log(kHistoryEvent, "event[TZ Config Failed] reason[Service Unavailable] Timezone "
+                                         "Configuration failed from Velka WiFi Cloud, Reason: {reason}");
+            TAVEL_LOGN("history event send: event[TZ Config] Timezone Configuration failed from Velka WiFi "
+                       "Cloud, Reason[Service Unavailable]");
+            g_tzFailEventSent = 1;
+        }
+        TAVEL_LOGN(" IP Stack is down going for retry exponetial \n");
+        int seconds = 0;
+        timer_t timer{};
+        if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, 1) == 0) {
+            startTimer(seconds, timer);
+        }
+        TAVEL_LOGN("started exponential retry timer \n");
+    } else if (strncmp(data->errorcode, "101", codeSize) == 0) {
+        touchTimezoneMarker();
+        TAVEL_LOGN("No Timezone Info from IP STACK use existing ONT timezone\n");
+        event_log_log(kHistoryEvent,
+                      "event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration "
+                      "failed from Velka WiFi Cloud, Reason: {reason}");
+        TAVEL_LOGN("history event send:event[TZ Config] Timezone Configuration failed from Velka WiFi Cloud, "
+                   "Reason[No Timezone Info]");
+    } else {
+        char mapping[500] = {0};
+        if (gettimezonecmd(mapping, sizeof(mapping)) == 0) {
+            char timezonename[52] = {0};
+            gettimezoneandzonename(mapping, g_timezone, timezonename);
+            TAVEL_LOGN("final timezone = %s, timezonename = %s len %d", g_timezone, timezonename,
+                       static_cast<int>(strlen(timezonename)));
+            dml_setTimeZone(g_timezone, timezonename);
+            /* The NTP handler may rewrite g_timezone while the lock is given
+             * up for the wait; the event reports the zone applied here. */
+            char applied[sizeof(g_timezone)];
+            memcpy(applied, g_timezone, sizeof(applied));
+            tavel_sleep(60);
+            touchTimezoneMarker();
+            event_log_log(kHistoryEvent,
+                          "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
+                          "Cloud Successful",
+                          applied, g_timezoneCode, g_continent_city);
+            TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
+                       "Configuration from Velka Cloud Successful",
+                       applied, g_timezoneCode, g_continent_city);
+        } else {
+            TAVEL_LOGE("gettimezonecmd failed");
+            touchTimezoneMarker();
+        }
+    }
+    TAVEL_LOGN("tavel_handleTimezonedetails exit \n");
+}

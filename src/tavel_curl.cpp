@@ -1,0 +1,567 @@
+// Onboarding-server client: the GET of the onboarding data, the reader of its
+// reply headers and the PUT of the status report.
+//
+// The reply comes from a server we do not control, so nothing here trusts it:
+// header lines are not NUL-terminated and are only ever read within their
+// length, and every copy and print is bounded.
+#include <errno.h>
+#include <limits.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string_view>
+
+#include "platform_log.h"
+#include "tavel_curl.h"
+#include "util.h"
+
+namespace
+{
+
+struct CurlEasyDeleter {
+    void operator()(CURL *h) const { curl_easy_cleanup(h); }
+};
+struct CurlSlistDeleter {
+    void operator()(curl_slist *l) const { curl_slist_free_all(l); }
+};
+// The buffer record itself lives on the caller's stack; only its text is ours
+// to free (the write callback may have replaced or dropped it).
+struct BodyDeleter {
+    void operator()(PollRespBuffer *b) const
+    {
+        free(b->data);
+        b->data = nullptr;
+        b->size = 0;
+    }
+};
+using CurlPtr = std::unique_ptr<CURL, CurlEasyDeleter>;
+using SlistPtr = std::unique_ptr<curl_slist, CurlSlistDeleter>;
+using BodyPtr = std::unique_ptr<PollRespBuffer, BodyDeleter>;
+
+// A 50 MB reply body would become a 50 MB log record and push everything else
+// out of the device's small log; the dump keeps the head of the body, which is
+// where a server puts its error text, and states the full length.
+constexpr size_t kBodyDumpMax = 4096;
+
+constexpr int kHeaderLineSize = 256;
+
+// Identification texts sent with both requests; empty when the platform
+// cannot supply them.
+struct NodeIds {
+    char sn[64] = {};
+    char operatorId[128] = {};
+    char country[128] = {};
+};
+
+void readNodeIds(NodeIds &ids)
+{
+    NodeInfo node;
+    memset(&node, 0, sizeof(node));
+    if (dml_getNodeInfo(&node) == 0) {
+        tavel_copyText(ids.sn, sizeof(ids.sn), node.serialNumber, sizeof(ids.sn) - 1);
+        tavel_copyText(ids.operatorId, sizeof(ids.operatorId), node.operatorId, sizeof(ids.operatorId) - 1);
+        tavel_copyText(ids.country, sizeof(ids.country), node.country, sizeof(ids.country) - 1);
+    } else {
+        TAVEL_LOGE("get of OID_TAVELAGENT failed\n");
+    }
+}
+
+// Lines longer than the buffer are cut at 254 characters, like the device
+// firmware always did; the server must cope with that.
+void appendHeader(SlistPtr &list, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void appendHeader(SlistPtr &list, const char *fmt, ...)
+{
+    char line[kHeaderLineSize];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(line, kHeaderLineSize - 1, fmt, ap);
+    va_end(ap);
+    // On failure libcurl leaves the old list intact and returns null.
+    curl_slist *head = curl_slist_append(list.get(), line);
+    if (head != nullptr) {
+        static_cast<void>(list.release()); // now owned through head
+        list.reset(head);
+    }
+}
+
+void appendLine(SlistPtr &list, const char *line)
+{
+    curl_slist *head = curl_slist_append(list.get(), line);
+    if (head != nullptr) {
+        static_cast<void>(list.release()); // now owned through head
+        list.reset(head);
+    }
+}
+
+void setCommonStart(CURL *h, const HttpInfo *info)
+{
+    curl_easy_setopt(h, CURLOPT_URL, info->url);
+    curl_easy_setopt(h, CURLOPT_LOCALPORT, static_cast<long>(TAVEL_LOCAL_PORT));
+    curl_easy_setopt(h, CURLOPT_LOCALPORTRANGE, static_cast<long>(TAVEL_LOCAL_PORT_RANGE));
+}
+
+void setAuthAndSocket(CURL *h, HttpInfo *info)
+{
+    if (info->authEnabled != 0) {
+        curl_easy_setopt(h, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_NONE));
+        curl_easy_setopt(h, CURLOPT_PASSWORD, info->password);
+        curl_easy_setopt(h, CURLOPT_USERNAME, info->userName);
+    }
+    curl_easy_setopt(h, CURLOPT_SOCKOPTFUNCTION, curlSockOptCallback);
+    curl_easy_setopt(h, CURLOPT_SOCKOPTDATA, info);
+}
+
+size_t bodyWriteThunk(char *ptr, size_t size, size_t nmemb, void *userdata)
+{
+    return pollRespWriteCallback(ptr, size, nmemb, static_cast<PollRespBuffer *>(userdata));
+}
+
+void dumpBody(const PollRespBuffer &buf)
+{
+    TAVEL_LOGD("Data From Server START:#########################\n");
+    const char *text = buf.data != nullptr ? buf.data : "";
+    if (buf.size <= kBodyDumpMax) {
+        TAVEL_LOGD("%s\n", text);
+    } else {
+        TAVEL_LOGD("%.*s ...[%zu bytes, first %zu logged]\n", static_cast<int>(kBodyDumpMax), text, buf.size,
+                   kBodyDumpMax);
+    }
+    TAVEL_LOGD("Data From Server END:#########################\n");
+}
+
+// Smallest power of two holding len bytes; len itself past the top bit.
+size_t storageFor(size_t len)
+{
+    size_t cap = 1;
+    while (cap < len && cap <= SIZE_MAX / 2) {
+        cap *= 2;
+    }
+    return cap < len ? len : cap;
+}
+
+bool inStatusRange(long code)
+{
+    return code >= 110 && code <= 503;
+}
+
+bool isBlank(char c)
+{
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+}
+
+// The first word after "name:" (any white space before it skipped), within
+// the n bytes of the line; a NUL ends the line as it would end a C string.
+// Writes at most outMax characters and the terminator into out; out must hold
+// outMax + 1 bytes.  A line that does not start with "name:" yields nothing.
+void scanFirstWord(const char *line, size_t n, const char *name, char *out, size_t outMax)
+{
+    size_t nameLen = strlen(name);
+    if (n <= nameLen || memcmp(line, name, nameLen) != 0 || line[nameLen] != ':') {
+        return;
+    }
+    size_t i = nameLen + 1;
+    while (i < n && line[i] != '\0' && isBlank(line[i])) {
+        ++i;
+    }
+    size_t len = 0;
+    while (i + len < n && len < outMax && line[i + len] != '\0' && !isBlank(line[i + len])) {
+        ++len;
+    }
+    memcpy(out, line + i, len);
+    out[len] = '\0';
+}
+
+struct HeaderName {
+    const char *name;
+    int type;
+};
+
+constexpr HeaderName kHeaderNames[] = {
+    {"url", HDR_URL},
+    {"name", HDR_NAME},
+    {"pwd", HDR_PWD},
+    {"opdesc", HDR_OPDESC},
+    {"snetdesc", HDR_SNETDESC},
+    {"tenantid", HDR_TENANTID},
+    {"timezone", HDR_TIMEZONE},
+    {"countrycode", HDR_COUNTRYCODE},
+    {"l1url", HDR_L1URL},
+    {"l2url", HDR_L2URL},
+    {"remotemappurl", HDR_REMOTEMAPPURL},
+    {"kprconfigurl", HDR_KPRCONFIGURL},
+    {"kprconfigapikey", HDR_KPRCONFIGAPIKEY},
+};
+
+int headerTypeOf(const char *line, size_t n)
+{
+    std::string_view whole(line, n);
+    if (whole.find("pwd") == std::string_view::npos) {
+        int shown = n > INT_MAX ? INT_MAX : static_cast<int>(n);
+        log_log(5, "getHeaderType", __LINE__, " header value is %.*s\n", shown, line);
+    }
+
+    char head[kHeaderLineSize] = {};
+    size_t copyLen = n < sizeof(head) - 1 ? n : sizeof(head) - 1;
+    memcpy(head, line, copyLen);
+
+    // First token split at colons, as strtok would take it.
+    const char *tok = head;
+    while (*tok == ':') {
+        ++tok;
+    }
+    size_t tokLen = strcspn(tok, ":");
+    if (tokLen == 0) {
+        return HDR_NONE;
+    }
+    std::string_view token(tok, tokLen);
+    for (const HeaderName &h : kHeaderNames) {
+        if (token == h.name) {
+            return h.type;
+        }
+    }
+    return HDR_NONE;
+}
+
+char **heapFieldFor(int type)
+{
+    switch (type) {
+    case HDR_URL:
+        return &g_serverData.mgmtUrl;
+    case HDR_NAME:
+        return &g_serverData.cdpusername;
+    case HDR_PWD:
+        return &g_serverData.cdppassword;
+    case HDR_OPDESC:
+        return &g_serverData.operdesc;
+    case HDR_SNETDESC:
+        return &g_serverData.subnetdesc;
+    case HDR_TENANTID:
+        return &g_serverData.tenantID;
+    case HDR_L1URL:
+        return &g_serverData.l1url;
+    case HDR_L2URL:
+        return &g_serverData.l2url;
+    case HDR_REMOTEMAPPURL:
+        return &g_serverData.remotemappurl;
+    case HDR_KPRCONFIGURL:
+        return &g_serverData.kprconfigurl;
+    case HDR_KPRCONFIGAPIKEY:
+        return &g_serverData.kprconfigapikey;
+    default:
+        return nullptr;
+    }
+}
+
+const char *nameOf(int type)
+{
+    for (const HeaderName &h : kHeaderNames) {
+        if (h.type == type) {
+            return h.name;
+        }
+    }
+    return "";
+}
+
+} // namespace
+
+int get_https_cacert_file_status(const char *path)
+{
+    if (access(path, F_OK) == 0) {
+        return 1;
+    }
+    if (errno == ENOENT) {
+        TAVEL_LOGD("Tavel Verifed Certificate not exist\n");
+    } else if (errno == EACCES) {
+        TAVEL_LOGD("Tavel Verifed Certificate not accessible\n");
+    } else {
+        TAVEL_LOGD("Tavel verified Certificate accessible error\n");
+    }
+    return 0;
+}
+
+size_t pollRespWriteCallback(const char *ptr, size_t size, size_t nmemb, PollRespBuffer *buf)
+{
+    size_t n = size * nmemb;
+    if (buf->size > SIZE_MAX - n - 1) {
+        TAVEL_LOGE("not enough memory (realloc returned NULL)\n");
+        free(buf->data);
+        buf->data = nullptr;
+        buf->size = 0;
+        return 0;
+    }
+    // Storage grows in powers of two, so a large body costs a handful of
+    // reallocations instead of one copy per received chunk.  The capacity
+    // follows from size alone; the buffer starts at one byte.
+    size_t need = buf->size + n + 1;
+    if (buf->data == nullptr || need > storageFor(buf->size + 1)) {
+        char *grown = static_cast<char *>(realloc(buf->data, storageFor(need)));
+        if (grown == nullptr) {
+            TAVEL_LOGE("not enough memory (realloc returned NULL)\n");
+            free(buf->data);
+            buf->data = nullptr;
+            buf->size = 0;
+            return 0;
+        }
+        buf->data = grown;
+    }
+    if (n > 0) {
+        memcpy(buf->data + buf->size, ptr, n);
+    }
+    buf->size += n;
+    buf->data[buf->size] = '\0';
+    return n;
+}
+
+int curlSockOptCallback(void *clientp, curl_socket_t fd, curlsocktype purpose)
+{
+    const HttpInfo *info = static_cast<const HttpInfo *>(clientp);
+    if (purpose == CURLSOCKTYPE_IPCXN && info != nullptr && info->mss > 0) {
+        int mss = info->mss;
+        if (setsockopt(fd, IPPROTO_TCP, TCP_MAXSEG, &mss, sizeof(mss)) != 0) {
+            TAVEL_LOGE("Error While Set MSS\n");
+        }
+    }
+    return CURL_SOCKOPT_OK;
+}
+
+int httpGetUrlFromServer(HttpInfo *info, const char *body)
+{
+    NodeIds ids;
+    readNodeIds(ids);
+
+    CurlPtr curl(curl_easy_init());
+    if (!curl) {
+        return TAVEL_RC_TRANSFER_FAILED;
+    }
+    CURL *h = curl.get();
+
+    PollRespBuffer bodyBuf;
+    bodyBuf.data = static_cast<char *>(calloc(1, 1));
+    bodyBuf.size = 0;
+    BodyPtr bodyOwner(&bodyBuf);
+
+    bool https = strstr(info->url, "https") != nullptr;
+
+    setCommonStart(h, info);
+    curl_easy_setopt(h, CURLOPT_HEADERDATA, info);
+    curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, header_handler);
+    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, bodyWriteThunk);
+    curl_easy_setopt(h, CURLOPT_WRITEDATA, &bodyBuf);
+    if (info->timeout != 0) {
+        curl_easy_setopt(h, CURLOPT_TIMEOUT, static_cast<long>(info->timeout));
+    }
+    if (https) {
+        if (get_https_cacert_file_status(info->caCertPath) == 0) {
+            return TAVEL_RC_NO_CERT;
+        }
+        curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+        curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+        curl_easy_setopt(h, CURLOPT_CAINFO, info->caCertPath);
+    }
+    setAuthAndSocket(h, info);
+
+    SlistPtr headers;
+    appendLine(headers, "Content-Type: Application/json");
+    char contentLength[64];
+    snprintf(contentLength, sizeof(contentLength), "Content-Length:%zu", body != nullptr ? strlen(body) : 0);
+    appendLine(headers, contentLength);
+    appendHeader(headers, "x-api-key:%s", info->x_api_key);
+    appendHeader(headers, "operatorid:%s", ids.operatorId);
+    appendHeader(headers, "sn:%s", ids.sn);
+    appendHeader(headers, "country:%s", ids.country);
+    if (headers) {
+        curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
+    }
+
+    printf("httpGetUrlFromServer before curl_easy_perform\n");
+    fflush(stdout);
+    CURLcode rc = curl_easy_perform(h);
+    printf("httpGetUrlFromServer after curl_easy_perform\n");
+    fflush(stdout);
+    TAVEL_LOGD("after curl_easy_perform\n");
+
+    int result;
+    long code = 0;
+    if (rc != CURLE_OK) {
+        long osErrno = 0;
+        if (curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osErrno) != CURLE_OK) {
+            osErrno = 0;
+        }
+        TAVEL_LOGD("curl_easy_perform() failed: %s errno : %ld\n", curl_easy_strerror(rc), osErrno);
+        result = TAVEL_RC_TRANSFER_FAILED;
+    } else if (curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
+        TAVEL_LOGD("curl_easy_getinfo() error in receiving response code %ld\n", 0L);
+        result = TAVEL_RC_TRANSFER_FAILED;
+    } else {
+        if (code >= 400) {
+            TAVEL_LOGD("HTTPS Get Url Not Successful Res : %ld\n", code);
+        }
+        if (inStatusRange(code)) {
+            TAVEL_LOGD("HTTPS Get Url:server returned Errorcode : %ld\n", code);
+            result = static_cast<int>(code);
+        } else {
+            result = TAVEL_RC_BAD_STATUS;
+        }
+        TAVEL_LOGD("HTTPS Response :%ld\n", code);
+    }
+
+    dumpBody(bodyBuf);
+    return result;
+}
+
+int httpPutToServer(HttpInfo *info)
+{
+    NodeIds ids;
+    readNodeIds(ids);
+
+    CurlPtr curl(curl_easy_init());
+    if (!curl) {
+        return TAVEL_RC_TRANSFER_FAILED;
+    }
+    CURL *h = curl.get();
+    curl_easy_setopt(h, CURLOPT_VERBOSE, 1L);
+
+    bool https = strstr(info->url, "https") != nullptr;
+
+    setCommonStart(h, info);
+    // The method is PUT but no body is sent: upload mode stays off.  The
+    // old option name is kept on purpose and only its deprecation silenced.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    curl_easy_setopt(h, CURLOPT_PUT, 0L);
+#pragma GCC diagnostic pop
+    curl_easy_setopt(h, CURLOPT_UPLOAD, 0L);
+    curl_easy_setopt(h, CURLOPT_TRANSFER_ENCODING, 0L);
+    curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, "PUT");
+    if (info->timeout != 0) {
+        curl_easy_setopt(h, CURLOPT_TIMEOUT, static_cast<long>(info->timeout));
+    }
+    // A missing CA file does not stop the report: libcurl's own CA store
+    // then decides whether the server is trusted.
+    if (https && get_https_cacert_file_status(info->caCertPath) == 1) {
+        curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 0L);
+    }
+    setAuthAndSocket(h, info);
+
+    const char *operdesc = g_serverData.operdesc != nullptr ? g_serverData.operdesc : "";
+    const char *subnetdesc = g_serverData.subnetdesc != nullptr ? g_serverData.subnetdesc : "";
+    SlistPtr headers;
+    appendLine(headers, "Content-Type: Application/json");
+    appendLine(headers, "Content-Length: 0");
+    appendHeader(headers, "x-api-key: %s", info->x_api_key);
+    appendHeader(headers, "operatorid: %s", ids.operatorId);
+    appendHeader(headers, "sn: %s", ids.sn);
+    appendHeader(headers, "country: %s", ids.country);
+    appendHeader(headers, "snetdesc: %s", subnetdesc);
+    appendHeader(headers, "opdesc: %s", operdesc);
+
+    TAVEL_LOGD("httpPutToServer operdesc :%s", operdesc);
+    TAVEL_LOGD("httpPutToServer subnetdesc :%s\n", subnetdesc);
+    if (headers) {
+        curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
+    }
+
+    printf("httpPutToServer before curl_easy_perform\n");
+    fflush(stdout);
+    CURLcode rc;
+    {
+        // The upload has no time limit: a server that never answers must not
+        // hold the other threads' steps back.  Nothing of the agent's state is
+        // read from here on until the transfer ends.
+        AgentLockRelease released;
+        rc = curl_easy_perform(h);
+    }
+    printf("httpPutToServer after curl_easy_perform\n");
+    fflush(stdout);
+    TAVEL_LOGD("after curl_easy_perform\n");
+
+    int result;
+    long code = 0;
+    if (rc != CURLE_OK) {
+        long osErrno = 0;
+        if (curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osErrno) != CURLE_OK) {
+            osErrno = 0;
+        }
+        TAVEL_LOGE("curl_easy_perform() failed: %s errno : %ld\n", curl_easy_strerror(rc), osErrno);
+        result = TAVEL_RC_TRANSFER_FAILED;
+    } else if (curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
+        TAVEL_LOGE("curl_easy_getinfo() error in receiving response code %ld\n", 0L);
+        result = TAVEL_RC_NO_RESPONSE_CODE;
+    } else {
+        if (inStatusRange(code)) {
+            TAVEL_LOGE("HTTPS Get Url:server returned Errorcode : %ld\n", code);
+            result = static_cast<int>(code);
+        } else {
+            result = TAVEL_RC_BAD_STATUS;
+        }
+        TAVEL_LOGD("HTTPS Response :%ld\n", code);
+    }
+    return result;
+}
+
+size_t header_handler(char *line, size_t size, size_t nmemb, void *userdata)
+{
+    (void)userdata;
+    size_t n = size * nmemb;
+    TAVEL_LOGN("Size %d nmemb: %d\n", static_cast<int>(size), static_cast<int>(nmemb));
+    int type = headerTypeOf(line, n);
+    if (type >= HDR_URL && type <= HDR_KPRCONFIGAPIKEY) {
+        setServerDataFromHeader(type, line, n);
+    }
+    return n;
+}
+
+int getHeaderType(const char *line)
+{
+    return headerTypeOf(line, strlen(line));
+}
+
+void setServerDataFromHeader(int type, const char *line, size_t n)
+{
+    if (n < 2) {
+        return;
+    }
+    if (type == HDR_TIMEZONE) {
+        handle_timezoneHeader(line, n);
+        return;
+    }
+    if (type == HDR_COUNTRYCODE) {
+        memset(g_serverData.countryCode, 0, sizeof(g_serverData.countryCode));
+        scanFirstWord(line, n, "countrycode", g_serverData.countryCode, sizeof(g_serverData.countryCode) - 1);
+        return;
+    }
+    char **field = heapFieldFor(type);
+    if (field == nullptr || *field == nullptr) {
+        return;
+    }
+    char *grown = static_cast<char *>(realloc(*field, n + 1));
+    if (grown == nullptr) {
+        // The old storage stays valid but its value is dropped: a stale
+        // value from an earlier reply must not pass for this reply's.
+        (*field)[0] = '\0';
+        return;
+    }
+    *field = grown;
+    memset(grown, 0, n + 1);
+
+    if (type == HDR_OPDESC || type == HDR_SNETDESC) {
+        // Raw bytes after "name: " up to, not including, the last byte of the
+        // line, so a CR of a CR LF ending stays in the value.
+        size_t start = type == HDR_OPDESC ? 8 : 10;
+        if (n > start + 1) {
+            memcpy(grown, line + start, n - start - 1);
+        }
+        return;
+    }
+    scanFirstWord(line, n, nameOf(type), grown, n);
+    if (type >= HDR_L1URL && strcmp(grown, "NA") == 0) {
+        grown[0] = '\0';
+    }
+}
