@@ -1,0 +1,277 @@
+// The agent's data-model decisions against the real store: management
+// account, agent object, work mode, and the cloud settings.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cfgm_intf.h"
+#include "main.h"
+#include "store.h"
+#include "tavel_externalinft.h"
+#include "test_env.h"
+
+namespace
+{
+
+using Params = std::vector<std::pair<std::string, std::string>>;
+
+void writeStore(const Params &params)
+{
+    std::string text = "# unit test device\n";
+    for (const auto &p : params) {
+        text += p.first + "=" + tavel::dml::encodeValue(p.second) + "\n";
+    }
+    tavelTestWriteFile("/flash/dml/datamodel.conf", text);
+}
+
+std::string stored(const char *name)
+{
+    tavel::dml::Store store;
+    std::string error;
+    EXPECT_TRUE(store.load(&error)) << error;
+    return store.get(name);
+}
+
+const Params kAccount = {{"Device.ManagementServer.URL", "https://acs.example.test/cwmp"},
+                         {"Device.ManagementServer.Username", "cpe"},
+                         {"Device.ManagementServer.Password", "pw"}};
+
+Params with(Params base, const Params &more)
+{
+    base.insert(base.end(), more.begin(), more.end());
+    return base;
+}
+
+class Cfgm : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        tavelTestCleanRoot();
+        initAgentState();
+    }
+};
+
+TEST_F(Cfgm, WorkModeDecisionTable)
+{
+    struct Case {
+        const char *mode, *role;
+        int expected;
+    } const cases[] = {{"RGW", "", 1},
+                       {"RGW", "Satellite", 1},
+                       {"AP_Bridge", "Controller", 1},
+                       {"AP_Bridge", "", 0},
+                       {"AP_Bridge", "Agent", 0},
+                       {"CFG", "Controller", -1},
+                       {"", "Controller", 0},
+                       {"rgw", "", 0},
+                       {"Mesh", "", 0}};
+    for (const auto &c : cases) {
+        writeStore({{"Device.X_TAVEL_WiFiService.WorkMode", c.mode},
+                    {"Device.X_TAVEL_WiFiService.WorkRole", c.role}});
+        EXPECT_EQ(getworkMode(), c.expected) << c.mode << "/" << c.role;
+    }
+    for (const char *fault : {"Fault.dml_getWorkMode", "Fault.dml_getWorkRole"}) {
+        writeStore({{"Device.X_TAVEL_WiFiService.WorkMode", "RGW"}, {fault, "1"}});
+        EXPECT_EQ(getworkMode(), -1) << fault;
+    }
+    EXPECT_TRUE(tavelTestLogHas("error", "get of OID_WIFISERVICE failed"));
+}
+
+TEST_F(Cfgm, ManagementUrlValidity)
+{
+    struct Case {
+        const char *url, *user, *pass;
+        int empty;
+    } const cases[] = {
+        {"https://acs.tavel.invalid:7754", "u", "p", 1}, // factory default
+        {" ", "u", "p", 1},
+        {"", "u", "p", 1},
+        {"https://acs.example.test", "u", "", 1},
+        {"https://acs.example.test", "", "p", 1},
+        {"acs.example.test", "u", "p", 1},
+        {"ftp://x/http", "u", "p", 0}, // "http" anywhere counts
+    };
+    for (const auto &c : cases) {
+        writeStore({{"Device.ManagementServer.URL", c.url},
+                    {"Device.ManagementServer.Username", c.user},
+                    {"Device.ManagementServer.Password", c.pass}});
+        EXPECT_EQ(tavel_isMgmtServerUrlEmpty(), c.empty) << "'" << c.url << "'";
+    }
+    writeStore(with(kAccount, {{"Fault.dml_getManagementServerInfo", "1"}}));
+    EXPECT_EQ(tavel_isMgmtServerUrlEmpty(), 1);
+    EXPECT_TRUE(tavelTestLogHas("error", "Go For Polling .... preCfgMgmtUrl: "));
+}
+
+TEST_F(Cfgm, SameAccountComparesTheBackupObject)
+{
+    ServerData account = g_serverData;
+    char url[] = "https://acs.example.test/cwmp", user[] = "cpe", pass[] = "pw", empty[] = "";
+    account.mgmtUrl = url;
+    account.cdpusername = user;
+    account.cdppassword = pass;
+    const Params backup = {{"Device.ManagementServer.X_TAVEL_Backup.URL", url},
+                           {"Device.ManagementServer.X_TAVEL_Backup.Username", user},
+                           {"Device.ManagementServer.X_TAVEL_Backup.Password", pass}};
+    writeStore(backup);
+    EXPECT_EQ(isSameManagementAccount(&account), 1);
+    account.cdppassword = empty;
+    EXPECT_EQ(isSameManagementAccount(&account), 0);
+
+    // An empty backup is never "the same", not even for an empty account.
+    ServerData none = g_serverData;
+    writeStore({});
+    EXPECT_EQ(isSameManagementAccount(&none), 0);
+
+    account.cdppassword = pass;
+    writeStore(with(backup, {{"Fault.dml_getDefaultManagmentInfo", "1"}}));
+    EXPECT_EQ(isSameManagementAccount(&account), 0);
+    EXPECT_TRUE(tavelTestLogHas("error", "get of MANAGEMENT Backup Obj failed"));
+}
+
+TEST_F(Cfgm, ConnectionStatusIsWrittenByName)
+{
+    writeStore({{"Device.X_TAVEL_Agent.OnBoardStatus", "NoConnection"}});
+    EXPECT_EQ(updateOnBoardServerStatus(2), 0);
+    EXPECT_EQ(stored("Device.X_TAVEL_Agent.OnBoardStatus"), "ConnectionSuccess");
+    EXPECT_EQ(updateOnBoardServerStatus(10), 0);
+    EXPECT_EQ(stored("Device.X_TAVEL_Agent.OnBoardStatus"), "ConnectionFailed_Error_curl");
+
+    for (int bad : {11, -1}) {
+        EXPECT_EQ(updateOnBoardServerStatus(bad), -1);
+    }
+    EXPECT_EQ(stored("Device.X_TAVEL_Agent.OnBoardStatus"), "ConnectionFailed_Error_curl");
+    EXPECT_TRUE(tavelTestLogHas("error", "Invalied Connection Status "));
+
+    writeStore({{"Fault.dml_getOnBoardingServerInfo", "1"}});
+    EXPECT_EQ(updateOnBoardServerStatus(2), -1);
+    // A failed write is logged but not reported.
+    writeStore({{"Fault.dml_setOnBoardStatus", "1"}});
+    EXPECT_EQ(updateOnBoardServerStatus(2), 0);
+    EXPECT_TRUE(tavelTestLogHas("error", "set of  TAVELAGENT failed"));
+}
+
+TEST_F(Cfgm, AgentObjectFillsTheRequestRecord)
+{
+    writeStore({{"Device.X_TAVEL_Agent.Enable", "7"},
+                {"Device.X_TAVEL_Agent.URL", "https://ob.example.test/v1"},
+                {"Device.X_TAVEL_Agent.APIKey", std::string(200, 'k')}});
+    HttpInfo info;
+    memset(&info, 0, sizeof(info));
+    getOnBoardServerInfo(&info);
+    EXPECT_EQ(info.enable, 1);
+    EXPECT_STREQ(info.url, "https://ob.example.test/v1");
+    EXPECT_EQ(std::string(info.x_api_key), std::string(127, 'k'));
+
+    // A failed read keeps url and enable but empties the key.
+    writeStore({{"Fault.dml_getOnBoardingServerInfo", "1"}});
+    getOnBoardServerInfo(&info);
+    EXPECT_EQ(info.enable, 1);
+    EXPECT_STREQ(info.url, "https://ob.example.test/v1");
+    EXPECT_STREQ(info.x_api_key, "");
+}
+
+TEST_F(Cfgm, ConnStatusFailedGivesTheAcsAGracePeriod)
+{
+    writeStore(with(kAccount, {{"Device.X_TAVEL_Agent.ACSConnStatus", "ACSConnected"}}));
+    EXPECT_EQ(tavel_isConnStatusFailed(), 0);
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "sleep for 5 mins"), 0);
+
+    for (const char *status : {"ACSConnFailed", "ACSRetryReq"}) {
+        writeStore(with(kAccount, {{"Device.X_TAVEL_Agent.ACSConnStatus", status}}));
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(tavel_isConnStatusFailed(), 1) << status;
+        // 300 s at the test's time scale.
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
+    }
+    // No valid URL: there is no connection to judge.
+    writeStore({{"Device.X_TAVEL_Agent.ACSConnStatus", "ACSConnFailed"}});
+    EXPECT_EQ(tavel_isConnStatusFailed(), 0);
+    // An unreadable agent object counts as failed.
+    writeStore(with(kAccount, {{"Fault.dml_getOnBoardingServerInfo", "1"}}));
+    EXPECT_EQ(tavel_isConnStatusFailed(), 1);
+}
+
+TEST_F(Cfgm, NewAccountIsWrittenAfterEmptyingTheObject)
+{
+    writeStore({{"Device.ManagementServer.URL", "https://old.example.test"},
+                {"Device.ManagementServer.Username", "old"},
+                {"Device.ManagementServer.Password", "old"},
+                {"Device.X_TAVEL_Agent.OpDesc", "x"}});
+    ServerData account = g_serverData;
+    char url[] = "https://acs.example.test/cwmp", user[] = "cpe", pass[] = "pw";
+    std::string op(40, 'o');
+    std::string subnet = "subnet desc\r";
+    account.mgmtUrl = url;
+    account.cdpusername = user;
+    account.cdppassword = pass;
+    account.operdesc = &op[0];
+    account.subnetdesc = &subnet[0];
+    ASSERT_EQ(tavel_setMgmtServerObj(&account), 0);
+    EXPECT_EQ(stored("Device.ManagementServer.URL"), url);
+    EXPECT_EQ(stored("Device.ManagementServer.Username"), "cpe");
+    EXPECT_EQ(stored("Device.ManagementServer.Password"), "pw");
+    EXPECT_EQ(stored("Device.X_TAVEL_Agent.OpDesc"), std::string(32, 'o'));
+    EXPECT_EQ(stored("Device.X_TAVEL_Agent.SubnetDesc"), "subnet desc\r");
+    std::string log = tavelTestLog();
+    EXPECT_LT(log.find("Setting URL in MangamentServerObject to NULL"), log.find("End of tavelAgent sleep"));
+    EXPECT_EQ(tavelTestCount(log, "pw"), 0); // the password is never logged
+
+    // A failing first write: no pause, no second write.
+    tavelTestCleanRoot();
+    writeStore(with(kAccount, {{"Fault.dml_setManagementServerInfo", "1"}}));
+    EXPECT_EQ(tavel_setMgmtServerObj(&account), -1);
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "Sleeping tavelAgent"), 0);
+    EXPECT_EQ(stored("Device.ManagementServer.URL"), "https://acs.example.test/cwmp");
+}
+
+TEST_F(Cfgm, CloudEmptinessChecks)
+{
+    writeStore({});
+    EXPECT_EQ(tavel_isL1ClouldUrlEmpty(), 1);
+    EXPECT_EQ(tavel_isKPRconfigApikeyEmpty(), 1);
+    EXPECT_TRUE(tavelTestLogHas("notice", " default value present go for polling ...l1ClouldUrl "));
+
+    writeStore({{"Device.X_TAVEL_Cloud.L2URL", " "}, {"Device.X_TAVEL_Cloud.ConfigAPIKey", "k"}});
+    EXPECT_EQ(tavel_isL2ClouldUrlEmpty(), 0); // a single blank is a value
+    EXPECT_EQ(tavel_isKPRconfigApikeyEmpty(), 0);
+    EXPECT_TRUE(tavelTestLogHas("notice", " valid Apikey present no need to poll ...kprConfigApikey k"));
+
+    writeStore({{"Fault.dml_getKPRCConfigL1Server", "1"}, {"Fault.dml_getKPRCRAccessConfig", "1"}});
+    EXPECT_EQ(tavel_isL1ClouldUrlEmpty(), 0);
+    EXPECT_EQ(tavel_isRMAPPUrlEmpty(), 0);
+    EXPECT_TRUE(tavelTestLogHas("notice", "unable to get l1ClouldUrl"));
+    EXPECT_TRUE(tavelTestLogHas("notice", "unable to get mappUrl"));
+}
+
+TEST_F(Cfgm, CloudSettingsApplyOnlyWhatArrived)
+{
+    writeStore({{"Device.X_TAVEL_Cloud.ConfigURL", "https://cfg.example.test"},
+                {"Device.X_TAVEL_Cloud.L2URL", "https://l2.old"}});
+    std::string key = "key-1";
+    std::string l1(2000, 'u'); // longer than the record's field
+    ServerData data = g_serverData;
+    data.kprconfigapikey = &key[0];
+    data.l1url = &l1[0];
+    tavel_setCloudMAPPURL(data);
+    EXPECT_EQ(stored("Device.X_TAVEL_Cloud.ConfigAPIKey"), "key-1");
+    EXPECT_EQ(stored("Device.X_TAVEL_Cloud.ConfigURL"), "https://cfg.example.test");
+    EXPECT_EQ(stored("Device.X_TAVEL_Cloud.L2URL"), "https://l2.old");
+    EXPECT_EQ(stored("Device.X_TAVEL_Cloud.L1URL"), std::string(1535, 'u'));
+    EXPECT_EQ(stored("Device.X_TAVEL_Cloud.L1Flags"), "1");
+    EXPECT_TRUE(tavelTestExists(TAVEL_CLOULDURLCONFIG_FILE));
+
+    // Nothing received, every write failing: the marker still appears.
+    tavelTestCleanRoot();
+    initAgentState(); // recreates the marker directory
+    writeStore({{"Fault.dml_setKPRCZoragentConfig", "1"}});
+    tavel_setCloudMAPPURL(g_serverData);
+    EXPECT_TRUE(tavelTestExists(TAVEL_CLOULDURLCONFIG_FILE));
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "functin failed"), 0);
+}
+
+} // namespace

@@ -1,0 +1,347 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/file.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "main.h"
+#include "test_env.h"
+#include "util.h"
+
+namespace
+{
+
+const std::string kDataModel = "/flash/dml/datamodel.conf";
+
+/* A supported-country list laid out the way the platform hands it over. */
+class CountryList
+{
+public:
+    explicit CountryList(const std::vector<std::vector<std::string>> &groups)
+    {
+        entries_.reserve(groups.size());
+        for (const auto &codes : groups) {
+            std::vector<CountryEntry> entries(codes.size());
+            for (size_t i = 0; i < codes.size(); ++i) {
+                memset(&entries[i], 0, sizeof(CountryEntry));
+                strncpy(entries[i].code, codes[i].c_str(), sizeof(entries[i].code) - 1);
+            }
+            entries_.push_back(std::move(entries));
+        }
+        for (auto &entries : entries_) {
+            CountryGroup group{};
+            group.countryCount = static_cast<int32_t>(entries.size());
+            group.countries = entries.empty() ? nullptr : entries.data();
+            groups_.push_back(group);
+        }
+    }
+    void install()
+    {
+        g_supportedCountryList.groupCount = static_cast<int32_t>(groups_.size());
+        g_supportedCountryList.groups = groups_.empty() ? nullptr : groups_.data();
+    }
+    std::vector<CountryGroup> &groups() { return groups_; }
+
+private:
+    std::vector<std::vector<CountryEntry>> entries_;
+    std::vector<CountryGroup> groups_;
+};
+
+class CountryTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        tavelTestCleanRoot();
+        savedList_ = g_supportedCountryList;
+        savedTimer_ = g_tavelCtrl.ccApplyTimer;
+        g_timerAliveFlag = 0;
+        tavelTestWriteFile(kDataModel, "");
+        std::filesystem::create_directories(tavelTestPath("/configs"));
+    }
+    void TearDown() override
+    {
+        g_supportedCountryList = savedList_;
+        g_tavelCtrl.ccApplyTimer = savedTimer_;
+        g_timerAliveFlag = 0;
+    }
+
+private:
+    SupportedCountryList savedList_{};
+    timer_t savedTimer_{};
+};
+
+std::string readCommand(const std::string &command, int size, int lock, int *rc)
+{
+    std::vector<char> buf(static_cast<size_t>(size), '\0');
+    strcpy(buf.data(), "-");
+    *rc = read_from_file(command.c_str(), buf.data(), size, lock);
+    return std::string(buf.data());
+}
+
+std::string readDeviceFile(const char *path, int size, int *rc)
+{
+    std::vector<char> buf(static_cast<size_t>(size), '\0');
+    strcpy(buf.data(), "-");
+    *rc = tavel_getDataFromFile(buf.data(), path, size, 0);
+    return std::string(buf.data());
+}
+
+} // namespace
+
+/* ---- validation ---- */
+
+TEST_F(CountryTest, ValidatesWholeCodesInAnyGroupIgnoringCase)
+{
+    CountryList list({{"US", "CA"}, {"GB", "FR", "de"}});
+    list.install();
+    EXPECT_EQ(validateCountryCode("US"), 0);
+    EXPECT_EQ(validateCountryCode("us"), 0);
+    EXPECT_EQ(validateCountryCode("DE"), 0) << "a match in a later group counts";
+    EXPECT_EQ(validateCountryCode("USA"), -1) << "a code that only starts like an entry";
+    EXPECT_EQ(validateCountryCode("U"), -1);
+    EXPECT_EQ(validateCountryCode(""), -1);
+    EXPECT_EQ(validateCountryCode("XX"), -1);
+    EXPECT_EQ(validateCountryCode(nullptr), -1);
+}
+
+TEST_F(CountryTest, RejectsEverythingWithoutUsableList)
+{
+    g_supportedCountryList = SupportedCountryList{};
+    EXPECT_EQ(validateCountryCode("US"), -1);
+
+    CountryList noEntries({{}, {"US"}});
+    noEntries.install();
+    EXPECT_EQ(validateCountryCode("US"), -1) << "first group without entry array";
+
+    CountryList list({{"US"}, {"GB"}});
+    list.install();
+    g_supportedCountryList.groupCount = -3;
+    EXPECT_EQ(validateCountryCode("US"), -1);
+    g_supportedCountryList.groupCount = 2;
+    list.groups()[0].countryCount = -1;
+    list.groups()[1].countries = nullptr;
+    EXPECT_EQ(validateCountryCode("US"), -1);
+    EXPECT_EQ(validateCountryCode("GB"), -1);
+}
+
+TEST_F(CountryTest, ReadsUnterminatedEntryCodeWithinItsField)
+{
+    /* One entry, alone on the heap, its 5-byte code without terminator: an
+     * unbounded compare would run into the allocation's end. */
+    std::unique_ptr<CountryEntry[]> entry(new CountryEntry[1]);
+    memset(entry.get(), 'Z', sizeof(CountryEntry));
+    memcpy(entry[0].code, "ABCDE", 5);
+    CountryGroup group{};
+    group.countryCount = 1;
+    group.countries = entry.get();
+    g_supportedCountryList.groupCount = 1;
+    g_supportedCountryList.groups = &group;
+    EXPECT_EQ(validateCountryCode("abcde"), 0);
+    EXPECT_EQ(validateCountryCode("ABCD"), -1);
+    EXPECT_EQ(validateCountryCode("ABCDEZ"), -1);
+}
+
+TEST_F(CountryTest, DefersToMappMark)
+{
+    CountryList list({{"US"}});
+    list.install();
+    struct Case {
+        std::string content;
+        int expected;
+    } cases[] = {
+        {"MAPP", -1},  {"mapp,US", -1}, {"MaPp\n", -1}, {std::string("TAVEL,US\0\0", 10), 0},
+        {"", 0},       {"\n", 0},       {"MAP", 0},     {std::string("\0MAPP", 5), 0},
+        {"\nMAPP", 0}, {" MAPP", 0},
+    };
+    for (const auto &c : cases) {
+        tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, c.content);
+        EXPECT_EQ(checkCcConfiguredBy(), c.expected) << "content: " << c.content;
+        EXPECT_EQ(validateCountryCode("US"), c.expected) << "content: " << c.content;
+    }
+    std::filesystem::remove(tavelTestPath(TAVEL_CC_CONFIGURED_BY));
+    EXPECT_EQ(validateCountryCode("US"), 0) << "absent mark";
+    std::filesystem::create_directories(tavelTestPath(TAVEL_CC_CONFIGURED_BY));
+    EXPECT_EQ(validateCountryCode("US"), 0) << "a directory reads as nothing";
+}
+
+/* ---- applying and parking ---- */
+
+TEST_F(CountryTest, AppliesWithExactTenByteMark)
+{
+    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, "US\n");
+    update_country_code("US");
+    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,US\0\0", 10));
+    EXPECT_FALSE(tavelTestExists(TAVEL_COUNTRY_CODE_FILE));
+    EXPECT_TRUE(tavelTestLogHas("notice", "Inside update_country_code country code US"));
+    EXPECT_NE(tavelTestReadFile(kDataModel).find("Device.DeviceInfo.X_TAVEL_CountryCode=US\n"),
+              std::string::npos);
+    EXPECT_TRUE(tavelTestLogHas("notice", "Outside update_country_code, country code set successfully"));
+
+    update_country_code("ABC");
+    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,AB\0\0", 10));
+}
+
+TEST_F(CountryTest, FailedDataModelWriteTakesMarkBack)
+{
+    tavelTestWriteFile(kDataModel, "Fault.dml_setCountryID=1\n");
+    update_country_code("US");
+    EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
+    EXPECT_TRUE(tavelTestLogHas("error", "dml_setCountryCode failed"));
+}
+
+TEST_F(CountryTest, UnwritableMarkStillUpdatesDataModel)
+{
+    std::filesystem::remove_all(tavelTestPath("/configs"));
+    update_country_code("US");
+    EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
+    EXPECT_FALSE(tavelTestLogHas("error", "set cc to file failed"));
+    EXPECT_NE(tavelTestReadFile(kDataModel).find("Device.DeviceInfo.X_TAVEL_CountryCode=US\n"),
+              std::string::npos);
+}
+
+TEST_F(CountryTest, AppliesAtOnceWithoutMappOnboarding)
+{
+    TavelQuietTimer timer;
+    ASSERT_TRUE(timer.ok());
+    g_tavelCtrl.ccApplyTimer = timer.get();
+    tavel_setCountryCode("GB");
+    EXPECT_TRUE(tavelTestLogHas("notice", "country code received from tavel server : GB"));
+    EXPECT_TRUE(tavelTestLogHas("notice", "update cc since MAPP didn't set"));
+    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,GB\0\0", 10));
+    EXPECT_EQ(g_timerAliveFlag, 0);
+    EXPECT_EQ(timer.remainingSeconds(), 0.0);
+}
+
+TEST_F(CountryTest, ParksDuringMappOnboarding)
+{
+    TavelQuietTimer timer;
+    ASSERT_TRUE(timer.ok());
+    g_tavelCtrl.ccApplyTimer = timer.get();
+    tavelTestWriteFile(TAVEL_ONBOARDING_IN_PROGRESS_FILE, "");
+    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, "OLD-CODE-THAT-IS-LONGER\n");
+
+    tavel_setCountryCode("US");
+    EXPECT_TRUE(tavelTestLogHas("notice", "MAPP onboarding started wait for 30 min"));
+    EXPECT_EQ(tavelTestReadFile(TAVEL_COUNTRY_CODE_FILE), "US\n");
+    EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
+    EXPECT_EQ(tavelTestReadFile(kDataModel).find("X_TAVEL_CountryCode"), std::string::npos);
+    EXPECT_EQ(g_timerAliveFlag, 1);
+    double remaining = timer.remainingSeconds();
+    EXPECT_GT(remaining, 0.0) << "ccApplyTimer armed";
+    EXPECT_LE(remaining, TAVEL_CC_APPLY_WAIT);
+
+    /* The start-up path reads a parked code back through a 4-byte buffer. */
+    int rc = 0;
+    tavel_setCountryCode("ABC");
+    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "AB");
+    EXPECT_EQ(rc, 0);
+}
+
+TEST_F(CountryTest, ParkedCodeNeverReachesShellUnquoted)
+{
+    tavelTestWriteFile(TAVEL_ONBOARDING_IN_PROGRESS_FILE, "");
+    std::string cwd = std::filesystem::current_path();
+    ASSERT_EQ(chdir(tavelTestRoot().c_str()), 0);
+    const char *hostile[] = {"$(touch inj)", "`touch inj`", "x;touch inj", "a'b;touch inj;'", "x > inj"};
+    for (const char *code : hostile) {
+        tavel_setCountryCode(code);
+        EXPECT_EQ(tavelTestReadFile(TAVEL_COUNTRY_CODE_FILE), std::string(code) + "\n");
+    }
+    EXPECT_FALSE(std::filesystem::exists(tavelTestRoot() + "/inj"));
+    ASSERT_EQ(chdir(cwd.c_str()), 0);
+}
+
+/* ---- file helpers ---- */
+
+TEST_F(CountryTest, ReadsFirstLineWithinBufferLimits)
+{
+    int rc = 0;
+    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, "MAPPXYZ\nsecond\n");
+    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "MAPP");
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 4, &rc), "MA");
+    EXPECT_TRUE(tavelTestLogHas("notice", "Read from file = /configs/cc_configured_by, buf = MA"));
+
+    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, "U\n");
+    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "U") << "only the line feed is dropped";
+
+    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, "US");
+    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "US") << "no line end";
+    EXPECT_EQ(rc, 0);
+
+    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, std::string(100 * 1024, 'Q'));
+    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "QQQQ");
+}
+
+TEST_F(CountryTest, NothingReadLeavesBufferUntouched)
+{
+    int rc = 0;
+    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
+    EXPECT_EQ(rc, -1) << "missing file";
+
+    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, "\nUS\n");
+    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
+    EXPECT_EQ(rc, -1) << "first line empty";
+
+    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, std::string("\0\0\0\0\0\0", 6));
+    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
+    EXPECT_EQ(rc, -1) << "binary zeros";
+
+    std::filesystem::remove(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));
+    std::filesystem::create_directories(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));
+    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
+    EXPECT_EQ(rc, -1) << "directory";
+
+    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 2, &rc), "-");
+    EXPECT_EQ(rc, -1) << "a 2-byte buffer cannot hold a character";
+}
+
+TEST_F(CountryTest, BinaryDataEndsTextAtFirstZero)
+{
+    int rc = 0;
+    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, std::string("A\0B\xff", 4));
+    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "A");
+    EXPECT_EQ(rc, 0);
+}
+
+TEST_F(CountryTest, ReadUnderLockFlag)
+{
+    int rc = 0;
+    EXPECT_EQ(readCommand("printf 'abc\\n'", 8, 1, &rc), "abc");
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(readCommand("printf 'abc\\n'", 8, 0, &rc), "abc");
+    EXPECT_EQ(readCommand("true", 8, 1, &rc), "-");
+    EXPECT_EQ(rc, -1);
+}
+
+TEST_F(CountryTest, WriteWaitsForExclusiveLock)
+{
+    const std::string path = tavelTestPath(TAVEL_CC_CONFIGURED_BY);
+    int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        const char data[4] = {'a', '\0', 'b', '\0'};
+        EXPECT_EQ(tavel_setDataToFile(TAVEL_CC_CONFIGURED_BY, data, sizeof(data), 1), 0);
+        done = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(done) << "the write must wait for the other holder of the lock";
+    flock(fd, LOCK_UN);
+    writer.join();
+    close(fd);
+    EXPECT_TRUE(done);
+    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("a\0b\0", 4));
+}

@@ -1,0 +1,463 @@
+// The real GET and PUT against the onboarding-server simulator over TLS on
+// 127.0.0.1.  The client binds the fixed local ports 47777-47779, so these
+// tests must never run in parallel with anything else that makes requests.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "curl_test_state.h"
+
+using curltest::feedHeader;
+
+namespace
+{
+
+std::string sourceDir()
+{
+    const char *env = getenv("TAVEL_SOURCE_DIR");
+    if (env != nullptr && env[0] != '\0') {
+        return env;
+    }
+    return std::filesystem::path(__FILE__).parent_path().parent_path().parent_path().string();
+}
+
+std::string readFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// One simulator process; the script file is re-read by it on every request.
+class Obsim
+{
+public:
+    bool start(const std::string &dir, bool plain)
+    {
+        dir_ = dir;
+        std::filesystem::create_directories(dir);
+        script_ = dir + (plain ? "/plain-script.json" : "/script.json");
+        record_ = dir + (plain ? "/plain-requests.jsonl" : "/requests.jsonl");
+        std::string portFile = dir + (plain ? "/plain-port" : "/port");
+        std::filesystem::remove(portFile);
+        setScript("{}");
+        std::string obsim = sourceDir() + "/tools/obsim/obsim.py";
+        pid_ = fork();
+        if (pid_ == 0) {
+            int null = open("/dev/null", O_WRONLY);
+            dup2(null, 1);
+            const char *args[] = {"python3",
+                                  obsim.c_str(),
+                                  "--dir",
+                                  dir.c_str(),
+                                  "--script",
+                                  script_.c_str(),
+                                  "--record",
+                                  record_.c_str(),
+                                  "--port-file",
+                                  portFile.c_str(),
+                                  plain ? "--plain" : nullptr,
+                                  nullptr};
+            execvp("python3", const_cast<char *const *>(args));
+            _exit(127);
+        }
+        for (int i = 0; i < 200 && pid_ > 0; ++i) {
+            std::string text = readFile(portFile);
+            if (!text.empty()) {
+                port_ = atoi(text.c_str());
+                return port_ > 0;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        return false;
+    }
+
+    void stop()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+            pid_ = -1;
+        }
+    }
+
+    void setScript(const std::string &json) const
+    {
+        std::string tmp = script_ + ".tmp";
+        std::ofstream(tmp, std::ios::trunc) << json;
+        std::filesystem::rename(tmp, script_);
+    }
+
+    void clearRecords() const { std::ofstream(record_, std::ios::trunc); }
+
+    std::vector<std::string> records(const std::string &kind) const
+    {
+        std::vector<std::string> out;
+        std::istringstream in(readFile(record_));
+        for (std::string line; std::getline(in, line);) {
+            if (line.find(kind) != std::string::npos) {
+                out.push_back(line);
+            }
+        }
+        return out;
+    }
+
+    // The simulator may write a record just after the client has given up.
+    size_t waitRecords(const std::string &kind, size_t n) const
+    {
+        for (int i = 0; i < 100 && records(kind).size() < n; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return records(kind).size();
+    }
+
+    std::string url(const std::string &path, bool tls = true) const
+    {
+        return std::string(tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_) + path;
+    }
+    const std::string &dir() const { return dir_; }
+
+private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+    std::string dir_, script_, record_;
+};
+
+const char *kGet = "\"method\": \"GET\"";
+const char *kPut = "\"method\": \"PUT\"";
+
+// The exact header line as the simulator recorded it (JSON string).
+bool sawHeader(const std::string &record, const std::string &jsonLine)
+{
+    return record.find("\"" + jsonLine + "\"") != std::string::npos;
+}
+
+int clientPort(const std::string &record)
+{
+    size_t pos = record.find("\"client_port\": ");
+    return pos == std::string::npos ? -1 : atoi(record.c_str() + pos + 15);
+}
+
+class CurlTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        char tmpl[] = "/tmp/tavel-obsim-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        certDir_ = tmpl;
+        ASSERT_TRUE(tls_.start(certDir_, false)) << "obsim did not start";
+        ASSERT_TRUE(plain_.start(certDir_, true)) << "plain obsim did not start";
+    }
+
+    static void TearDownTestSuite()
+    {
+        tls_.stop();
+        plain_.stop();
+        std::error_code ec;
+        std::filesystem::remove_all(certDir_, ec);
+    }
+
+    void SetUp() override
+    {
+        ASSERT_FALSE(certDir_.empty());
+        tavelTestCleanRoot();
+        curltest::ensureAgentState();
+        curltest::clearServerData();
+        tls_.clearRecords();
+        plain_.clearRecords();
+        memset(&info_, 0, sizeof(info_));
+        setUrl(tls_.url("/onboard"));
+        info_.timeout = 10;
+        tavel_copyText(info_.x_api_key, sizeof(info_.x_api_key), "key-123", sizeof(info_.x_api_key) - 1);
+        setCa("/ca.pem");
+    }
+
+    void setUrl(const std::string &url) { tavel_copyText(info_.url, sizeof(info_.url), url.c_str(), 255); }
+    void setCa(const std::string &file)
+    {
+        std::string path = certDir_ + file;
+        ASSERT_LT(path.size(), sizeof(info_.caCertPath));
+        tavel_copyText(info_.caCertPath, sizeof(info_.caCertPath), path.c_str(),
+                       sizeof(info_.caCertPath) - 1);
+    }
+
+    static std::string certDir_;
+    static Obsim tls_;
+    static Obsim plain_;
+    HttpInfo info_;
+};
+
+std::string CurlTest::certDir_;
+Obsim CurlTest::tls_;
+Obsim CurlTest::plain_;
+
+int closedPort()
+{
+    int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(a);
+    bind(s, reinterpret_cast<sockaddr *>(&a), sizeof(a));
+    getsockname(s, reinterpret_cast<sockaddr *>(&a), &len);
+    close(s);
+    return ntohs(a.sin_port);
+}
+
+} // namespace
+
+TEST_F(CurlTest, GetSendsIdentificationHeadersAndStoresReply)
+{
+    tls_.setScript(R"({"get": {"status": 200, "headers": ["url: https://acs.example:7547/acs\r\n",
+                   "opdesc: Op One\r\n", "pwd: pw1\r\n"], "body": "{}"}})");
+    setUrl(tls_.url("/onboard?x=https"));
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
+
+    auto gets = tls_.records(kGet);
+    ASSERT_EQ(gets.size(), 1u);
+    const std::string &r = gets[0];
+    EXPECT_NE(r.find("\"target\": \"/onboard?x=https\""), std::string::npos) << r;
+    EXPECT_TRUE(sawHeader(r, "Content-Type: Application/json")) << r;
+    EXPECT_TRUE(sawHeader(r, "Content-Length:0")) << r;
+    EXPECT_TRUE(sawHeader(r, "x-api-key:key-123")) << r;
+    // Empty identification values never reach the server.
+    EXPECT_EQ(r.find("\"operatorid"), std::string::npos) << r;
+    EXPECT_EQ(r.find("\"sn:"), std::string::npos) << r;
+    EXPECT_EQ(r.find("\"country"), std::string::npos) << r;
+    int port = clientPort(r);
+    EXPECT_GE(port, TAVEL_LOCAL_PORT);
+    EXPECT_LT(port, TAVEL_LOCAL_PORT + TAVEL_LOCAL_PORT_RANGE);
+
+    EXPECT_STREQ(g_serverData.mgmtUrl, "https://acs.example:7547/acs");
+    EXPECT_STREQ(g_serverData.operdesc, "Op One\r");
+    EXPECT_STREQ(g_serverData.cdppassword, "pw1");
+    EXPECT_TRUE(tavelTestLogHas("debug", "HTTPS Get Url:server returned Errorcode : 200"));
+    EXPECT_TRUE(tavelTestLogHas("debug", "{}"));
+}
+
+TEST_F(CurlTest, GetSendsNodeInfoFromTheDataModel)
+{
+    NodeInfo probe;
+    if (dml_getNodeInfo(&probe) != 0) {
+        GTEST_SKIP() << "data-model stand-in cannot read node information yet";
+    }
+    tavelTestWriteFile("/flash/dml/datamodel.conf", "Device.DeviceInfo.SerialNumber=SN0001\n"
+                                                    "Device.DeviceInfo.X_TAVEL_OperatorID=OP42\n"
+                                                    "Device.DeviceInfo.X_TAVEL_Country=DE\n");
+    tls_.setScript(R"({"get": {"status": 200}})");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
+    auto gets = tls_.records(kGet);
+    ASSERT_EQ(gets.size(), 1u);
+    EXPECT_TRUE(sawHeader(gets[0], "operatorid:OP42")) << gets[0];
+    EXPECT_TRUE(sawHeader(gets[0], "sn:SN0001")) << gets[0];
+    EXPECT_TRUE(sawHeader(gets[0], "country:DE")) << gets[0];
+}
+
+TEST_F(CurlTest, GetMapsServerStatusToResult)
+{
+    tls_.setScript(
+        R"({"get": [{"status": 204}, {"status": 302}, {"status": 401, "headers": ["url: from-401\r\n"]},
+                   {"status": 503}, {"status": 504}, {"status": 505}, {"status": 599}, {"status": 200}]})");
+    const int expected[] = {204, 302, 401, 503, 504, 504, 504, 200};
+    for (int want : expected) {
+        EXPECT_EQ(httpGetUrlFromServer(&info_, ""), want);
+    }
+    EXPECT_EQ(tls_.records(kGet).size(), 8u);
+    // Headers of an error reply are stored all the same.
+    EXPECT_STREQ(g_serverData.mgmtUrl, "from-401");
+    EXPECT_TRUE(tavelTestLogHas("debug", "HTTPS Get Url Not Successful Res : 401"));
+    EXPECT_TRUE(tavelTestLogHas("debug", "HTTPS Get Url Not Successful Res : 505"));
+    EXPECT_FALSE(tavelTestLogHas("debug", "HTTPS Get Url Not Successful Res : 302"));
+    EXPECT_TRUE(tavelTestLogHas("debug", "HTTPS Response :505"));
+}
+
+TEST_F(CurlTest, GetFailuresBeforeAnyReply)
+{
+    // Nothing listening.
+    setUrl("https://127.0.0.1:" + std::to_string(closedPort()) + "/onboard");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
+
+    // Missing CA file: refused before any connection.
+    setUrl(tls_.url("/onboard"));
+    setCa("/missing.pem");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_NO_CERT);
+    EXPECT_TRUE(tavelTestLogHas("debug", "Tavel Verifed Certificate not exist"));
+    EXPECT_TRUE(tls_.records("client_port").empty());
+
+    // A certificate from another CA fails verification.
+    setCa("/other-ca.pem");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
+    EXPECT_EQ(tls_.waitRecords("tls_error", 1), 1u);
+    EXPECT_TRUE(tls_.records(kGet).empty());
+}
+
+TEST_F(CurlTest, GetSchemeDecidesAboutTheCaFile)
+{
+    plain_.setScript(R"({"get": {"status": 200, "headers": ["tenantid: plain\r\n"]}})");
+    setCa("/missing.pem");
+    setUrl(plain_.url("/onboard", false));
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
+    EXPECT_STREQ(g_serverData.tenantID, "plain");
+    // "https" anywhere in the URL asks for the CA file.
+    setUrl(plain_.url("/onboard?next=https", false));
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_NO_CERT);
+    EXPECT_EQ(plain_.records(kGet).size(), 1u);
+}
+
+TEST_F(CurlTest, GetSilentServerEndsAtTheTimeout)
+{
+    tls_.setScript(R"({"get": {"hang": true}})");
+    info_.timeout = 2;
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
+    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_GE(secs, 1.5);
+    EXPECT_LT(secs, 8.0);
+    EXPECT_EQ(tls_.records(kGet).size(), 1u);
+}
+
+TEST_F(CurlTest, GetSurvivesHostileReplies)
+{
+    // A header line far over libcurl's own limit ends the transfer.
+    tls_.setScript(
+        R"({"get": {"status": 200, "headers": ["url: before-big\r\n", {"name": "x-big", "fill": 1048576},
+                   "url: after-big\r\n"]}})");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
+    EXPECT_STREQ(g_serverData.mgmtUrl, "before-big");
+
+    // Ten thousand header lines are read one by one; the later url wins.
+    tls_.setScript(
+        R"({"get": {"status": 200, "headers": ["url: first\r\n", {"line": "x-pad: p\r\n", "repeat": 10000},
+                   "url: last\r\n"]}})");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
+    EXPECT_STREQ(g_serverData.mgmtUrl, "last");
+
+    // Reply cut off inside the header block: libcurl takes the close as the
+    // end of the block and drops the partial line; whole lines are stored.
+    tls_.setScript(
+        R"({"get": {"status": 401, "headers": ["l2url: https://l2\r\n", "tenantid: tttttttttt\r\n"],
+                   "cut_after": 60}})");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 401);
+    EXPECT_STREQ(g_serverData.l2url, "https://l2");
+    EXPECT_STREQ(g_serverData.tenantID, "");
+
+    // Reply cut off inside a body that was announced longer.
+    tls_.setScript(R"({"get": {"status": 200, "headers": ["Content-Length: 1000\r\n"], "body": "short"}})");
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
+}
+
+TEST_F(CurlTest, GetLargeBodyIsReadAndItsDumpCapped)
+{
+    tls_.setScript(R"({"get": {"status": 200, "headers": ["url: big-body\r\n"], "body": "HEAD",
+                   "body_fill": 52428800}})");
+    info_.timeout = 60;
+    size_t mark = tavelTestLog().size();
+    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
+    EXPECT_STREQ(g_serverData.mgmtUrl, "big-body");
+    std::string log = curltest::logSince(mark);
+    EXPECT_NE(log.find("HEADbbbb"), std::string::npos);
+    EXPECT_NE(log.find("[52428804 bytes, first 4096 logged]"), std::string::npos);
+    EXPECT_LT(log.size(), 64u * 1024u);
+}
+
+TEST_F(CurlTest, PutSendsStatusWithBlankAfterColon)
+{
+    feedHeader("opdesc: Op One\r\n");
+    feedHeader("snetdesc: Sub Net\n");
+    tls_.setScript(R"({"put": {"status": 200}})");
+    setUrl(tls_.url("/onboard?status=SUCCESS"));
+    EXPECT_EQ(httpPutToServer(&info_), 200);
+
+    auto puts = tls_.records(kPut);
+    ASSERT_EQ(puts.size(), 1u);
+    const std::string &r = puts[0];
+    EXPECT_NE(r.find("\"target\": \"/onboard?status=SUCCESS\""), std::string::npos) << r;
+    EXPECT_TRUE(sawHeader(r, "Content-Type: Application/json")) << r;
+    EXPECT_TRUE(sawHeader(r, "Content-Length: 0")) << r;
+    EXPECT_TRUE(sawHeader(r, "x-api-key: key-123")) << r;
+    EXPECT_TRUE(sawHeader(r, "snetdesc: Sub Net")) << r;
+    // The CR kept from the reply travels at the end of the value.
+    EXPECT_TRUE(sawHeader(r, "opdesc: Op One\\r")) << r;
+    EXPECT_EQ(r.find("\"operatorid"), std::string::npos) << r;
+    EXPECT_TRUE(tls_.records(kGet).empty());
+    int port = clientPort(r);
+    EXPECT_GE(port, TAVEL_LOCAL_PORT);
+    EXPECT_LT(port, TAVEL_LOCAL_PORT + TAVEL_LOCAL_PORT_RANGE);
+}
+
+TEST_F(CurlTest, PutLeavesEmptyDescriptionsOutAndMapsStatus)
+{
+    tls_.setScript(R"({"put": [{"status": 401}, {"status": 504}, {"status": 503}, {"status": 200}]})");
+    setUrl(tls_.url("/onboard?status=ERROR:CONN_FAILED"));
+    const int expected[] = {401, 504, 503, 200};
+    for (int want : expected) {
+        EXPECT_EQ(httpPutToServer(&info_), want);
+    }
+    auto puts = tls_.records(kPut);
+    ASSERT_EQ(puts.size(), 4u);
+    EXPECT_EQ(puts[0].find("\"snetdesc"), std::string::npos) << puts[0];
+    EXPECT_EQ(puts[0].find("\"opdesc"), std::string::npos) << puts[0];
+    EXPECT_TRUE(tavelTestLogHas("error", "HTTPS Get Url:server returned Errorcode : 401"));
+}
+
+TEST_F(CurlTest, PutTrustDependsOnTheCaFileOnlyExisting)
+{
+    tls_.setScript(R"({"put": {"status": 200}})");
+    // Any existing file switches peer verification off.
+    setCa("/other-ca.pem");
+    EXPECT_EQ(httpPutToServer(&info_), 200);
+    // No file: libcurl's default store, which does not know the test CA.
+    setCa("/missing.pem");
+    EXPECT_EQ(httpPutToServer(&info_), TAVEL_RC_TRANSFER_FAILED);
+    EXPECT_EQ(tls_.records(kPut).size(), 1u);
+    EXPECT_EQ(tls_.waitRecords("tls_error", 1), 1u);
+}
+
+TEST_F(CurlTest, PutFailuresAreBounded)
+{
+    tls_.setScript(R"({"put": {"hang": true}})");
+    info_.timeout = 2;
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(httpPutToServer(&info_), TAVEL_RC_TRANSFER_FAILED);
+    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    EXPECT_LT(secs, 8.0);
+
+    setUrl("https://127.0.0.1:" + std::to_string(closedPort()) + "/onboard");
+    EXPECT_EQ(httpPutToServer(&info_), TAVEL_RC_TRANSFER_FAILED);
+}
+
+TEST(CurlBodyBuffer, AppendsChunksAndStaysTerminated)
+{
+    PollRespBuffer buf{static_cast<char *>(calloc(1, 1)), 0};
+    std::string expect;
+    // Chunk sizes that cross the buffer's growth steps in odd places.
+    const size_t sizes[] = {0, 1, 1, 2, 5, 7, 16, 17, 1000, 4096, 3, 65536, 9};
+    char fill = 'a';
+    for (size_t n : sizes) {
+        std::string chunk(n, fill++);
+        EXPECT_EQ(pollRespWriteCallback(chunk.data(), 1, n, &buf), n);
+        expect += chunk;
+        ASSERT_EQ(buf.size, expect.size());
+        ASSERT_EQ(buf.data[buf.size], '\0');
+    }
+    EXPECT_EQ(std::string(buf.data, buf.size), expect);
+    // size and nmemb multiply.
+    EXPECT_EQ(pollRespWriteCallback("abcdef", 3, 2, &buf), 6u);
+    EXPECT_EQ(std::string(buf.data + buf.size - 6), "abcdef");
+    free(buf.data);
+}

@@ -1,0 +1,178 @@
+/*
+ * Shared environment of the unit-test binary.
+ *
+ * util.cpp reads TAVEL_ROOT once per process, so the whole binary runs under
+ * one temporary root, set before any test starts and removed at the end.
+ * Tests that touch device paths call tavelTestCleanRoot() first, which
+ * empties the root so each test starts from a blank device.
+ *
+ * Sleeps and timer delays of the agent are scaled down (TAVEL_TIME_SCALE
+ * 1000, unless the environment already sets it) so steps that wait on the
+ * device finish in milliseconds here.
+ */
+#ifndef TAVEL_TEST_ENV_H
+#define TAVEL_TEST_ENV_H
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <system_error>
+
+class TavelTestEnvironment : public ::testing::Environment
+{
+public:
+    explicit TavelTestEnvironment(std::string root) : root_(std::move(root)) {}
+    void TearDown() override
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(root_, ec);
+    }
+
+private:
+    std::string root_;
+};
+
+/* The temporary root of this test binary (created on first use). */
+inline const std::string &tavelTestRoot()
+{
+    static const std::string root = [] {
+        char tmpl[] = "/tmp/tavel-unit-XXXXXX";
+        const char *dir = mkdtemp(tmpl);
+        if (dir == nullptr) {
+            abort(); /* never run tests against the real device paths */
+        }
+        setenv("TAVEL_ROOT", dir, 1);
+        setenv("TAVEL_TIME_SCALE", "1000", 0);
+        ::testing::AddGlobalTestEnvironment(new TavelTestEnvironment(dir));
+        return std::string(dir);
+    }();
+    return root;
+}
+
+/* Forces the root into place during static initialisation, before any test
+ * (or anything the tests call) can read TAVEL_ROOT. */
+inline const bool g_tavelTestRootReady = !tavelTestRoot().empty();
+
+/* A device path under the test root. */
+inline std::string tavelTestPath(const std::string &devicePath)
+{
+    return tavelTestRoot() + devicePath;
+}
+
+/* Removes everything under the root, leaving the root itself. */
+inline void tavelTestCleanRoot()
+{
+    std::error_code ec;
+    for (const auto &entry : std::filesystem::directory_iterator(tavelTestRoot(), ec)) {
+        std::filesystem::remove_all(entry.path(), ec);
+    }
+}
+
+/* Writes a file at a device path, creating its directories. */
+inline void tavelTestWriteFile(const std::string &devicePath, const std::string &content)
+{
+    std::string path = tavelTestPath(devicePath);
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+/* Whole content of a file at a device path ("" when absent). */
+inline std::string tavelTestReadFile(const std::string &devicePath)
+{
+    std::ifstream in(tavelTestPath(devicePath), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline bool tavelTestExists(const std::string &devicePath)
+{
+    std::error_code ec;
+    return std::filesystem::exists(tavelTestPath(devicePath), ec);
+}
+
+/* The platform log and the history log the stand-in writes under the root. */
+inline std::string tavelTestLog()
+{
+    return tavelTestReadFile("/var/log/tavel.log");
+}
+inline std::string tavelTestHistory()
+{
+    return tavelTestReadFile("/var/log/history.log");
+}
+
+/* A timer that never signals, put in place of one of the agent's timers so
+ * a test can see whether and for how long the agent armed it. */
+class TavelQuietTimer
+{
+public:
+    TavelQuietTimer()
+    {
+        struct sigevent sev {
+        };
+        sev.sigev_notify = SIGEV_NONE;
+        ok_ = timer_create(CLOCK_MONOTONIC, &sev, &timer_) == 0;
+    }
+    TavelQuietTimer(const TavelQuietTimer &) = delete;
+    TavelQuietTimer &operator=(const TavelQuietTimer &) = delete;
+    ~TavelQuietTimer()
+    {
+        if (ok_) {
+            timer_delete(timer_);
+        }
+    }
+    bool ok() const { return ok_; }
+    timer_t get() const { return timer_; }
+    double remainingSeconds() const
+    {
+        struct itimerspec spec {
+        };
+        timer_gettime(timer_, &spec);
+        return static_cast<double>(spec.it_value.tv_sec) + spec.it_value.tv_nsec / 1e9;
+    }
+
+private:
+    timer_t timer_{};
+    bool ok_ = false;
+};
+
+/* True when the platform log holds a record of the given level ("debug",
+ * "notice", "error") whose text after the agent's log prefix is exactly
+ * text (a trailing line feed of the message is not part of the record). */
+inline bool tavelTestLogHas(const std::string &level, const std::string &text)
+{
+    std::string log = tavelTestLog();
+    std::string head = level + " tavel: [";
+    std::string tail = "] " + text;
+    size_t pos = 0;
+    while (pos < log.size()) {
+        size_t end = log.find('\n', pos);
+        if (end == std::string::npos) {
+            end = log.size();
+        }
+        std::string line = log.substr(pos, end - pos);
+        if (line.compare(0, head.size(), head) == 0 && line.size() >= tail.size() &&
+            line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
+            return true;
+        }
+        pos = end + 1;
+    }
+    return false;
+}
+
+/* Occurrences of text in s. */
+inline int tavelTestCount(const std::string &s, const std::string &text)
+{
+    int n = 0;
+    for (size_t pos = s.find(text); pos != std::string::npos; pos = s.find(text, pos + text.size())) {
+        ++n;
+    }
+    return n;
+}
+
+#endif

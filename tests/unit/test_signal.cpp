@@ -1,0 +1,347 @@
+// The bus signal handlers and the debug-command interpreter, called directly
+// with payloads in exactly-sized heap blocks so that a read past the end is
+// caught by the address sanitizer build.
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "main.h"
+#include "tavel_signal.h"
+#include "test_env.h"
+
+namespace
+{
+
+const std::string kEnter = "enter tavel_processDbgCmdSignal.\n";
+const std::string kMismatch = "tavel_processDbgCmdSignal, parameter mismatched.\n";
+const std::string kIgnore = "tavel_processDbgCmdSignal, ignore.\n";
+
+std::string helpText()
+{
+    return std::string("httpinfo") + std::string(22, ' ') + "\tDump Http Connection Details. " +
+           std::string(30, ' ') + "\n" + "acsinfo" + std::string(23, ' ') +
+           "\tDump ACS Connection Details. " + std::string(31, ' ') + "\n";
+}
+
+// A zeroed heap block of exactly n bytes, nothing after it.
+std::unique_ptr<char, decltype(&free)> exactBlock(size_t n)
+{
+    return std::unique_ptr<char, decltype(&free)>(static_cast<char *>(calloc(n > 0 ? n : 1, 1)), free);
+}
+
+// A debug-command payload of exactly 2,112 bytes.
+std::unique_ptr<char, decltype(&free)> dbgPayload(const std::string &module, const std::string &cmd)
+{
+    auto block = exactBlock(TAVEL_DBG_PAYLOAD_LEN);
+    memcpy(block.get(), module.data(), std::min(module.size(), size_t{TAVEL_DBG_MODULE_LEN}));
+    memcpy(block.get() + TAVEL_DBG_MODULE_LEN, cmd.data(),
+           std::min(cmd.size(), size_t{TAVEL_DBG_CMDLINE_LEN}));
+    return block;
+}
+
+std::string runDbgSignal(const void *payload, uint32_t len)
+{
+    testing::internal::CaptureStdout();
+    tavel_processDbgCmdSignal(nullptr, nullptr, payload, len);
+    return testing::internal::GetCapturedStdout();
+}
+
+std::string runDbgCmd(const char *cmd)
+{
+    testing::internal::CaptureStdout();
+    tavel_handleDbgCmd(cmd);
+    return testing::internal::GetCapturedStdout();
+}
+
+class DbgCmdTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { saved_ = g_retryTimeout; }
+    void TearDown() override { g_retryTimeout = saved_; }
+    int32_t saved_ = 0;
+};
+
+TEST_F(DbgCmdTest, WrongSizeOrMissingPayloadOnlyReportsMismatch)
+{
+    for (size_t n : {size_t{0}, size_t{3}, size_t{7}, size_t{2111}, size_t{2113}}) {
+        SCOPED_TRACE(n);
+        auto block = exactBlock(n);
+        memcpy(block.get(), "tavelAgent", std::min(n, size_t{11}));
+        EXPECT_EQ(runDbgSignal(block.get(), static_cast<uint32_t>(n)), kEnter + kMismatch);
+    }
+    EXPECT_EQ(runDbgSignal(nullptr, TAVEL_DBG_PAYLOAD_LEN), kEnter + kMismatch);
+}
+
+TEST_F(DbgCmdTest, OtherModulesAreIgnored)
+{
+    g_retryTimeout = 86400;
+    for (const char *module : {"TavelAgent", "tavelagent", "tavelAgentX", "tavel", ""}) {
+        SCOPED_TRACE(module);
+        auto payload = dbgPayload(module, "setTimeout 5");
+        EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN), kEnter + kIgnore);
+    }
+    // A name filling its whole field has no terminator, so it is not the agent's.
+    std::string unterminated = "tavelAgent" + std::string(TAVEL_DBG_MODULE_LEN - 10, 'x');
+    auto payload = dbgPayload(unterminated, "setTimeout 5");
+    EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN), kEnter + kIgnore);
+    EXPECT_EQ(g_retryTimeout, 86400);
+}
+
+TEST_F(DbgCmdTest, SetTimeoutThroughTheSignal)
+{
+    auto payload = dbgPayload("tavelAgent", "setTimeout 600");
+    EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN),
+              kEnter + "tavel_processDbgCmdSignal cmd: setTimeout 600.\n" +
+                  "debug cmdLine = setTimeout 600.\n" + "cmdLine+11 = 600.\n");
+    EXPECT_EQ(g_retryTimeout, 600);
+}
+
+TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
+{
+    struct Case {
+        const char *cmd;
+        const char *shown;
+        int32_t value;
+    };
+    const Case cases[] = {
+        {"setTimeout", "", 0},                                // ends before the value position
+        {"setTimeout ", "", 0},                               // ends exactly at it
+        {"setTimeout abc", "abc", 0},                         // no digits
+        {"xsetTimeout 600", " 600", 600},                     // one character in front
+        {"setTimeout -30", "-30", -30},                       // negative accepted
+        {"setTimeout 42s", "42s", 42},                        // digits up to the first other character
+        {"setTimeout 99999999999", "99999999999", INT32_MAX}, // saturates
+        {"abcdefghijk7 setTimeout", "7 setTimeout", 7},       // the word anywhere
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.cmd);
+        g_retryTimeout = 12345;
+        EXPECT_EQ(runDbgCmd(c.cmd),
+                  std::string("debug cmdLine = ") + c.cmd + ".\n" + "cmdLine+11 = " + c.shown + ".\n");
+        EXPECT_EQ(g_retryTimeout, c.value);
+    }
+}
+
+TEST_F(DbgCmdTest, AnythingElsePrintsTheHelp)
+{
+    for (const char *cmd : {"httpinfo ", " httpinfo", "HTTPINFO", "acsinfo\n", "setTimeou 5", ""}) {
+        SCOPED_TRACE(cmd);
+        EXPECT_EQ(runDbgCmd(cmd), std::string("debug cmdLine = ") + cmd + ".\n" + helpText());
+    }
+    EXPECT_EQ(runDbgCmd(nullptr), helpText());
+}
+
+TEST_F(DbgCmdTest, DumpCommandsRunTheirDumps)
+{
+    std::string http = runDbgCmd("httpinfo");
+    EXPECT_EQ(http.rfind("debug cmdLine = httpinfo.\n", 0), 0u) << http;
+    EXPECT_NE(http.find("OB Server Connection Details"), std::string::npos) << http;
+    EXPECT_EQ(http.find("Dump Http Connection Details"), std::string::npos) << http;
+
+    std::string acs = runDbgCmd("acsinfo");
+    size_t before = acs.find("printing ACS Details...\n");
+    size_t dump = acs.find("ACS Connection Details");
+    size_t after = acs.find("After printing ACS Details...\n");
+    ASSERT_NE(before, std::string::npos) << acs;
+    ASSERT_NE(dump, std::string::npos) << acs;
+    ASSERT_NE(after, std::string::npos) << acs;
+    EXPECT_LT(before, dump);
+    EXPECT_LT(dump, after);
+}
+
+TEST_F(DbgCmdTest, UnterminatedCommandFieldIsReadWithinItsBytes)
+{
+    std::string cmd = "setTimeout 42" + std::string(TAVEL_DBG_CMDLINE_LEN - 13, 'x');
+    auto payload = dbgPayload("tavelAgent", cmd);
+    std::string out = runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN);
+    EXPECT_EQ(out, kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + "debug cmdLine = " + cmd +
+                       ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
+    EXPECT_EQ(g_retryTimeout, 42);
+
+    // Called on its own with a field of exactly 2,048 unterminated bytes.
+    auto field = exactBlock(TAVEL_DBG_CMDLINE_LEN);
+    memcpy(field.get(), cmd.data(), TAVEL_DBG_CMDLINE_LEN);
+    g_retryTimeout = 0;
+    EXPECT_EQ(runDbgCmd(field.get()),
+              "debug cmdLine = " + cmd + ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
+    EXPECT_EQ(g_retryTimeout, 42);
+}
+
+class SignalTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        tavelTestCleanRoot();
+        memcpy(savedTimezone_, g_timezone, sizeof(g_timezone));
+    }
+    void TearDown() override { memcpy(g_timezone, savedTimezone_, sizeof(g_timezone)); }
+
+    static void ntp(const void *payload, uint32_t len)
+    {
+        tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, payload, len);
+    }
+    static void sync(const void *payload, uint32_t len)
+    {
+        tavel_processSyncMgrSignal(nullptr, nullptr, payload, len);
+    }
+    static std::string ntpLine(const std::string &value)
+    {
+        return "notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is " + value +
+               ".\n";
+    }
+
+    char savedTimezone_[sizeof(g_timezone)] = {};
+};
+
+TEST_F(SignalTest, NtpValueIsCutToFortyNineCharacters)
+{
+    std::string sixty;
+    for (int i = 0; i < 60; ++i) {
+        sixty += static_cast<char>('A' + i % 26);
+    }
+    auto block = exactBlock(61);
+    memcpy(block.get(), sixty.c_str(), 61);
+    ntp(block.get(), 61);
+    EXPECT_EQ(std::string(g_timezone), sixty.substr(0, 49));
+    EXPECT_NE(tavelTestLog().find(ntpLine(sixty.substr(0, 49))), std::string::npos) << tavelTestLog();
+}
+
+TEST_F(SignalTest, NtpPayloadNeedNotBeTerminated)
+{
+    memset(g_timezone, 'z', sizeof(g_timezone) - 1);
+    auto block = exactBlock(10);
+    memcpy(block.get(), "Europe/Ber", 10);
+    ntp(block.get(), 10);
+    EXPECT_EQ(std::string(g_timezone), "Europe/Ber");
+    EXPECT_EQ(std::string(g_timezone + 10, sizeof(g_timezone) - 10),
+              std::string(sizeof(g_timezone) - 10, '\0'));
+
+    // A terminator inside the payload ends the value.
+    auto inner = exactBlock(6);
+    memcpy(inner.get(), "CET\0xy", 6);
+    ntp(inner.get(), 6);
+    EXPECT_EQ(std::string(g_timezone), "CET");
+}
+
+TEST_F(SignalTest, EmptyNtpPayloadKeepsTheTimezone)
+{
+    strcpy(g_timezone, "kept");
+    ntp(nullptr, 0);
+    EXPECT_STREQ(g_timezone, "kept");
+    EXPECT_TRUE(tavelTestLogHas("error", "signal ignored: payload of 0 bytes, 1 needed")) << tavelTestLog();
+    EXPECT_EQ(tavelTestLog().find("hmsd"), std::string::npos);
+}
+
+TEST_F(SignalTest, SyncMessages)
+{
+    sync(nullptr, 0);
+    EXPECT_TRUE(tavelTestLogHas("debug", "msg is NULL")) << tavelTestLog();
+
+    for (size_t n : {size_t{3}, size_t{7}}) {
+        SCOPED_TRACE(n);
+        tavelTestCleanRoot();
+        auto block = exactBlock(n);
+        sync(block.get(), static_cast<uint32_t>(n));
+        EXPECT_TRUE(
+            tavelTestLogHas("error", "signal ignored: payload of " + std::to_string(n) + " bytes, 8 needed"))
+            << tavelTestLog();
+        EXPECT_EQ(tavelTestLog().find("type ="), std::string::npos);
+    }
+
+    // Header only: the data it announces is never read.
+    struct Case {
+        int32_t type;
+        int32_t len;
+        const char *level;
+        const char *line;
+    };
+    const Case cases[] = {
+        {1, 0, "notice", "type = 1, len = 0"},
+        {1, 5, "notice", "Received ACS Connection Status"},
+        {7, 2, "debug", "unknown type 7"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.line);
+        tavelTestCleanRoot();
+        int32_t header[2] = {c.type, c.len};
+        auto block = exactBlock(sizeof(header));
+        memcpy(block.get(), header, sizeof(header));
+        sync(block.get(), sizeof(header));
+        EXPECT_TRUE(tavelTestLogHas(c.level, c.line)) << tavelTestLog();
+        EXPECT_EQ(tavelTestCount(tavelTestLog(), "\n"), 1) << tavelTestLog();
+    }
+}
+
+TEST_F(SignalTest, BootstrapNeedsFourBytes)
+{
+    for (size_t n : {size_t{0}, size_t{3}}) {
+        SCOPED_TRACE(n);
+        tavelTestCleanRoot();
+        auto block = exactBlock(n);
+        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, n > 0 ? block.get() : nullptr,
+                                        static_cast<uint32_t>(n));
+        EXPECT_TRUE(tavelTestLogHas("notice", "tavel_TR69BootStrapStatusSignal Entered ... "))
+            << tavelTestLog();
+        EXPECT_TRUE(
+            tavelTestLogHas("error", "signal ignored: payload of " + std::to_string(n) + " bytes, 4 needed"))
+            << tavelTestLog();
+    }
+}
+
+TEST_F(SignalTest, BootstrapStatusReachesTheReport)
+{
+    TavelQuietTimer quiet;
+    ASSERT_TRUE(quiet.ok());
+    TavelCtrl savedCtrl = g_tavelCtrl;
+    AcsBootstrapStatus savedStatus = g_acsBootstrapStatus;
+    int32_t savedRetry = g_statusRetryPending;
+    int32_t savedError = g_lastErrorCode;
+    g_tavelCtrl.statusUpdateTimer = quiet.get();
+
+    // The report is due; with no onboarding URL in the store the upload
+    // fails at once and only arms the (quiet) retry timer.
+    for (int32_t status : {1, 0, 0x01000001}) {
+        SCOPED_TRACE(status);
+        tavelTestCleanRoot();
+        g_tavelCtrl.statusUpdatePending = 1;
+        auto block = exactBlock(sizeof(status));
+        memcpy(block.get(), &status, sizeof(status));
+        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, block.get(), sizeof(status));
+        EXPECT_EQ(g_acsBootstrapStatus.status, status);
+        EXPECT_TRUE(tavelTestLogHas("error",
+                                    std::string("Send Status TO Server Status ") + (status == 1 ? "3" : "2")))
+            << tavelTestLog();
+    }
+
+    g_tavelCtrl = savedCtrl;
+    g_acsBootstrapStatus = savedStatus;
+    g_statusRetryPending = savedRetry;
+    g_lastErrorCode = savedError;
+}
+
+TEST_F(SignalTest, SendingWithoutABusFails)
+{
+    // Never the host's bus: point the layer at a socket that does not exist.
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + tavelTestPath("/no-bus")).c_str(), 1);
+    const char data[3] = {'a', 'b', 'c'};
+    EXPECT_EQ(tavel_sendMsg("tavelSyncSignal", data, sizeof(data)), -1);
+    EXPECT_TRUE(tavelTestLogHas("error", "hbus send signal failed, ret = [-1]")) << tavelTestLog();
+
+    tavelTestCleanRoot();
+    EXPECT_EQ(tavel_updateAcsStatus(1, data, sizeof(data)), -1);
+    EXPECT_TRUE(tavelTestLogHas("notice", "tavelMsg: type = 1, len = 3")) << tavelTestLog();
+
+    // A length that cannot travel in the signed header is refused unsent.
+    tavelTestCleanRoot();
+    EXPECT_EQ(tavel_updateAcsStatus(1, data, UINT32_MAX - 4), -1);
+    EXPECT_EQ(tavelTestLog(), "");
+}
+
+} // namespace

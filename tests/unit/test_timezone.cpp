@@ -1,0 +1,390 @@
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <memory>
+#include <string>
+
+#include "main.h"
+#include "test_env.h"
+#include "util.h"
+
+namespace
+{
+
+const std::string kDataModel = "/flash/dml/datamodel.conf";
+
+const std::string kMapping = "1,GMT,London,\"GMT0BST,M3.5.0/1,M10.5.0\",\"Europe/London\"\n"
+                             "2,CET,Paris,\"CET-1CEST,M3.5.0,M10.5.0/3\",\"Europe/Paris\"\n"
+                             "3,CET,Paris,\"SECOND\",\"Europe/Paris-second\"\n"
+                             "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n";
+const std::string kParisLine = "2,CET,Paris,\"CET-1CEST,M3.5.0,M10.5.0/3\",\"Europe/Paris\"\n";
+
+/* Hands the header to the parser in a heap buffer of exactly its length, with
+ * no terminator, so a read past the end is an ASan error. */
+void parseHeader(const std::string &header)
+{
+    std::unique_ptr<char[]> buf(new char[header.size()]);
+    memcpy(buf.get(), header.data(), header.size());
+    handle_timezoneHeader(buf.get(), header.size());
+}
+
+void setReceivedZone(const char *code, const char *city)
+{
+    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
+    tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, 49);
+    tavel_copyText(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city, 49);
+}
+
+/* Runs the lookup; returns the selected line, or "<none>" on failure. */
+std::string lookup(int size = 500)
+{
+    std::unique_ptr<char[]> line(new char[static_cast<size_t>(size)]());
+    if (gettimezonecmd(line.get(), size) != 0) {
+        return "<none>";
+    }
+    EXPECT_LT(strnlen(line.get(), static_cast<size_t>(size)), static_cast<size_t>(size));
+    return line.get();
+}
+
+bool terminatedWithin(const char *field, size_t size)
+{
+    return strnlen(field, size) < size;
+}
+
+class TimezoneTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        tavelTestCleanRoot();
+        std::filesystem::create_directories(tavelTestPath(TAVEL_MARKER_DIR));
+        tavelTestWriteFile(kDataModel, "");
+        memset(&g_timezoneData, 0, sizeof(g_timezoneData));
+        memset(g_timezoneCode, 0, sizeof(g_timezoneCode));
+        memset(g_continent_city, 0, sizeof(g_continent_city));
+        memset(g_timezone, 0, sizeof(g_timezone));
+        savedCtrl_ = g_tavelCtrl;
+        g_tzFailEventSent = 0;
+    }
+    void TearDown() override
+    {
+        g_tavelCtrl = savedCtrl_;
+        g_tzFailEventSent = 0;
+    }
+
+private:
+    TavelCtrl savedCtrl_{};
+};
+
+} // namespace
+
+/* ---- header parsing ---- */
+
+TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparators)
+{
+    struct Case {
+        const char *id;
+        const char *continentCity;
+        const char *city;
+    } cases[] = {
+        {"Europe\\/Paris", "Europe/Paris", "Paris"},
+        {"Europe/Paris", "Europe/Paris", "Paris"},
+        {"America\\/Indiana\\/Knox", "America/Indiana/Knox", "Knox"},
+        /* The 31-character limit counts the identifier as received, escapes
+         * included: this one is 32 characters long. */
+        {"America\\/Argentina\\/Buenos_Aires", "America/Argentina/Buenos_Aire", "Buenos_Aire"},
+        {"America/Argentina/Buenos_Aires", "America/Argentina/Buenos_Aires", "Buenos_Aires"},
+        {"A\\/B\\/C\\/D", "A/B/C/D", "C\\/D"},
+        {"A/B/C/D/E", "A/B/C/D/E", "C/D/E"},
+    };
+    for (const auto &c : cases) {
+        parseHeader(std::string("timezone: {\"code\":\"CET\",\"name\":\"Central European Time\",\"id\":\"") +
+                    c.id + "\"}");
+        EXPECT_STREQ(g_timezoneData.timezone, "CET") << c.id;
+        EXPECT_STREQ(g_timezoneCode, "CET") << c.id;
+        EXPECT_STREQ(g_timezoneData.cityname, c.city) << c.id;
+        EXPECT_STREQ(g_continent_city, c.continentCity) << c.id;
+        EXPECT_STREQ(g_timezoneData.errorcode, "") << c.id;
+    }
+    EXPECT_TRUE(tavelTestLogHas("notice", "g_continent_city is =  A/B/C/D/E"));
+    EXPECT_TRUE(tavelTestLogHas("notice", " g_timezoneData.cityname value is C/D/E"));
+}
+
+TEST_F(TimezoneTest, ErrorHeaderClearsZoneButKeepsReceivedCode)
+{
+    parseHeader("timezone: {\"code\":\"CET\",\"name\":\"x\",\"id\":\"Europe/Paris\"}");
+    ASSERT_STREQ(g_timezoneCode, "CET");
+
+    for (const char *header : {"timezone: 100", "timezone:100", "timezone:   100\r\n"}) {
+        parseHeader(header);
+        EXPECT_STREQ(g_timezoneData.errorcode, "100") << header;
+        EXPECT_STREQ(g_timezoneData.timezone, "") << header;
+        EXPECT_STREQ(g_timezoneData.cityname, "") << header;
+    }
+    EXPECT_TRUE(tavelTestLogHas("notice", " erro code is 100"));
+    EXPECT_STREQ(g_timezoneCode, "CET");
+
+    parseHeader("timezone: 101");
+    EXPECT_STREQ(g_timezoneData.errorcode, "101");
+}
+
+TEST_F(TimezoneTest, ShortHeadersAreIgnored)
+{
+    parseHeader("timezone: 100");
+    parseHeader("t");
+    parseHeader("");
+    handle_timezoneHeader(nullptr, 20);
+    EXPECT_STREQ(g_timezoneData.errorcode, "100");
+}
+
+TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
+{
+    const std::string big(100 * 1024, 'C');
+    struct Case {
+        std::string header;
+        std::string timezone;
+        std::string cityname;
+        std::string errorcode;
+    } cases[] = {
+        {"timezone:", "", "", ""},
+        {"timezone: ", "", "", ""},
+        {":::", "", "", ""},
+        {"tz: 100", "", "", ""},
+        {"timezone: " + big, "", "", std::string(49, 'C')},
+        {"timezone: {\"code\":\"" + big + "\",\"n\",\"id\":\"A/B\"}", std::string(31, 'C'), "B", ""},
+        {"timezone: {\"code\":\"CET\"}", "CET", "", ""},
+        {"timezone: {\"code\":\"CET\",\"id\":\"Europe/Paris\"}", "CET", "", ""},
+        {"timezone: {\"code\":\"CET\",\"n\",\"id\":\"Europe\"}", "CET", "", ""},
+        {"timezone: {\"code\":\"CET\",\"n\", \"id\":\"Europe/Paris\"}", "CET", "", ""},
+        {"timezone: {\"code\":\"CET\",\"n\",\"id\":\"/Paris\"}", "CET", "", ""},
+        {"timezone: {\"code\":\"CET,\"n\",\"id\":\"Europe/Paris", "CET", "Paris", ""},
+        {"timezone: {\"code\":\"", "", "", ""},
+        {"timezone: {\"code\":\"\",\"n\",\"id\":\"\"}", "", "", ""},
+        {"timezone: code", "", "", ""},
+        {"timezone: 100 code", "", "", ""},
+        {"timezone: {\"x\":\"1\"},\"code\",\"id\":\"A/B\"", "", "", "{\"x\":\"1\"},\"code\",\"id\":\"A/B\""},
+        {"timezone: {\"code\":\"" + std::string(40, 'K') + "\",\"n\",\"id\":\"Europe/" +
+             std::string(40, 'P') + "\"}",
+         std::string(31, 'K'), std::string(24, 'P'), ""},
+        {std::string("timezone: 1\0"
+                     "00",
+                     14),
+         "", "", "1"},
+    };
+    for (const auto &c : cases) {
+        const std::string shown = c.header.substr(0, 80);
+        parseHeader(c.header);
+        ASSERT_TRUE(terminatedWithin(g_timezoneData.timezone, 50)) << shown;
+        ASSERT_TRUE(terminatedWithin(g_timezoneData.cityname, 50)) << shown;
+        ASSERT_TRUE(terminatedWithin(g_timezoneData.errorcode, 50)) << shown;
+        ASSERT_TRUE(terminatedWithin(g_continent_city, 50)) << shown;
+        EXPECT_EQ(g_timezoneData.timezone, c.timezone) << shown;
+        EXPECT_EQ(g_timezoneData.cityname, c.cityname) << shown;
+        EXPECT_EQ(g_timezoneData.errorcode, c.errorcode) << shown;
+    }
+}
+
+TEST(TimezoneText, RemovesBackslashes)
+{
+    struct Case {
+        const char *in;
+        const char *out;
+    } cases[] = {
+        {"Europe/Paris", "Europe/Paris"},
+        {"Europe\\/Paris", "Europe/Paris"},
+        {"a\\\\b", "a\\b"},
+        {"ab\\", "ab"},
+        {"\\\\\\", "\\"},
+        {"", ""},
+    };
+    for (const auto &c : cases) {
+        char buf[32];
+        tavel_copyText(buf, sizeof(buf), c.in, sizeof(buf) - 1);
+        removeBackslashes(buf);
+        EXPECT_STREQ(buf, c.out) << c.in;
+    }
+}
+
+/* ---- mapping line split ---- */
+
+TEST(TimezoneMapping, SplitsQuoteAwareAndBoundsOutputs)
+{
+    /* Outputs of exactly their documented sizes, pre-filled, on the heap. */
+    std::unique_ptr<char[]> zone(new char[50]);
+    std::unique_ptr<char[]> name(new char[52]);
+    auto split = [&](std::string line) {
+        memset(zone.get(), 'Z', 50);
+        memset(name.get(), 'N', 52);
+        gettimezoneandzonename(&line[0], zone.get(), name.get());
+    };
+
+    split("a,b,c,\"X,Y\",\"Zone\"\n");
+    EXPECT_STREQ(zone.get(), "\"X,Y\"");
+    EXPECT_STREQ(name.get(), "Zone\n");
+
+    split("a,,b,c,\"X\",\"Zone\"\n");
+    EXPECT_STREQ(zone.get(), "\"X\"") << "an empty field moves the later ones forward";
+    EXPECT_STREQ(name.get(), "Zone\n");
+
+    split("a,b,c\n");
+    EXPECT_STREQ(zone.get(), "");
+    EXPECT_STREQ(name.get(), "");
+
+    split("a,b,c," + std::string(60, 'T') + ",\"" + std::string(70, 'n') + "\"\n");
+    EXPECT_EQ(std::string(zone.get()), std::string(49, 'T'));
+    EXPECT_EQ(std::string(name.get()), std::string(51, 'n'));
+}
+
+/* ---- mapping lookup ---- */
+
+TEST_F(TimezoneTest, LookupSelectsFirstLineWithCodeAndCity)
+{
+    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
+    setReceivedZone("CET", "Paris");
+    EXPECT_EQ(lookup(), kParisLine);
+    EXPECT_TRUE(tavelTestLogHas(
+        "notice", " buf value is cat /usr/configs/timezonemapping.csv | grep '\\CET' | grep Paris"));
+
+    setReceivedZone("ART", "Buenos_Aires");
+    EXPECT_EQ(lookup(), "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n");
+
+    setReceivedZone("GMT", "Paris");
+    EXPECT_EQ(lookup(), "<none>") << "the code and the city must be on the same line";
+    EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
+    EXPECT_TRUE(tavelTestLogHas("error", "Applying timezoneconfig failed"));
+    EXPECT_TRUE(tavelTestLogHas("error", "tavel_handleTimezonedetails exit "));
+
+    setReceivedZone("", "");
+    EXPECT_EQ(lookup(), "<none>") << "nothing received selects nothing";
+    setReceivedZone("CET", "");
+    EXPECT_EQ(lookup(), "<none>");
+
+    setReceivedZone("CET", "Paris");
+    EXPECT_EQ(lookup(16), kParisLine.substr(0, 15)) << "bounded by the caller's buffer";
+    EXPECT_EQ(tavelTestCount(tavelTestHistory(), "\n"), 0) << "lookups record no history";
+}
+
+TEST_F(TimezoneTest, LookupWithoutUsableFile)
+{
+    setReceivedZone("CET", "Paris");
+    EXPECT_EQ(lookup(), "<none>");
+    EXPECT_TRUE(tavelTestLogHas("notice", "popen error "));
+    EXPECT_TRUE(tavelTestLogHas("error", "Applying timezoneconfig failed"));
+
+    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, "");
+    EXPECT_EQ(lookup(), "<none>");
+    EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
+
+    std::filesystem::remove(tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE));
+    std::filesystem::create_directories(tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE));
+    EXPECT_EQ(lookup(), "<none>");
+    EXPECT_TRUE(tavelTestLogHas("error", "fgets error "));
+}
+
+TEST_F(TimezoneTest, LookupSkipsOverlongAndBinaryLines)
+{
+    setReceivedZone("CET", "Paris");
+    const std::string longLine = "9,CET,Paris,\"LONG\",\"" + std::string(10000, 'x') + "\"\n";
+    const std::string nulLine = std::string("8,CET,Paris,\"NUL\0\",\"Europe/Paris\"\n", 34);
+
+    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, longLine + nulLine + kParisLine);
+    EXPECT_EQ(lookup(), kParisLine);
+
+    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, longLine + nulLine);
+    EXPECT_EQ(lookup(), "<none>");
+
+    const std::string fits = "7,CET,Paris,\"OK\",\"" + std::string(499 - 19, 'y') + "\"";
+    ASSERT_EQ(fits.size(), 499u);
+    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, fits);
+    EXPECT_EQ(lookup(), fits) << "a 499-character last line without line end";
+}
+
+TEST_F(TimezoneTest, LookupOfIncompleteLineFailsWithMappingEvent)
+{
+    setReceivedZone("CET", "Paris");
+    for (const char *line :
+         {"1,CET,Paris,\"X\"\n", "1,CET,,Paris,\"X\"\n", "1,CET,Paris,\"X\",\n", "CET Paris\n"}) {
+        tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, std::string(line) + kParisLine);
+        EXPECT_EQ(lookup(), "<none>") << line << " (the first selected line decides)";
+    }
+    EXPECT_TRUE(
+        tavelTestLogHas("error", " No linux timezone to ONT timezone mapping avalieble for CET Paris"));
+    EXPECT_EQ(tavelTestCount(tavelTestHistory(),
+                             "event[TZ Config Failed] reason[Timezone mapping failed] Timezone "
+                             "Configuration failed from Velka WiFi Cloud, Reason: {reason}\n"),
+              4);
+}
+
+/* ---- applying ---- */
+
+TEST_F(TimezoneTest, AppliesMappedZone)
+{
+    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
+    parseHeader("timezone: {\"code\":\"CET\",\"name\":\"Central European Time\",\"id\":\"Europe\\/Paris\"}");
+    tavel_handleTimezonedetails(&g_timezoneData);
+
+    EXPECT_STREQ(g_timezone, "\"CET-1CEST,M3.5.0,M10.5.0/3\"");
+    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
+    EXPECT_EQ(tavelTestHistory(),
+              "event[TZ Config] timezone[\"CET-1CEST,M3.5.0,M10.5.0/3\",CET,Europe/Paris] "
+              "Timezone:{timezone} Configuration from Velka Cloud Successful\n");
+    EXPECT_TRUE(tavelTestLogHas("notice",
+                                "send history event: event[TZ Config] timezone[[\"CET-1CEST,M3.5.0,"
+                                "M10.5.0/3\",CET,Europe/Paris]] Timezone:{timezone} Configuration from "
+                                "Velka Cloud Successful"));
+    const std::string store = tavelTestReadFile(kDataModel);
+    EXPECT_NE(store.find("Device.Time.LocalTimeZone=\"CET-1CEST,M3.5.0,M10.5.0/3\"\n"), std::string::npos)
+        << store;
+    EXPECT_NE(store.find("Device.Time.X_TAVEL_LocalTimeZoneName=Europe/Paris\\n\n"), std::string::npos)
+        << store;
+}
+
+TEST_F(TimezoneTest, UnmappedZoneMarksDoneWithoutEvent)
+{
+    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
+    parseHeader("timezone: {\"code\":\"XYZ\",\"name\":\"n\",\"id\":\"Nowhere/City\"}");
+    tavel_handleTimezonedetails(&g_timezoneData);
+    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
+    EXPECT_TRUE(tavelTestLogHas("error", "gettimezonecmd failed"));
+    EXPECT_EQ(tavelTestHistory(), "");
+    EXPECT_EQ(tavelTestReadFile(kDataModel).find("LocalTimeZone"), std::string::npos);
+}
+
+TEST_F(TimezoneTest, NoTimezoneInfoRecordedEveryTime)
+{
+    parseHeader("timezone: 101");
+    tavel_handleTimezonedetails(&g_timezoneData);
+    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
+    std::filesystem::remove(tavelTestPath(TAVEL_TIMEZONECONFIG_FILE));
+    tavel_handleTimezonedetails(&g_timezoneData);
+    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
+    EXPECT_EQ(tavelTestHistory(),
+              std::string("event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration failed "
+                          "from Velka WiFi Cloud, Reason: {reason}\n") +
+                  "event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration failed "
+                  "from Velka WiFi Cloud, Reason: {reason}\n");
+    EXPECT_TRUE(tavelTestLogHas("notice", "No Timezone Info from IP STACK use existing ONT timezone"));
+}
+
+TEST_F(TimezoneTest, ServiceUnavailableRetriesWithOneEvent)
+{
+    TavelQuietTimer retry;
+    ASSERT_TRUE(retry.ok());
+    g_tavelCtrl.retryTimer = retry.get();
+    g_tavelCtrl.retryCount = 0;
+
+    parseHeader("timezone: 100");
+    tavel_handleTimezonedetails(&g_timezoneData);
+    EXPECT_EQ(g_tavelCtrl.retryCount, 1);
+    EXPECT_GT(retry.remainingSeconds(), 0.0) << "retryTimer armed";
+    tavel_handleTimezonedetails(&g_timezoneData);
+    EXPECT_EQ(g_tavelCtrl.retryCount, 2);
+
+    EXPECT_FALSE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
+    EXPECT_EQ(tavelTestHistory(),
+              "event[TZ Config Failed] reason[Service Unavailable] Timezone Configuration "
+              "failed from Velka WiFi Cloud, Reason: {reason}\n");
+    EXPECT_EQ(g_tzFailEventSent, 1);
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), " IP Stack is down going for retry exponetial \n"), 2);
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "started exponential retry timer \n"), 2);
+}
