@@ -77,12 +77,6 @@ void applyCountryCode()
     }
 }
 
-void printLine(const char *fmt, const char *value)
-{
-    printf(fmt, value);
-    fflush(stdout);
-}
-
 } // namespace
 
 void validateSystemTimeAndStartPolling(void)
@@ -258,42 +252,66 @@ void appendStatusSuffix(char *url, int statusValue)
     snprintf(url + used, 256 - used, "%s", suffix);
 }
 
+namespace
+{
+
+struct DumpLine {
+    const char *label; // the field's name and separator, e.g. "g_httpInfo.url: "
+    const char *value;
+};
+
+// Writes the banner and the lines to the platform log, then the same lines
+// without the log prefix to standard output, where an operator sees them.
+void dumpDetails(const char *func, const char *banner, const DumpLine *lines, size_t count,
+                 const char *closing)
+{
+    dmlLogNotice(TAVEL_LOG_PREFIX "%s\n", func, __FILE_NAME__, __LINE__, banner);
+    for (size_t i = 0; i < count; ++i) {
+        dmlLogNotice(TAVEL_LOG_PREFIX "%s%s\n", func, __FILE_NAME__, __LINE__, lines[i].label,
+                     lines[i].value);
+    }
+    printf("%s\n", banner);
+    for (size_t i = 0; i < count; ++i) {
+        printf("%s%s\n", lines[i].label, lines[i].value);
+    }
+    if (closing != nullptr) {
+        printf("%s\n", closing);
+    }
+    fflush(stdout);
+}
+
+} // namespace
+
 void dumpHttpConnectionDetails(void)
 {
-    const char *banner = "******************** OB Server Connection Details ***********************";
-    TAVEL_LOGN("%s\n", banner);
-    TAVEL_LOGN("g_httpInfo.url: %s\n", g_httpInfo.url);
-    TAVEL_LOGN("g_httpInfo.authType %s\n", g_httpInfo.authType);
-    TAVEL_LOGN("g_httpInfo.userName %s\n", g_httpInfo.userName);
-    TAVEL_LOGN("g_httpInfo.password %s\n", g_httpInfo.password);
-    TAVEL_LOGN("g_httpInfo.x_api_key %s\n", g_httpInfo.x_api_key);
-    TAVEL_LOGN("g_httpInfo.timeout %d\n", g_httpInfo.timeout);
-    TAVEL_LOGN("g_httpInfo.authEnabled %d\n", g_httpInfo.authEnabled);
-    printf("%s\n", banner);
-    printf("g_httpInfo.url: %s\n", g_httpInfo.url);
-    printf("g_httpInfo.authType %s\n", g_httpInfo.authType);
-    printf("g_httpInfo.userName %s\n", g_httpInfo.userName);
-    printf("g_httpInfo.password %s\n", g_httpInfo.password);
-    printf("g_httpInfo.x_api_key %s\n", g_httpInfo.x_api_key);
-    printf("g_httpInfo.timeout %d\n", g_httpInfo.timeout);
-    printf("g_httpInfo.authEnabled %d\n", g_httpInfo.authEnabled);
-    fflush(stdout);
+    char timeout[16];
+    char authEnabled[16];
+    snprintf(timeout, sizeof(timeout), "%d", g_httpInfo.timeout);
+    snprintf(authEnabled, sizeof(authEnabled), "%d", g_httpInfo.authEnabled);
+    const DumpLine lines[] = {
+        {"g_httpInfo.url: ", g_httpInfo.url},
+        {"g_httpInfo.authType ", g_httpInfo.authType},
+        {"g_httpInfo.userName ", g_httpInfo.userName},
+        {"g_httpInfo.password ", g_httpInfo.password},
+        {"g_httpInfo.x_api_key ", g_httpInfo.x_api_key},
+        {"g_httpInfo.timeout ", timeout},
+        {"g_httpInfo.authEnabled ", authEnabled},
+    };
+    dumpDetails(__func__, "******************** OB Server Connection Details ***********************", lines,
+                sizeof(lines) / sizeof(lines[0]), nullptr);
 }
 
 void dumpAcsConnectionDetails(void)
 {
-    const char *banner = "******************** ACS Connection Details ***********************";
-    TAVEL_LOGN("%s\n", banner);
-    TAVEL_LOGN("g_serverData.mgmtUrl %s\n", text(g_serverData.mgmtUrl));
-    TAVEL_LOGN("g_serverData.cdpusername %s\n", text(g_serverData.cdpusername));
-    TAVEL_LOGN("g_serverData.operdesc %s\n", text(g_serverData.operdesc));
-    TAVEL_LOGN("g_serverData.subnetdesc %s\n", text(g_serverData.subnetdesc));
-    TAVEL_LOGN("g_serverData.tenantID %s\n", text(g_serverData.tenantID));
-    printLine("%s\n", banner);
-    printLine("g_serverData.mgmtUrl %s\n", text(g_serverData.mgmtUrl));
-    printLine("g_serverData.cdpusername %s\n", text(g_serverData.cdpusername));
-    printLine("g_serverData.operdesc %s\n", text(g_serverData.operdesc));
-    printLine("g_serverData.subnetdesc %s\n", text(g_serverData.subnetdesc));
-    printLine("g_serverData.tenantID %s\n", text(g_serverData.tenantID));
-    printLine("%s\n", "\n************************************* END ***********************");
+    // The password and the cloud settings are never shown.
+    const DumpLine lines[] = {
+        {"g_serverData.mgmtUrl ", text(g_serverData.mgmtUrl)},
+        {"g_serverData.cdpusername ", text(g_serverData.cdpusername)},
+        {"g_serverData.operdesc ", text(g_serverData.operdesc)},
+        {"g_serverData.subnetdesc ", text(g_serverData.subnetdesc)},
+        {"g_serverData.tenantID ", text(g_serverData.tenantID)},
+    };
+    dumpDetails(__func__, "******************** ACS Connection Details ***********************", lines,
+                sizeof(lines) / sizeof(lines[0]),
+                "\n************************************* END ***********************");
 }

@@ -269,6 +269,60 @@ const char *nameOf(int type)
     return "";
 }
 
+// What differs between the GET and the PUT once the request is set up.
+struct TransferRules {
+    const char *name;                         // shown on standard output and in the log
+    void (*logFailure)(const char *fmt, ...); // level of the failure and status lines
+    int noResponseCode;                       // result when no status code can be read
+    bool logNotSuccessful;                    // the GET also notes statuses of 400 and above
+    bool releaseAgentLock;                    // see httpPutToServer
+};
+
+// Performs the transfer and maps its outcome to the request's result code.
+int performTransfer(CURL *h, const TransferRules &r)
+{
+    printf("%s before curl_easy_perform\n", r.name);
+    fflush(stdout);
+    CURLcode rc;
+    if (r.releaseAgentLock) {
+        AgentLockRelease released;
+        rc = curl_easy_perform(h);
+    } else {
+        rc = curl_easy_perform(h);
+    }
+    printf("%s after curl_easy_perform\n", r.name);
+    fflush(stdout);
+    dmlLogDebug(TAVEL_LOG_PREFIX "after curl_easy_perform\n", r.name, __FILE_NAME__, __LINE__);
+
+    long code = 0;
+    if (rc != CURLE_OK) {
+        long osErrno = 0;
+        if (curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osErrno) != CURLE_OK) {
+            osErrno = 0;
+        }
+        r.logFailure(TAVEL_LOG_PREFIX "curl_easy_perform() failed: %s errno : %ld\n", r.name, __FILE_NAME__,
+                     __LINE__, curl_easy_strerror(rc), osErrno);
+        return TAVEL_RC_TRANSFER_FAILED;
+    }
+    if (curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
+        r.logFailure(TAVEL_LOG_PREFIX "curl_easy_getinfo() error in receiving response code %ld\n", r.name,
+                     __FILE_NAME__, __LINE__, 0L);
+        return r.noResponseCode;
+    }
+    if (r.logNotSuccessful && code >= 400) {
+        dmlLogDebug(TAVEL_LOG_PREFIX "HTTPS Get Url Not Successful Res : %ld\n", r.name, __FILE_NAME__,
+                    __LINE__, code);
+    }
+    int result = TAVEL_RC_BAD_STATUS;
+    if (inStatusRange(code)) {
+        r.logFailure(TAVEL_LOG_PREFIX "HTTPS Get Url:server returned Errorcode : %ld\n", r.name,
+                     __FILE_NAME__, __LINE__, code);
+        result = static_cast<int>(code);
+    }
+    dmlLogDebug(TAVEL_LOG_PREFIX "HTTPS Response :%ld\n", r.name, __FILE_NAME__, __LINE__, code);
+    return result;
+}
+
 } // namespace
 
 int get_https_cacert_file_status(const char *path)
@@ -380,38 +434,9 @@ int httpGetUrlFromServer(HttpInfo *info, const char *body)
         curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
     }
 
-    printf("httpGetUrlFromServer before curl_easy_perform\n");
-    fflush(stdout);
-    CURLcode rc = curl_easy_perform(h);
-    printf("httpGetUrlFromServer after curl_easy_perform\n");
-    fflush(stdout);
-    TAVEL_LOGD("after curl_easy_perform\n");
-
-    int result;
-    long code = 0;
-    if (rc != CURLE_OK) {
-        long osErrno = 0;
-        if (curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osErrno) != CURLE_OK) {
-            osErrno = 0;
-        }
-        TAVEL_LOGD("curl_easy_perform() failed: %s errno : %ld\n", curl_easy_strerror(rc), osErrno);
-        result = TAVEL_RC_TRANSFER_FAILED;
-    } else if (curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
-        TAVEL_LOGD("curl_easy_getinfo() error in receiving response code %ld\n", 0L);
-        result = TAVEL_RC_TRANSFER_FAILED;
-    } else {
-        if (code >= 400) {
-            TAVEL_LOGD("HTTPS Get Url Not Successful Res : %ld\n", code);
-        }
-        if (inStatusRange(code)) {
-            TAVEL_LOGD("HTTPS Get Url:server returned Errorcode : %ld\n", code);
-            result = static_cast<int>(code);
-        } else {
-            result = TAVEL_RC_BAD_STATUS;
-        }
-        TAVEL_LOGD("HTTPS Response :%ld\n", code);
-    }
-
+    static const TransferRules kGet = {"httpGetUrlFromServer", dmlLogDebug, TAVEL_RC_TRANSFER_FAILED, true,
+                                       false};
+    int result = performTransfer(h, kGet);
     dumpBody(bodyBuf);
     return result;
 }
@@ -468,41 +493,12 @@ int httpPutToServer(HttpInfo *info)
         curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
     }
 
-    printf("httpPutToServer before curl_easy_perform\n");
-    fflush(stdout);
-    CURLcode rc;
-    {
-        // The upload has no time limit: a server that never answers must not
-        // hold the other threads' steps back.  Nothing of the agent's state is
-        // read from here on until the transfer ends.
-        AgentLockRelease released;
-        rc = curl_easy_perform(h);
-    }
-    printf("httpPutToServer after curl_easy_perform\n");
-    fflush(stdout);
-    TAVEL_LOGD("after curl_easy_perform\n");
-
-    int result;
-    long code = 0;
-    if (rc != CURLE_OK) {
-        long osErrno = 0;
-        if (curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osErrno) != CURLE_OK) {
-            osErrno = 0;
-        }
-        TAVEL_LOGE("curl_easy_perform() failed: %s errno : %ld\n", curl_easy_strerror(rc), osErrno);
-        result = TAVEL_RC_TRANSFER_FAILED;
-    } else if (curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
-        TAVEL_LOGE("curl_easy_getinfo() error in receiving response code %ld\n", 0L);
-        result = TAVEL_RC_NO_RESPONSE_CODE;
-    } else {
-        if (inStatusRange(code)) {
-            TAVEL_LOGE("HTTPS Get Url:server returned Errorcode : %ld\n", code);
-            result = static_cast<int>(code);
-        } else {
-            result = TAVEL_RC_BAD_STATUS;
-        }
-        TAVEL_LOGD("HTTPS Response :%ld\n", code);
-    }
+    // The upload has no time limit: a server that never answers must not hold
+    // the other threads' steps back, so the agent lock is given up while the
+    // transfer runs.  Nothing of the agent's state is read meanwhile.
+    static const TransferRules kPut = {"httpPutToServer", dmlLogError, TAVEL_RC_NO_RESPONSE_CODE, false,
+                                       true};
+    int result = performTransfer(h, kPut);
     return result;
 }
 
