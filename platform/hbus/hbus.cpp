@@ -71,7 +71,9 @@ DBusConnection *g_conn = nullptr;
 int g_wakeFd = -1;
 
 hbusService *g_service = nullptr;
-std::vector<hbusSignalEntry> g_signalTable;
+// Never destroyed, like the connection: exit() runs static destructors while
+// the bus thread may still be dispatching a signal through the table.
+std::vector<hbusSignalEntry> &g_signalTable = *new std::vector<hbusSignalEntry>();
 bool g_filterAdded = false;
 
 void wake(void *)
