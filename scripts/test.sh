@@ -31,7 +31,7 @@ for v in "${variants[@]}"; do
     # the agent exits 0 by design, so a finding must change the exit status.
     ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:exitcode=86" \
     UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1:exitcode=86" \
-    TSAN_OPTIONS="halt_on_error=1:exitcode=86:second_deadlock_stack=1" \
+    TSAN_OPTIONS="halt_on_error=1:exitcode=86:second_deadlock_stack=1:suppressions=$src/tests/tsan.supp" \
         ctest --test-dir "$dir" --output-on-failure -j "$jobs" || status=1
 done
 exit $status

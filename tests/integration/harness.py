@@ -1,0 +1,408 @@
+"""A simulated device for integration tests of the real tavelAgent binary.
+
+Device() makes a fresh TAVEL_ROOT with a data-model store, a recording
+`iptables` first in PATH (the host firewall is never touched), and helpers to
+start the agent, wait for log lines and read what it left behind.
+"""
+import atexit
+import json
+import os
+import shlex
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
+SOURCE_DIR = os.environ.get("TAVEL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
+AGENT = os.path.join(BUILD_DIR, "tavelAgent")
+TAVELCTL = os.path.join(BUILD_DIR, "tavelctl")
+# Words put in front of every tavelAgent and tavelctl command line, so the same
+# tests drive binaries built for another architecture through a user-mode
+# emulator, e.g. TAVEL_EMULATOR="qemu-arm -L /".  The emulator runs the target
+# in its own process, so pids and signals still reach the agent itself.
+EMULATOR = shlex.split(os.environ.get("TAVEL_EMULATOR", ""))
+
+
+def command(binary, *args):
+    """The command line that runs one of the project's binaries on this host."""
+    return EMULATOR + [binary] + list(args)
+
+TZ_MARKER = "flash/mcq/tavel/timezoneconfigdone.txt"
+CLOUD_MARKER = "flash/mcq/tavel/KPRCConfigdone.txt"
+CC_CONFIGURED_BY = "configs/cc_configured_by"
+CC_FILE = "flash/cc_from_tavel"
+ONBOARDING_IN_PROGRESS = "tmp/onboarding_in_progress"
+MAPPING_FILE = "usr/configs/timezonemapping.csv"
+
+# A device in its factory state: enabled agent, no management account, no
+# cloud settings, root role.
+FACTORY_STORE = {
+    "Device.X_TAVEL_Agent.Enable": "1",
+    "Device.X_TAVEL_Agent.URL": "https://127.0.0.1:1/onboard",
+    "Device.X_TAVEL_Agent.APIKey": "test-api-key",
+    "Device.ManagementServer.URL": "https://acs.tavel.invalid:7754",
+    "Device.ManagementServer.Username": "",
+    "Device.ManagementServer.Password": "",
+    "Device.X_TAVEL_WiFiService.WorkMode": "RGW",
+    "Device.X_TAVEL_WiFiService.WorkRole": "Controller",
+    "Device.DeviceInfo.SerialNumber": "SN0001",
+    "Device.DeviceInfo.X_TAVEL_OperatorID": "OP42",
+    "Device.DeviceInfo.X_TAVEL_Country": "DE",
+}
+
+RECORDING_IPTABLES = """#!/bin/sh
+printf '%s\\n' "$*" >> "$TAVEL_ROOT/iptables.log"
+exit 0
+"""
+
+
+def escape(value):
+    return (value.replace("\\", "\\\\").replace("\n", "\\n").replace("\r", "\\r").replace("\t", "\\t"))
+
+
+class Device:
+    def __init__(self, store=None, keep=False):
+        self.root = tempfile.mkdtemp(prefix="tavel-it-")
+        self.keep = keep
+        self.proc = None
+        self._sanitizer_reports = []
+        self.bin = os.path.join(self.root, "test-bin")
+        os.makedirs(self.bin)
+        # The directories a device has from its image: the agent creates
+        # only its own marker directory.
+        for d in ("configs", "tmp", "usr/configs", "var/log"):
+            os.makedirs(self.path(d), exist_ok=True)
+        ipt = os.path.join(self.bin, "iptables")
+        with open(ipt, "w") as f:
+            f.write(RECORDING_IPTABLES)
+        os.chmod(ipt, 0o755)
+        values = dict(FACTORY_STORE)
+        values.update(store or {})
+        self.write_store(values)
+
+    # ---- files ----
+    def path(self, rel):
+        return os.path.join(self.root, rel)
+
+    def write_store(self, values):
+        os.makedirs(self.path("flash/dml"), exist_ok=True)
+        with open(self.path("flash/dml/datamodel.conf"), "w") as f:
+            f.write("# simulated device\n")
+            for k, v in values.items():
+                f.write("%s=%s\n" % (k, escape(v)))
+
+    def store(self):
+        """The store as a dict of decoded values (the first line of a name wins)."""
+        out = {}
+        try:
+            with open(self.path("flash/dml/datamodel.conf"), "rb") as f:
+                data = f.read().decode("utf-8", "replace")
+        except FileNotFoundError:
+            return out
+        for line in data.split("\n"):
+            if not line or line.startswith("#") or "=" not in line:
+                continue
+            k, v = line.split("=", 1)
+            dec, i = [], 0
+            while i < len(v):
+                if v[i] == "\\" and i + 1 < len(v) and v[i + 1] in "\\nrt":
+                    dec.append({"\\": "\\", "n": "\n", "r": "\r", "t": "\t"}[v[i + 1]])
+                    i += 2
+                else:
+                    dec.append(v[i])
+                    i += 1
+            out.setdefault(k, "".join(dec))
+        return out
+
+    def touch(self, rel, content=b""):
+        p = self.path(rel)
+        os.makedirs(os.path.dirname(p), exist_ok=True)
+        with open(p, "wb") as f:
+            f.write(content)
+
+    def exists(self, rel):
+        return os.path.exists(self.path(rel))
+
+    def read(self, rel, mode="r"):
+        try:
+            with open(self.path(rel), mode) as f:
+                return f.read()
+        except FileNotFoundError:
+            return b"" if "b" in mode else ""
+
+    def log(self):
+        return self.read("var/log/tavel.log")
+
+    def history(self):
+        return self.read("var/log/history.log")
+
+    def iptables(self):
+        return [l for l in self.read("iptables.log").split("\n") if l]
+
+    # ---- the agent ----
+    def env(self, extra=None):
+        env = dict(os.environ)
+        env["TAVEL_ROOT"] = self.root
+        env["PATH"] = self.bin + os.pathsep + env.get("PATH", "")
+        env.setdefault("TAVEL_TIME_SCALE", "1")
+        # Never the host's system bus: a test that wants a bus passes its own.
+        env["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + self.path("no-bus")
+        env.update(extra or {})
+        return env
+
+    def start(self, env=None, agent=None):
+        # A second start on the same root rewrites the output files: keep what
+        # the sanitizers said about the previous run first.
+        self._collect_sanitizer_reports()
+        self.stdout_path = self.path("agent.stdout")
+        self.stderr_path = self.path("agent.stderr")
+        with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
+            self.proc = subprocess.Popen(command(agent or AGENT), env=self.env(env), stdout=out, stderr=err,
+                                         stdin=subprocess.DEVNULL)
+        return self.proc
+
+    def wait_exit(self, timeout=30):
+        return self.proc.wait(timeout=timeout)
+
+    def wait_log(self, text, timeout=20, count=1):
+        """Waits until text occurs count times in the log; returns the log."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            log = self.log()
+            if log.count(text) >= count:
+                return log
+            if self.proc is not None and self.proc.poll() is not None:
+                log = self.log()
+                if log.count(text) >= count:
+                    return log
+                raise AssertionError("agent exited (%s) before logging %r; log:\n%s" %
+                                     (self.proc.returncode, text, log[-4000:]))
+            time.sleep(0.05)
+        raise AssertionError("timed out waiting for %r; log:\n%s" % (text, self.log()[-4000:]))
+
+    def stdout(self):
+        return self.read("agent.stdout")
+
+    def stop(self):
+        if self.proc is not None and self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGKILL)
+            self.proc.wait(timeout=10)
+
+    def _collect_sanitizer_reports(self):
+        path = getattr(self, "stderr_path", None)
+        if path is None or not os.path.exists(path):
+            return
+        with open(path, "rb") as f:
+            err = f.read().decode("utf-8", "replace")
+        reports = getattr(self, "_sanitizer_reports", [])
+        if any(marker in err for marker in SANITIZER_MARKERS):
+            reports.append(err)
+        self._sanitizer_reports = reports
+
+    def sanitizer_reports(self):
+        """Standard-error texts of this device's agent runs that hold a
+        sanitizer finding.  The agent exits 0 by design and a test often kills
+        it, so its exit status alone would hide most findings."""
+        self._collect_sanitizer_reports()
+        found, self._sanitizer_reports = self._sanitizer_reports, []
+        return found
+
+    def close(self):
+        self.stop()
+        reports = self.sanitizer_reports()
+        if reports and not self.keep:
+            # Keep the root: the log around a finding is what explains it.
+            self.keep = True
+        if not self.keep:
+            shutil.rmtree(self.root, ignore_errors=True)
+        if reports:
+            raise AssertionError("sanitizer report from the agent (root kept at %s):\n%s" %
+                                 (self.root, "\n----\n".join(r[-12000:] for r in reports)))
+
+
+# What the sanitizer runtimes write first in a report on standard error.
+SANITIZER_MARKERS = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
+                     "runtime error:")
+
+FIREWALL_INSERT = [
+    "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
+    "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
+    "-I INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
+    "-I INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
+]
+FIREWALL_REMOVE = FIREWALL_INSERT[:2]
+
+
+# A device that was onboarded already: a valid management account and cloud
+# settings.  With both markers present (CONFIGURED_MARKERS) the agent exits at
+# start-up; without them it onboards again.
+CONFIGURED_STORE = {
+    "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp",
+    "Device.ManagementServer.Username": "cpe-old",
+    "Device.ManagementServer.Password": "old-secret",
+    "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test",
+    "Device.X_TAVEL_Cloud.L1Flags": "1",
+}
+CONFIGURED_MARKERS = (TZ_MARKER, CLOUD_MARKER)
+
+
+# ---- the onboarding server ----
+
+OBSIM_DIR = os.path.join(SOURCE_DIR, "tools", "obsim")
+# The agent keeps this many characters of the CA certificate path.
+CA_PATH_MAX = 27
+
+_cert_dir = None
+
+
+def cert_dir():
+    """A directory of obsim certificates shared by every server of this test
+    process.  Generating them takes a second or more, and the directory must
+    sit at a short path: the agent cuts the CA path at 27 characters, so a
+    longer one would name a file that does not exist."""
+    global _cert_dir
+    if _cert_dir is None:
+        if OBSIM_DIR not in sys.path:
+            sys.path.insert(0, OBSIM_DIR)
+        import obsim
+        _cert_dir = tempfile.mkdtemp(prefix="tv", dir="/tmp")
+        atexit.register(shutil.rmtree, _cert_dir, True)
+        obsim.ensure_certs(_cert_dir)
+        # The unrelated CA under a name short enough for the agent's field.
+        shutil.copyfile(os.path.join(_cert_dir, "other-ca.pem"), os.path.join(_cert_dir, "oca.pem"))
+    return _cert_dir
+
+
+def short_path(path):
+    if len(path) > CA_PATH_MAX:
+        raise AssertionError("CA path %r is longer than the agent keeps (%d)" % (path, CA_PATH_MAX))
+    return path
+
+
+def reply(status=200, headers=(), **kw):
+    """One obsim reply.  headers: (name, value) pairs or raw lines; pairs
+    become "name: value" with CR LF, as a server writes them."""
+    lines = []
+    for h in headers:
+        lines.append(h if isinstance(h, str) else "%s: %s\r\n" % h)
+    out = {"status": status, "headers": lines}
+    out.update(kw)
+    return out
+
+
+# A reply handing out a new management account with descriptions, cloud
+# settings, a time zone and a country code.
+NEW_ACCOUNT = [
+    ("url", "https://acs.new.test:7547/cwmp"),
+    ("name", "cpe-new"),
+    ("pwd", "new-secret"),
+    ("opdesc", "Operator One"),
+    ("snetdesc", "Subnet A"),
+    ("tenantid", "tenant-7"),
+    ("l1url", "https://l1.new.test"),
+    ("l2url", "NA"),
+    ("remotemappurl", "https://mapp.new.test"),
+    ("kprconfigurl", "https://cfg.new.test"),
+    ("kprconfigapikey", "cfg-key-9"),
+]
+TZ_PARIS = ("timezone", '{"code":"CET","x":"y","id":"Europe\\/Paris"}')
+# Field 4 of the mapping line that TZ_PARIS selects, and field 5 as the data
+# model receives it (quotes removed, line end kept).
+PARIS_ZONE = '"CET-1CEST,M3.5.0,M10.5.0/3"'
+PARIS_NAME = "Europe/Paris\n"
+MAPPING = ('UTC,Etc,UTC,"UTC0","Etc/UTC"\n'
+           'CET,Europe,Berlin,"CET-1CEST,M3.5.0,M10.5.0/3","Europe/Berlin"\n'
+           'CET,Europe,Paris,%s,"Europe/Paris"\n'
+           'CET,Europe,Paris,"CET-1","Europe/Paris-second"\n' % PARIS_ZONE)
+
+
+class Server:
+    """obsim (HTTPS on 127.0.0.1) in this process, with the shared short-path
+    certificates.  Wire a device to it with device_store()."""
+
+    def __init__(self, script=None):
+        cert_dir()
+        import obsim
+        self.sim = obsim.ObSim(cert_dir(), script=script if script is not None else {"get": reply()})
+        self.sim.start()
+
+    @property
+    def ca_path(self):
+        return short_path(self.sim.ca_path)
+
+    @property
+    def other_ca_path(self):
+        return short_path(os.path.join(cert_dir(), "oca.pem"))
+
+    def url(self, path="/onboard"):
+        return self.sim.url(path)
+
+    def device_store(self, extra=None, ca_path=None):
+        """Store values pointing a device at this server, plus extra."""
+        values = {"Device.X_TAVEL_Agent.URL": self.url(),
+                  "Device.DeviceInfo.X_TAVEL_CACertPath": ca_path or self.ca_path}
+        values.update(extra or {})
+        return values
+
+    def set_script(self, script):
+        self.sim.set_script(script)
+
+    def reset(self, script):
+        """A new script whose queues start from their first entry, even when
+        it equals the last one, and an empty request record."""
+        self._generation = getattr(self, "_generation", 0) + 1
+        self.sim.set_script(dict(script, generation=self._generation))
+        self.sim.clear_requests()
+
+    def requests(self, method=None):
+        """Recorded requests (and TLS failures, which carry "event"); only
+        those of one method when given."""
+        out = self.sim.requests()
+        if method is not None:
+            out = [r for r in out if r.get("method") == method]
+        return out
+
+    def wait_requests(self, method, count=1, timeout=20, dev=None):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            got = self.requests(method)
+            if len(got) >= count:
+                return got
+            if dev is not None and dev.proc is not None and dev.proc.poll() is not None:
+                break
+            time.sleep(0.02)
+        raise AssertionError("expected %d %s request(s), got %s; log tail:\n%s" %
+                             (count, method, json.dumps(self.requests()), dev.log()[-3000:] if dev else ""))
+
+    def close(self):
+        self.sim.stop()
+        for path in (self.sim.script_path, self.sim.record_path, self.sim.script_path + ".tmp"):
+            try:
+                os.unlink(path)
+            except FileNotFoundError:
+                pass
+
+
+def wait_until(predicate, timeout, what, step=0.02):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(step)
+    raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
+
+
+def build_sanitizer():
+    """'asan', 'tsan' or '' for the build under test, from its CMake cache."""
+    try:
+        with open(os.path.join(BUILD_DIR, "CMakeCache.txt")) as f:
+            for line in f:
+                if line.startswith("TAVEL_SANITIZE:"):
+                    return line.split("=", 1)[1].strip()
+    except OSError:
+        pass
+    return ""

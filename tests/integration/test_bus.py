@@ -1,0 +1,236 @@
+"""The agent on a private message bus: its name, dummyFunction, the signal
+routing through the real bus layer, malformed payloads, and tavelctl's bus
+commands."""
+import os
+import subprocess
+import time
+import unittest
+
+from busfixture import CLOSED_POLICY, PrivateBus
+from harness import SOURCE_DIR, TAVELCTL, Device, command
+
+# A device that needs onboarding but has no role yet: the run polls for the
+# role and the agent otherwise sits idle on the bus.
+WAITING = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
+WAITING_LINE = "TAVEL work mode is CFG... Waiting to take Role !!"
+NAME_FAILED = "fatal failed to request bus name for tavel service\n"
+REGISTER_FAILED = "fatal failed to register tavel service\n"
+
+
+class BusCase(unittest.TestCase):
+    def setUp(self):
+        self.bus = self.private_bus()
+
+    def private_bus(self, **kw):
+        bus = PrivateBus(**kw)
+        self.addCleanup(bus.close)
+        return bus
+
+    def start_agent(self, bus=None, wait_name=True):
+        dev = Device(WAITING)
+        self.addCleanup(dev.close)
+        dev.start(env=(bus or self.bus).env())
+        dev.wait_log(WAITING_LINE)
+        if wait_name:
+            self.wait_name(dev, bus or self.bus)
+        return dev
+
+    def ctl(self, *args, bus=None, env=None, timeout=30):
+        e = dict(os.environ)
+        e.update((bus or self.bus).env())
+        e.update(env or {})
+        return subprocess.run(command(TAVELCTL, *args), env=e, capture_output=True, text=True, timeout=timeout,
+                              stdin=subprocess.DEVNULL)
+
+    def wait_name(self, dev, bus):
+        deadline = time.monotonic() + 10
+        while time.monotonic() < deadline:
+            if self.ctl("call", "dummyFunction", "0", bus=bus).returncode == 0:
+                return
+            self.assertIsNone(dev.proc.poll(), "agent exited")
+            time.sleep(0.05)
+        self.fail("agent never answered on the bus; log:\n" + dev.log()[-3000:])
+
+    def wait_stdout(self, dev, text, timeout=10):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            out = dev.stdout()
+            if text in out:
+                return out
+            time.sleep(0.05)
+        self.fail("timed out waiting for %r on stdout:\n%s" % (text, dev.stdout()[-3000:]))
+
+    def assert_failure_lines(self, log):
+        # The bus thread's lines interleave with the main thread's, so only
+        # their order is fixed.
+        name = log.find(NAME_FAILED)
+        self.assertGreaterEqual(name, 0, log)
+        self.assertGreater(log.find(REGISTER_FAILED, name), name, log)
+
+    def assert_ok(self, result):
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return result
+
+
+class ServiceTest(BusCase):
+    def test_dummy_function_answers_one_whatever_it_gets(self):
+        self.start_agent()
+        for arg in ("0", "-1", "7", "2147483647", "-2147483648"):
+            with self.subTest(arg=arg):
+                self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", arg)).stdout, "1\n")
+
+    def test_unknown_method_is_logged_and_refused_at_once(self):
+        dev = self.start_agent()
+        started = time.monotonic()
+        result = self.ctl("call", "resetDevice", "3")
+        self.assertLess(time.monotonic() - started, 5)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("UnknownMethod", result.stderr)
+        self.assertEqual(result.stdout, "")
+        dev.wait_log("fatal unknown message: resetDevice\n")
+        self.assertEqual(dev.log().count("unknown message"), 1)
+        # The service is still there.
+        self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "1")).stdout, "1\n")
+
+    def test_second_agent_cannot_own_the_name_and_keeps_running(self):
+        first = self.start_agent()
+        second = self.start_agent(wait_name=False)
+        log = second.wait_log(REGISTER_FAILED)
+        self.assert_failure_lines(log)
+        self.assertEqual(log.count("fatal "), 2)
+        self.assertNotIn("fatal", first.log())
+        # Its bus thread ended without subscribing: only the owner reacts.
+        self.assert_ok(self.ctl("dbg", "setTimeout", "5"))
+        self.wait_stdout(first, "cmdLine+11 = 5.\n")
+        time.sleep(0.3)
+        self.assertEqual(second.stdout(), "")
+        self.assertIsNone(second.proc.poll())
+
+    def test_idle_agent_uses_no_cpu(self):
+        dev = self.start_agent()
+
+        def ticks():
+            with open("/proc/%d/stat" % dev.proc.pid) as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+            return int(fields[11]) + int(fields[12])  # utime + stime
+
+        before = ticks()
+        time.sleep(2)
+        # A loop that polls the bus would burn most of the 200 ticks.
+        self.assertLess(ticks() - before, 10)
+
+    @unittest.skipUnless(os.geteuid() == 0, "the policy grants the name to root")
+    def test_installed_policy_lets_the_agent_own_its_name(self):
+        policy = os.path.join(SOURCE_DIR, "packaging", "dbus", "velka.tavel.conf")
+        strict = self.private_bus(policy=CLOSED_POLICY, include=policy)
+        self.start_agent(bus=strict)
+        self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "2", bus=strict)).stdout, "1\n")
+
+        # The same strict bus without the policy refuses the name.
+        bare = self.private_bus(policy=CLOSED_POLICY)
+        dev = self.start_agent(bus=bare, wait_name=False)
+        self.assert_failure_lines(dev.wait_log(REGISTER_FAILED))
+
+
+class SignalTest(BusCase):
+    def test_debug_commands(self):
+        dev = self.start_agent()
+        self.assert_ok(self.ctl("dbg", "setTimeout", "600"))
+        out = self.wait_stdout(dev, "cmdLine+11 = 600.\n")
+        self.assertEqual(out, "enter tavel_processDbgCmdSignal.\n"
+                         "tavel_processDbgCmdSignal cmd: setTimeout 600.\n"
+                         "debug cmdLine = setTimeout 600.\n"
+                         "cmdLine+11 = 600.\n")
+
+        self.assert_ok(self.ctl("dbg", "acsinfo", "--module", "TavelAgent"))
+        self.wait_stdout(dev, "tavel_processDbgCmdSignal, ignore.\n")
+
+        self.assert_ok(self.ctl("dbg", "acsinfo"))
+        out = self.wait_stdout(dev, "After printing ACS Details...\n")
+        acs = out.split("debug cmdLine = acsinfo.\n", 1)[1]
+        self.assertTrue(acs.startswith("printing ACS Details...\n"), acs)
+        self.assertIn("ACS Connection Details", acs)
+
+        self.assert_ok(self.ctl("dbg", "httpinfo", "now"))
+        out = self.wait_stdout(dev, "Dump Http Connection Details.")
+        self.assertIn("debug cmdLine = httpinfo now.\nhttpinfo", out)
+
+    def test_ntp_sync_and_log_signals(self):
+        dev = self.start_agent()
+        value = "".join(chr(ord("a") + i % 26) for i in range(60))
+        self.assert_ok(self.ctl("ntp", value))
+        dev.wait_log("notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is %s.\n"
+                     % value[:49])
+        self.assert_ok(self.ctl("sync", "1", "up"))
+        dev.wait_log("] Received ACS Connection Status\n")
+        self.assert_ok(self.ctl("sync", "1"))
+        dev.wait_log("] type = 1, len = 0\n")
+        # Routed by member alone, whoever sends it; the log-control rows do nothing.
+        for member in ("setLogLevel", "setLogDestination"):
+            self.assert_ok(self.ctl("signal", member, "--hex", "07000000"))
+        self.assert_ok(self.ctl("call", "dummyFunction", "0"))
+        self.assertIsNone(dev.proc.poll())
+
+    def test_malformed_payloads_are_survived(self):
+        dev = self.start_agent()
+        dbg_sizes = ["0", "3", "7", "2111", "2113", str(1 << 20)]
+        for size in dbg_sizes:
+            self.assert_ok(self.ctl("signal", "sendDbgCmd", "--size", size))
+        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--no-arg"))
+        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--string", "tavelAgent"))
+        # A 2,112-byte payload whose fields are both unterminated.
+        unterminated = ("tavelAgent".encode() + b"y" * 54 + b"z" * 2048).hex()
+        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--hex", unterminated))
+        self.assert_ok(self.ctl("signal", "tavelCfgmgrSignal", "--hex", "010000"))
+        self.assert_ok(self.ctl("signal", "tavelCfgmgrSignal", "--no-arg"))
+        self.assert_ok(self.ctl("signal", "tavelSyngMgrSignal", "--hex", "01000000050000"))
+        self.assert_ok(self.ctl("signal", "tavelSyngMgrSignal", "--string", "x"))
+        self.assert_ok(self.ctl("signal", "notifyNTPTimezoneUpdate", "--hex", "414243"))
+        self.assert_ok(self.ctl("signal", "notifyNTPTimezoneUpdate", "--size", "0"))
+        self.assert_ok(self.ctl("signal", "somethingElse", "--size", "4", "--no-owner-check"))
+
+        dev.wait_log("value received from hmsd module is ABC.\n")
+        dev.wait_log("signal ignored: payload of 3 bytes, 4 needed\n")
+        dev.wait_log("signal ignored: payload of 0 bytes, 4 needed\n")
+        dev.wait_log("signal ignored: payload of 7 bytes, 8 needed\n")
+        dev.wait_log("signal ignored: payload of 0 bytes, 1 needed\n")
+        dev.wait_log("] msg is NULL\n")
+        self.assertNotIn("Send Status TO Server", dev.log())
+        out = self.wait_stdout(dev, "tavel_processDbgCmdSignal, ignore.\n")
+        deadline = time.monotonic() + 10
+        while out.count("parameter mismatched") < len(dbg_sizes) + 2 and time.monotonic() < deadline:
+            time.sleep(0.05)
+            out = dev.stdout()
+        self.assertEqual(out.count("parameter mismatched"), len(dbg_sizes) + 2, out)
+        self.assertEqual(out.count("enter tavel_processDbgCmdSignal."), len(dbg_sizes) + 3, out)
+        self.assertNotIn("cmd:", out)
+        self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "9")).stdout, "1\n")
+
+
+class TavelctlTest(BusCase):
+    def assert_fails(self, result, status, text):
+        self.assertEqual(result.returncode, status, result.stderr)
+        self.assertEqual(result.stderr.count("\n"), 1, result.stderr)
+        self.assertIn(text, result.stderr)
+
+    def test_errors_are_one_line(self):
+        self.assert_fails(self.ctl("bootstrap", "1"), 1, "velka.tavel has no owner")
+        self.assert_fails(self.ctl("call", "dummyFunction", "1"), 1, "ServiceUnknown")
+        nowhere = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=" + os.path.join(self.bus.dir, "none")}
+        self.assert_fails(self.ctl("ntp", "CET", env=nowhere), 1, "cannot connect to the system bus")
+        self.assert_fails(self.ctl("bootstrap", "x1"), 1, "not a 32-bit integer")
+        self.assert_fails(self.ctl("bootstrap", "4294967296"), 1, "not a 32-bit integer")
+        self.assert_fails(self.ctl("signal", "sendDbgCmd", "--hex", "0g"), 1, "hex")
+        self.assert_fails(self.ctl("dbg", "x" * 2048), 1, "longer than 2047")
+        self.assert_fails(self.ctl("dbg", "acsinfo", "--module", "m" * 64), 1, "longer than 63")
+        self.assert_fails(self.ctl("bootstrap"), 2, "usage")
+        self.assert_fails(self.ctl("signal", "sendDbgCmd"), 2, "exactly one of")
+        self.assert_fails(self.ctl("signal", "sendDbgCmd", "--size", "1", "--no-arg"), 2, "exactly one of")
+        self.assert_fails(self.ctl("signal", "sendDbgCmd", "--bogus"), 2, "--bogus")
+
+    def test_stray_signal_needs_no_owner(self):
+        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--size", "2112", "--no-owner-check"))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,191 @@
+"""The README's demo (tools/demo/demo.py, the driver behind scripts/demo.sh)
+on the already built binaries: the default onboarding and its variations must
+keep completing, reporting and cleaning up, so the first command an integrator
+runs never rots."""
+import os
+import re
+import shutil
+import subprocess
+import sys
+import unittest
+
+from harness import BUILD_DIR, SOURCE_DIR
+
+DEMO = os.path.join(SOURCE_DIR, "tools", "demo", "demo.py")
+TIMELINE_ROW = re.compile(r"^ {2,}(\d+\.\d{3})  (\S+) +(.*)$")
+SCALE = 600
+
+
+def run_demo(*args, timeout=120):
+    env = dict(os.environ)
+    env.pop("NO_COLOR", None)  # plain output must come from the pipe alone
+    return subprocess.run([sys.executable, DEMO, "--build-dir", BUILD_DIR, "--time-scale", str(SCALE)] + list(args),
+                          capture_output=True, text=True, timeout=timeout, env=env, stdin=subprocess.DEVNULL)
+
+
+def section(out, title):
+    """The lines of one report section, up to the next blank line."""
+    lines = out.split("\n")
+    start = next(i for i, l in enumerate(lines) if l.startswith(title))
+    body = []
+    for line in lines[start + 1:]:
+        if not line.strip():
+            break
+        body.append(line)
+    return body
+
+
+def timeline(out):
+    rows = []
+    for line in section(out, "Timeline"):
+        m = TIMELINE_ROW.match(line)
+        if m:
+            rows.append((float(m.group(1)), m.group(2), m.group(3)))
+    return rows
+
+
+def first(rows, text):
+    for t, label, row in rows:
+        if text in row:
+            return t
+    raise AssertionError("no timeline row with %r:\n%s" % (text, "\n".join(r[2] for r in rows)))
+
+
+class DemoTest(unittest.TestCase):
+    def check_common(self, result):
+        out = result.stdout
+        self.assertNotIn("\x1b[", out, "no colour when standard output is not a terminal")
+        rows = timeline(out)
+        self.assertGreater(len(rows), 10, out)
+        times = [t for t, _, _ in rows]
+        self.assertEqual(times, sorted(times), "timeline out of order:\n" + out)
+        self.assertLess(times[-1], 30)
+        # Secrets the demo hands the agent never reach the screen whole.
+        for secret in ("obk-7f3a9c21d4e85b60", "Xk7pQ2v9LmWt", "cfk-5d1e9a0b7c2f41"):
+            self.assertNotIn(secret, out)
+        results = [l for l in out.split("\n") if l.startswith("RESULT: ")]
+        self.assertEqual(len(results), 1, out)
+        self.assertEqual(out.rstrip("\n").split("\n")[-1], results[0])
+        return rows
+
+    def root_of(self, out):
+        m = re.search(r"^  device root  (\S+)", out, re.M)
+        self.assertIsNotNone(m, out)
+        return m.group(1)
+
+    def test_default_onboarding_completes(self):
+        result = run_demo()
+        out = result.stdout
+        self.assertEqual(result.returncode, 0, out + result.stderr)
+        rows = self.check_common(result)
+        self.assertIn("RESULT: onboarding completed in ", out)
+        self.assertIn("the agent exited with status 0", out)
+
+        get = first(rows, "received GET /onboard from port 4777")
+        first(rows, "ACS account emptied")
+        first(rows, "ACS account written: https://acs.operator.example:7547/cwmp, user cpe-TVG4A2190013")
+        bootstrap = first(rows, "bootstrap status 1 sent on the bus")
+        put = first(rows, "received PUT /onboard?status=SUCCESS from port 4777")
+        tz = first(rows, "/flash/mcq/tavel/timezoneconfigdone.txt created")
+        exited = first(rows, "agent exited with status 0")
+        # The server, the bootstrap sender and the exit carry exact stamps;
+        # log lines and files are stamped when the watcher sees them, so they
+        # are compared only where a late look cannot turn the order round.
+        self.assertLess(get, bootstrap)
+        self.assertLess(bootstrap, put)
+        self.assertLess(put, exited)
+        mapped = first(rows, 'time zone: mapped to "CET-1CEST,M3.5.0,M10.5.0/3" (Europe/Berlin) and written')
+        # The marker follows the 60-s (nominal) pause that lets the zone settle.
+        self.assertGreater(tz - mapped, 60.0 / SCALE * 0.5)
+        self.assertLess(exited, 10)
+
+        requests = "\n".join(section(out, "Requests the onboarding server received"))
+        self.assertRegex(requests, r"#1  GET /onboard HTTP/1.1  \(from port 4777[7-9], answered 200\)")
+        self.assertIn("x-api-key: obk-...60", requests)
+        self.assertIn("sn:TVG4A2190013", requests)
+        self.assertIn("opdesc: Nordlicht Fibre Home", requests)
+
+        diff = "\n".join(section(out, "Data model: what changed"))
+        self.assertIn("  Device.ManagementServer.URL\n      - https://acs.tavel.invalid:7754\n"
+                      "      + https://acs.operator.example:7547/cwmp", diff)
+        self.assertIn("  Device.ManagementServer.Password\n      - (empty)\n      + ********", diff)
+        self.assertIn('  Device.Time.LocalTimeZone\n      - "UTC0"\n      + "CET-1CEST,M3.5.0,M10.5.0/3"', diff)
+        self.assertIn("  Device.DeviceInfo.X_TAVEL_CountryCode\n      - (empty)\n      + DE", diff)
+        self.assertIn("+ cfk-...41", diff)
+        self.assertNotIn("SerialNumber", diff, "unchanged parameters are not listed")
+
+        self.assertIn('event[TZ Config] timezone["CET-1CEST,M3.5.0,M10.5.0/3",CET,Europe/Berlin]',
+                      "\n".join(section(out, "History events")))
+        markers = "\n".join(section(out, "Marker files"))
+        self.assertRegex(markers, r"/configs/cc_configured_by +present: \"TAVEL,DE\\0\\0\" \(10 bytes\)")
+        self.assertRegex(markers, r"/flash/mcq/tavel/timezoneconfigdone.txt +present")
+        self.assertRegex(markers, r"/flash/cc_from_tavel +absent")
+        firewall = section(out, "Firewall commands recorded")
+        self.assertEqual(len(firewall), 6, firewall)
+        self.assertEqual(firewall[2], "  iptables -I INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 "
+                                      "--dport 47777:47780 -j ACCEPT")
+
+        self.assertFalse(os.path.exists(self.root_of(out)), "the device root is removed without --keep")
+
+    def test_parked_country_code_is_applied_by_the_timer(self):
+        result = run_demo("--mapp")
+        out = result.stdout
+        self.assertEqual(result.returncode, 0, out + result.stderr)
+        rows = self.check_common(result)
+        self.assertIn("RESULT: onboarding completed in ", out)
+        self.assertIn("received PUT /onboard?status=SUCCESS", out)
+        parked = first(rows, '/flash/cc_from_tavel created: "DE\\n" (3 bytes)')
+        refused = first(rows, "exit refused")
+        expired = first(rows, "ccApplyTimer expired")
+        applied = first(rows, "/configs/cc_configured_by created")
+        stopped = first(rows, "agent stopped (SIGTERM)")
+        self.assertLessEqual(parked, refused)
+        self.assertLess(refused, expired)
+        # 1800 s nominal at this scale; the wait must not be skipped.
+        self.assertGreater(expired - parked, 1800.0 / SCALE * 0.8)
+        self.assertLessEqual(expired, applied)
+        self.assertLess(applied, stopped)
+        self.assertLess(first(rows, "/flash/cc_from_tavel removed"), stopped)
+        self.assertIn('the parked /flash/cc_from_tavel held "DE\\n" (3 bytes)', out)
+
+    def test_failed_bootstrap_is_reported_and_root_kept(self):
+        result = run_demo("--bootstrap-fail", "--keep")
+        out = result.stdout
+        m = re.search(r"^Kept: TAVEL_ROOT=(\S+)  \(CA in (\S+)\)$", out, re.M)
+        self.assertIsNotNone(m, out)
+        for kept in (m.group(1), m.group(2)):
+            self.addCleanup(shutil.rmtree, kept, True)
+        self.assertEqual(result.returncode, 1, out + result.stderr)
+        rows = self.check_common(result)
+        first(rows, "received PUT /onboard?status=ERROR:CONN_FAILED")
+        self.assertTrue(out.rstrip().endswith(
+            "RESULT: FAILED: not completed: the device reported ?status=ERROR:CONN_FAILED (bootstrap status 0: "
+            "the TR-069 client did not reach its ACS)"), out[-500:])
+        self.assertEqual(m.group(1), self.root_of(out))
+        self.assertTrue(os.path.isfile(os.path.join(m.group(1), "flash", "dml", "datamodel.conf")))
+        self.assertTrue(os.path.isfile(os.path.join(m.group(2), "ca.pem")))
+
+    def test_failing_server_is_watched_then_reported(self):
+        result = run_demo("--server-status", "503")
+        out = result.stdout
+        self.assertEqual(result.returncode, 1, out + result.stderr)
+        rows = self.check_common(result)
+        gets = [r for r in rows if r[2].startswith("received GET /onboard") and r[2].endswith("answered 503")]
+        self.assertGreaterEqual(len(gets), 4, out)
+        self.assertNotIn("PUT", "\n".join(section(out, "Requests the onboarding server received")))
+        first(rows, "retry 3 scheduled in ")
+        self.assertRegex(out, r"\n      \+ ConnectionFailed_Error_503\n")
+        self.assertRegex(out.rstrip().split("\n")[-1],
+                         r"^RESULT: FAILED: not completed: the server answered 503 to all %d GETs; " % len(gets))
+
+    def test_usage(self):
+        result = run_demo("--help")
+        self.assertEqual(result.returncode, 0)
+        for option in ("--server-status", "--mapp", "--bootstrap-fail", "--keep", "--time-scale", "--verbose"):
+            self.assertIn(option, result.stdout)
+        bad = run_demo("--server-status", "503", "--mapp")
+        self.assertEqual(bad.returncode, 2)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,411 @@
+"""The onboarding run of the real agent over real TLS against the server
+simulator: what a reply leads to, the request as the server sees it, the
+retry decisions for failed fetches, and the waits before the first fetch."""
+import glob
+import os
+import re
+import shutil
+import socket
+import time
+import unittest
+
+from harness import (CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE, MAPPING, MAPPING_FILE,
+                     NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, Device, Server, cert_dir,
+                     reply, wait_until)
+
+FACTORY_ACS = "https://acs.tavel.invalid:7754"
+LAST_STEP = "Capability: country code sync is not applicable"
+DAY = 86400
+# Bounds of the non-transient delay: the base plus a jitter of 0 to 254 s.
+DAY_MAX = DAY + 254
+FAKETIME_LIB = next(iter(sorted(glob.glob("/usr/lib/*/faketime/libfaketime.so.1"))), None)
+
+
+def account(**override):
+    """NEW_ACCOUNT with some values replaced (None drops the header)."""
+    out = []
+    for name, value in NEW_ACCOUNT:
+        value = override.get(name, value)
+        if value is not None:
+            out.append((name, value))
+    return out
+
+
+def set_clock(path, spec):
+    with open(path + ".tmp", "w") as f:
+        f.write(spec + "\n")
+    os.replace(path + ".tmp", path)
+
+
+def gaps(requests):
+    times = [r["received"] for r in requests]
+    return [b - a for a, b in zip(times, times[1:])]
+
+
+class OnboardingCase(unittest.TestCase):
+    def setUp(self):
+        self.server = Server()
+        self.addCleanup(self.server.close)
+
+    def script(self, script):
+        """Sets the server's replies for the next agent, stopping any earlier
+        one first: a leftover retry would take a reply meant for the next."""
+        for earlier in getattr(self, "_devices", []):
+            earlier.stop()
+        self.server.reset(script)
+
+    def device(self, extra=None, ca_path=None, mapping=MAPPING, markers=()):
+        # One agent at a time, also when an earlier subtest failed with its
+        # agent still running: they share the fixed local ports and the server.
+        for earlier in getattr(self, "_devices", []):
+            earlier.stop()
+        dev = Device(self.server.device_store(extra, ca_path=ca_path))
+        self.addCleanup(dev.close)
+        self._devices = getattr(self, "_devices", []) + [dev]
+        if mapping is not None:
+            dev.touch(MAPPING_FILE, mapping.encode())
+        for m in markers:
+            dev.touch(m)
+        return dev
+
+    def start(self, dev, scale, **kw):
+        env = dict(kw.pop("env", {}), TAVEL_TIME_SCALE=str(scale))
+        dev.start(env=env, **kw)
+
+    def assert_exits(self, dev, timeout=30):
+        self.assertEqual(dev.wait_exit(timeout), 0, dev.log()[-3000:])
+        self.assertEqual(dev.iptables()[-2:], FIREWALL_REMOVE)
+
+    def assert_status(self, dev, name):
+        self.assertEqual(dev.store().get("Device.X_TAVEL_Agent.OnBoardStatus"), name)
+
+    def retry_lines(self, log, code):
+        """(retryCount, nominal seconds) of every back-off line for code."""
+        return [(int(c), int(s)) for c, s in
+                re.findall(r"\] ret %d retryCount value is (-?\d+) retryCount seconds is (-?\d+)\n" % code, log)]
+
+
+class ReplyTest(OnboardingCase):
+    def test_new_account_is_applied_and_the_agent_waits_for_the_bootstrap(self):
+        self.script({"get": reply(200, account() + [TZ_PARIS, ("countrycode", "US")],
+                                             body="ignored body")})
+        dev = self.device()
+        self.start(dev, 100)
+        log = dev.wait_log(LAST_STEP)
+
+        store = dev.store()
+        expected = {
+            "Device.ManagementServer.URL": "https://acs.new.test:7547/cwmp",
+            "Device.ManagementServer.Username": "cpe-new",
+            "Device.ManagementServer.Password": "new-secret",
+            # A description keeps the CR of the server's CR LF line end.
+            "Device.X_TAVEL_Agent.OpDesc": "Operator One\r",
+            "Device.X_TAVEL_Agent.SubnetDesc": "Subnet A\r",
+            "Device.X_TAVEL_Agent.OnBoardStatus": "ConnectionSuccess",
+            "Device.X_TAVEL_Cloud.L1URL": "https://l1.new.test",
+            "Device.X_TAVEL_Cloud.L1Flags": "1",
+            "Device.X_TAVEL_Cloud.RemoteAccessURL": "https://mapp.new.test",
+            "Device.X_TAVEL_Cloud.ConfigURL": "https://cfg.new.test",
+            "Device.X_TAVEL_Cloud.ConfigAPIKey": "cfg-key-9",
+            "Device.Time.LocalTimeZone": PARIS_ZONE,
+            "Device.Time.X_TAVEL_LocalTimeZoneName": PARIS_NAME,
+        }
+        self.assertEqual({k: store.get(k) for k in expected}, expected)
+        # "NA" empties a cloud value, and an empty value is not written.
+        self.assertNotIn("Device.X_TAVEL_Cloud.L2URL", store)
+        # No capability for it: the received country code stays unused.
+        self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", store)
+        self.assertTrue(dev.exists(CLOUD_MARKER))
+        self.assertTrue(dev.exists(TZ_MARKER))
+
+        # The old account was emptied first, for the TR-069 client to let go.
+        order = ["Valid Management URL is NOT presnt .. apply TavelServer Data",
+                 "Setting URL in MangamentServerObject to NULL", "Sleeping tavelAgent for 5 seconds",
+                 "End of tavelAgent sleep", "acsCfg.Username :cpe-new", "tavel_handleTimezonedetails enter",
+                 LAST_STEP]
+        positions = [log.find(t) for t in order]
+        self.assertNotIn(-1, positions, positions)
+        self.assertEqual(positions, sorted(positions))
+
+        gets = self.server.requests()
+        self.assertEqual(len(gets), 1, gets)
+        get = gets[0]
+        self.assertEqual((get["method"], get["target"], get["version"], get["tls"]),
+                         ("GET", "/onboard", "HTTP/1.1", True))
+        self.assertIn(get["client_port"], (47777, 47778, 47779))
+        own = [h for h in get["headers"] if not h.startswith(("Host:", "Accept:"))]
+        self.assertEqual(own, ["Content-Type: Application/json", "Content-Length:0", "x-api-key:test-api-key",
+                               "operatorid:OP42", "sn:SN0001", "country:DE"])
+
+        http_dump = ("******************** OB Server Connection Details ***********************\n"
+                     "g_httpInfo.url: %s\n"
+                     "g_httpInfo.authType None\n"
+                     "g_httpInfo.userName None\n"
+                     "g_httpInfo.password None\n"
+                     "g_httpInfo.x_api_key test-api-key\n"
+                     "g_httpInfo.timeout 25\n"
+                     "g_httpInfo.authEnabled 0\n" % self.server.url())
+        acs_dump = ("******************** ACS Connection Details ***********************\n"
+                    "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\n"
+                    "g_serverData.cdpusername cpe-new\n"
+                    "g_serverData.operdesc Operator One\r\n"
+                    "g_serverData.subnetdesc Subnet A\r\n"
+                    "g_serverData.tenantID tenant-7\n"
+                    "\n************************************* END ***********************\n")
+        stdout = dev.read("agent.stdout", "rb").decode()
+        self.assertEqual(stdout, "httpGetUrlFromServer before curl_easy_perform\n"
+                         "httpGetUrlFromServer after curl_easy_perform\n" + http_dump + acs_dump)
+        self.assertNotIn("new-secret", stdout)
+        self.assertNotIn("pwd: new-secret", log)
+
+        # Waiting for the bootstrap signal: no upload, no exit, firewall open.
+        time.sleep(0.5)
+        self.assertIsNone(dev.proc.poll())
+        self.assertEqual(self.server.requests("PUT"), [])
+        self.assertEqual(dev.iptables(), FIREWALL_INSERT)
+
+    def test_na_or_missing_management_url_still_applies_settings_and_exits(self):
+        for url in ("NA", None):
+            with self.subTest(url=url):
+                self.script({"get": reply(200, account(url=url) + [TZ_PARIS, ("countrycode", "US")])})
+                dev = self.device({"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
+                                   "Device.DeviceInfo.X_TAVEL_SupportedCountries": "CA,US;GB"})
+                self.start(dev, 100)
+                self.assert_exits(dev)
+                log = dev.log()
+                self.assertIn("TavelServer send NA/NULL values no need to retry or update data model", log)
+                self.assertIn("Tavel exiting with timer alive flag 0\n", log)
+                store = dev.store()
+                self.assertEqual(store["Device.ManagementServer.URL"], FACTORY_ACS)
+                self.assertEqual(store["Device.ManagementServer.Username"], "")
+                self.assertNotIn("Device.X_TAVEL_Agent.OpDesc", store)
+                self.assertEqual(store["Device.X_TAVEL_Cloud.L1URL"], "https://l1.new.test")
+                self.assertEqual(store["Device.Time.LocalTimeZone"], PARIS_ZONE)
+                self.assertEqual(store["Device.DeviceInfo.X_TAVEL_CountryCode"], "US")
+                self.assertEqual(store["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionSuccess")
+                self.assertTrue(dev.exists(CLOUD_MARKER))
+                self.assertNotIn("ACS Connection Details", dev.stdout())
+                self.assertEqual(len(self.server.requests()), 1)
+
+    def test_incomplete_account_applies_only_cloud_and_retries_after_a_day(self):
+        for name, broken in (("url without http", {"url": "acs.new.test:7547/cwmp"}),
+                             ("empty password", {"pwd": ""}),
+                             ("no user name", {"name": None})):
+            with self.subTest(name):
+                # Two 503s raise retryCount to 2; the incomplete reply must
+                # reset it, which the time-zone retry of the fourth reply shows
+                # (it adds one to whatever retryCount holds).
+                self.script({"get": [
+                    reply(503), reply(503),
+                    reply(200, account(**broken) + [TZ_PARIS, ("countrycode", "US")]),
+                    reply(200, [("url", "NA"), ("timezone", "100"), ("countrycode", "")]),
+                ]})
+                dev = self.device({"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
+                                   "Device.DeviceInfo.X_TAVEL_SupportedCountries": "US"})
+                # A day of retry delay is 0.864 s at this scale.
+                self.start(dev, 100000)
+                log = dev.wait_log("getTimerIdForErrorCode: 204\n")
+                store = dev.store()
+                self.assertEqual(store["Device.X_TAVEL_Cloud.L1URL"], "https://l1.new.test")
+                self.assertTrue(dev.exists(CLOUD_MARKER))
+                self.assertEqual(store["Device.ManagementServer.URL"], FACTORY_ACS)
+                self.assertNotIn("Device.Time.LocalTimeZone", store)
+                self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", store)
+                self.assertFalse(dev.exists(TZ_MARKER))
+                self.assertNotIn("tavel_handleTimezonedetails enter", log)
+                self.assertEqual([c for c, _ in self.retry_lines(log, 503)], [1, 2])
+                self.assertNotIn("ret 204 ", log)
+
+                gets = self.server.wait_requests("GET", 4, dev=dev)
+                gap = gaps(gets)[2]
+                self.assertGreaterEqual(gap, DAY / 100000 - 0.002, gaps(gets))
+                self.assertLess(gap, DAY_MAX / 100000 + 1.5, gaps(gets))
+                log = dev.wait_log("] ret 5001 ")
+                self.assertEqual(self.retry_lines(log, 5001)[0][0], 1)
+                dev.close()
+
+    def test_same_account_as_the_backup_is_not_applied(self):
+        backup = {"Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
+                  "Device.ManagementServer.X_TAVEL_Backup.Username": "cpe-new",
+                  "Device.ManagementServer.X_TAVEL_Backup.Password": "new-secret"}
+        self.script({"get": reply(200, account() + [TZ_PARIS])})
+        dev = self.device(backup)
+        self.start(dev, 100)
+        self.assert_exits(dev)
+        log = dev.log()
+        self.assertIn("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n", log)
+        store = dev.store()
+        self.assertEqual(store["Device.ManagementServer.URL"], FACTORY_ACS)
+        self.assertNotIn("Device.X_TAVEL_Agent.OpDesc", store)
+        # The rest of the reply is applied all the same.
+        self.assertEqual(store["Device.X_TAVEL_Cloud.L1URL"], "https://l1.new.test")
+        self.assertEqual(store["Device.Time.LocalTimeZone"], PARIS_ZONE)
+        self.assertNotIn("ACS Connection Details", dev.stdout())
+        self.assertEqual([r["method"] for r in self.server.requests()], ["GET"])
+
+    def test_same_account_with_a_failed_acs_connection_is_applied(self):
+        # The device holds a valid account whose ACS it cannot reach; the
+        # server hands out the backup account: that is worth applying.
+        store = dict(CONFIGURED_STORE, **{
+            "Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed",
+            "Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
+            "Device.ManagementServer.X_TAVEL_Backup.Username": "cpe-new",
+            "Device.ManagementServer.X_TAVEL_Backup.Password": "new-secret"})
+        self.script({"get": reply(200, account() + [TZ_PARIS])})
+        dev = self.device(store, markers=(TZ_MARKER, CLOUD_MARKER))
+        # Each 300 s grace period of the failed connection is 0.3 s here.
+        self.start(dev, 1000)
+        log = dev.wait_log(LAST_STEP)
+        self.assertIn("Valid Management URL is NOT presnt .. apply TavelServer Data", log)
+        self.assertNotIn("Received Same Managment", log)
+        self.assertEqual(dev.store()["Device.ManagementServer.Username"], "cpe-new")
+        self.assertIsNone(dev.proc.poll())
+
+
+class FailureTest(OnboardingCase):
+    def test_non_transient_401_waits_a_day_without_touching_retry_count(self):
+        self.script({"get": reply(401, [("url", "https://ignored.test")])})
+        dev = self.device()
+        self.start(dev, 100000)
+        gets = self.server.wait_requests("GET", 3, dev=dev)
+        log = dev.log()
+        self.assert_status(dev, "ConnectionFailed_Error_401")
+        self.assertIn("HTTPS Get Url Not Successful Res : 401\n", log)
+        self.assertGreaterEqual(log.count("getTimerIdForErrorCode: 401\n"), 2)
+        self.assertNotIn("retryCount value is", log)
+        self.assertNotIn("getRetryExpTimerValue", log)
+        for gap in gaps(gets):
+            self.assertGreaterEqual(gap, DAY / 100000 - 0.002, gaps(gets))
+            self.assertLess(gap, DAY_MAX / 100000 + 1.5, gaps(gets))
+        self.assertEqual(dev.store()["Device.ManagementServer.URL"], FACTORY_ACS)
+
+    def test_transient_503_retries_with_a_growing_delay(self):
+        scale = 100
+        self.script({"get": [reply(503), reply(503),
+                                        reply(200, [("url", "NA"), ("timezone", "101")])]})
+        dev = self.device()
+        self.start(dev, scale)
+        self.assert_exits(dev)
+        log = dev.log()
+        lines = self.retry_lines(log, 503)
+        self.assertEqual([c for c, _ in lines], [1, 2], log[-3000:])
+        first, second = lines[0][1], lines[1][1]
+        self.assertTrue(5 <= first <= 9 and 10 <= second <= 19, lines)
+        gets = self.server.requests("GET")
+        self.assertEqual(len(gets), 3)
+        g = gaps(gets)
+        self.assertGreaterEqual(g[0], first / scale - 0.002, g)
+        self.assertGreaterEqual(g[1], second / scale - 0.002, g)
+        self.assertLess(g[1], second / scale + 1.5, g)
+        self.assert_status(dev, "ConnectionSuccess")
+
+    def test_server_status_504_is_not_retried(self):
+        for status in (504, 599):
+            with self.subTest(status=status):
+                self.script({"get": reply(status)})
+                dev = self.device()
+                # A day-long retry would come back within a second here.
+                self.start(dev, 100000)
+                log = dev.wait_log("getTimerIdForErrorCode: 504\n")
+                self.assertIn("httpGetUrlFromServer ret: 504\n", log)
+                time.sleep(2)
+                self.assertEqual(len(self.server.requests("GET")), 1)
+                self.assertNotIn("retryCount value is", dev.log())
+                self.assert_status(dev, "NoConnection")
+                self.assertIsNone(dev.proc.poll())
+                dev.close()
+
+    def test_refused_connection_retries_after_ten_to_nineteen_seconds(self):
+        with socket.socket() as s:
+            s.bind(("127.0.0.1", 0))
+            port = s.getsockname()[1]
+        scale = 10
+        dev = self.device({"Device.X_TAVEL_Agent.URL": "https://127.0.0.1:%d/onboard" % port})
+        self.start(dev, scale)
+        dev.wait_log("httpGetUrlFromServer ret: 5000\n")
+        first = time.monotonic()
+        log = dev.wait_log("httpGetUrlFromServer ret: 5000\n", count=2, timeout=10)
+        gap = time.monotonic() - first
+        lines = self.retry_lines(log, 5000)
+        self.assertEqual(lines[0][0], 2)
+        self.assertTrue(10 <= lines[0][1] <= 19, lines)
+        self.assertGreaterEqual(gap, lines[0][1] / scale - 0.05)
+        self.assertIn("curl_easy_perform() failed: ", log)
+        self.assert_status(dev, "ConnectionFailed_Error_curl")
+
+    def test_missing_or_cut_ca_file_ends_the_agent_without_a_request(self):
+        long_path = os.path.join(cert_dir(), "ca.pem.but-longer")
+        shutil.copyfile(self.server.sim.ca_path, long_path)
+        self.addCleanup(os.unlink, long_path)
+        # The agent keeps 27 characters of the path: the long name becomes
+        # one that does not exist, although the full name does.
+        for ca in (os.path.join(cert_dir(), "none.pem"), long_path):
+            with self.subTest(ca=ca):
+                dev = self.device(ca_path=ca, mapping=None)
+                self.start(dev, 100)
+                self.assert_exits(dev)
+                log = dev.log()
+                self.assertIn("Tavel Verifed Certificate not exist\n", log)
+                self.assertIn("httpGetUrlFromServer ret: 505\n", log)
+                self.assertIn("certificate not EXIST !!!!\n", log)
+                self.assert_status(dev, "ConnectionFailed_Error_no_cert")
+                self.assertEqual(self.server.requests(), [])
+
+    def test_server_certificate_from_another_ca_fails_the_transfer(self):
+        dev = self.device(ca_path=self.server.other_ca_path)
+        self.start(dev, 100)
+        log = dev.wait_log("] ret 5000 retryCount value is 2")
+        self.assertIn("curl_easy_perform() failed: ", log)
+        self.assert_status(dev, "ConnectionFailed_Error_curl")
+        events = self.server.requests()
+        self.assertTrue(events and all(r.get("event") == "tls_error" for r in events), events)
+        self.assertEqual(dev.store()["Device.ManagementServer.URL"], FACTORY_ACS)
+
+
+class WaitTest(OnboardingCase):
+    @unittest.skipUnless(FAKETIME_LIB, "needs libfaketime (package faketime)")
+    def test_no_fetch_while_the_clock_shows_1970(self):
+        self.script({"get": reply(200, [("url", "NA"), ("timezone", "101")])})
+        dev = self.device()
+        # The clock is read from a file the test rewrites, as NTP would set
+        # it; the real time afterwards keeps the server certificate valid.
+        clock = dev.path("clock")
+        set_clock(clock, "@1970-06-01 00:00:00")
+        env = {"TZ": "UTC", "LD_PRELOAD": FAKETIME_LIB, "FAKETIME_TIMESTAMP_FILE": clock, "FAKETIME_NO_CACHE": "1",
+               # libfaketime comes ahead of an ASan runtime in the preload order.
+               "ASAN_OPTIONS": (os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":")}
+        self.start(dev, 1000, env=env)
+        wait_until(lambda: dev.log().count("TAVEL Waiting for system time !!\n") >= 20, 10, "clock polls")
+        self.assertNotIn("TAVEL Got Valid Time", dev.log())
+        self.assertEqual(self.server.requests(), [])
+        self.assertIsNone(dev.proc.poll())
+
+        set_clock(clock, "+0")
+        self.assert_exits(dev, timeout=20)
+        log = dev.log()
+        self.assertGreater(log.find("TAVEL Got Valid Time ... Connecting to Ob Server !!\n"),
+                           log.rfind("TAVEL Waiting for system time !!\n"))
+        self.assertEqual(len(self.server.requests("GET")), 1)
+
+    def test_bridge_without_controller_role_exits(self):
+        for role in ("", "Agent"):
+            with self.subTest(role=role):
+                dev = self.device({"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge",
+                                   "Device.X_TAVEL_WiFiService.WorkRole": role})
+                self.start(dev, 100)
+                self.assert_exits(dev)
+                self.assertIn("TAVEL work mode is AP-Bridge... Exit Tavel !!\n", dev.log())
+                self.assertEqual(self.server.requests(), [])
+
+    def test_bridge_with_controller_role_onboards(self):
+        self.script({"get": reply(200, [("url", "NA"), ("timezone", "101")])})
+        dev = self.device({"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge",
+                           "Device.X_TAVEL_WiFiService.WorkRole": "Controller"})
+        self.start(dev, 100)
+        self.assert_exits(dev)
+        self.assertIn("TAVEL work mode is ROOT... Continue !!\n", dev.log())
+        self.assertEqual(len(self.server.requests("GET")), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,232 @@
+"""Time zone and country code from the server's reply to the data model, the
+marker files and the history log, with the real agent over real TLS."""
+import os
+import re
+import subprocess
+import time
+import unittest
+
+from busfixture import PrivateBus
+
+from harness import (CC_CONFIGURED_BY, CC_FILE, FIREWALL_REMOVE, MAPPING, MAPPING_FILE, ONBOARDING_IN_PROGRESS,
+                     NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TAVELCTL, TZ_MARKER, TZ_PARIS, Device, Server, command, reply,
+                     wait_until)
+
+# A decoy before the Paris line: the city matches, the code does not.
+ZONES = ('WET,Europe,Paris,"WET0","Wrong/Paris"\n' + MAPPING +
+         'ART,America,Jujuy,"<-03>3","America/Argentina/Jujuy"\n')
+NOT_USED = ("url", "NA")
+SUCCESS_EVENT = ("event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka Cloud "
+                 "Successful\n")
+UNAVAILABLE_EVENT = ("event[TZ Config Failed] reason[Service Unavailable] Timezone Configuration failed from "
+                     "Velka WiFi Cloud, Reason: {reason}\n")
+NO_INFO_EVENT = ("event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration failed from Velka "
+                 "WiFi Cloud, Reason: {reason}\n")
+CC_STORE = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
+            "Device.DeviceInfo.X_TAVEL_SupportedCountries": "CA,us;GB"}
+
+
+def ctl(bus, *args):
+    env = dict(os.environ, **bus.env())
+    return subprocess.run(command(TAVELCTL, *args), env=env, capture_output=True, text=True, timeout=30,
+                          stdin=subprocess.DEVNULL)
+
+
+class SettingsCase(unittest.TestCase):
+    def setUp(self):
+        self.server = Server()
+        self.addCleanup(self.server.close)
+
+    def script(self, script):
+        """Sets the server's replies for the next agent, stopping any earlier
+        one first: a leftover retry would take a reply meant for the next."""
+        for earlier in getattr(self, "_devices", []):
+            earlier.stop()
+        self.server.reset(script)
+
+    def device(self, extra=None, mapping=ZONES):
+        # One agent at a time, also when an earlier subtest failed with its
+        # agent still running: they share the fixed local ports and the server.
+        for earlier in getattr(self, "_devices", []):
+            earlier.stop()
+        dev = Device(self.server.device_store(extra))
+        self.addCleanup(dev.close)
+        self._devices = getattr(self, "_devices", []) + [dev]
+        if mapping is not None:
+            dev.touch(MAPPING_FILE, mapping.encode())
+        return dev
+
+    def run_to_exit(self, dev, scale=100):
+        dev.start(env={"TAVEL_TIME_SCALE": str(scale)})
+        self.assertEqual(dev.wait_exit(30), 0, dev.log()[-3000:])
+        return dev.log()
+
+
+class TimeZoneTest(SettingsCase):
+    def test_received_zone_is_mapped_into_the_data_model(self):
+        cases = [
+            (TZ_PARIS, PARIS_ZONE, PARIS_NAME, "CET", "Europe/Paris"),
+            (("timezone", '{"code":"CET","x":"y","id":"Europe/Paris"}'), PARIS_ZONE, PARIS_NAME, "CET",
+             "Europe/Paris"),
+            (("timezone", '{"code":"ART","name":"x","id":"America\\/Argentina\\/Jujuy"}'), '"<-03>3"',
+             "America/Argentina/Jujuy\n", "ART", "America/Argentina/Jujuy"),
+        ]
+        for header, zone, name, code, ident in cases:
+            with self.subTest(header=header[1]):
+                self.script({"get": reply(200, [NOT_USED, header])})
+                dev = self.device()
+                log = self.run_to_exit(dev)
+                store = dev.store()
+                self.assertEqual(store.get("Device.Time.LocalTimeZone"), zone)
+                self.assertEqual(store.get("Device.Time.X_TAVEL_LocalTimeZoneName"), name)
+                self.assertTrue(dev.exists(TZ_MARKER))
+                self.assertEqual(dev.history(), SUCCESS_EVENT % (zone, code, ident))
+                self.assertIn("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
+                              "Configuration from Velka Cloud Successful" % (zone, code, ident), log)
+                # The marker follows the data-model write, after the pause.
+                self.assertLess(log.index("final timezone = %s" % zone), log.index("tavel_handleTimezonedetails exit"))
+
+    def test_configured_zone_is_only_rewritten_when_it_differs(self):
+        # The device value carries three leading characters the mapping lacks,
+        # and the mapped value's last character is not compared.
+        for current, same in (("TZ:" + PARIS_ZONE[:-1], True), ("TZ:" + PARIS_ZONE + "x", True),
+                              ("TZ:\"CET-1\"", False), ("TZ", False)):
+            with self.subTest(current=current):
+                self.script({"get": reply(200, [NOT_USED, TZ_PARIS])})
+                dev = self.device({"Device.Time.LocalTimeZone": current})
+                dev.touch(TZ_MARKER)
+                log = self.run_to_exit(dev)
+                self.assertIn("timezoneconfigdone file present, timezone from dml: %s" % current, log)
+                if same:
+                    self.assertIn("] Same timezone", log)
+                    self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], current)
+                    self.assertEqual(dev.history(), "")
+                else:
+                    self.assertIn("Different timezone, handling timezone update, g_timezone: %s" % PARIS_ZONE, log)
+                    self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], PARIS_ZONE)
+                    self.assertEqual(dev.history(), SUCCESS_EVENT % (PARIS_ZONE, "CET", "Europe/Paris"))
+
+    def test_unavailable_service_retries_with_one_event(self):
+        scale = 100
+        self.script({"get": [reply(200, [NOT_USED, ("timezone", "100")]),
+                                        reply(200, [NOT_USED, ("timezone", "100")]),
+                                        reply(200, [NOT_USED, ("timezone", "101")])]})
+        dev = self.device()
+        log = self.run_to_exit(dev, scale)
+        self.assertEqual(dev.history(), UNAVAILABLE_EVENT + NO_INFO_EVENT)
+        self.assertEqual(log.count("history event send: event[TZ Config] Timezone Configuration failed from "
+                                   "Velka WiFi Cloud, Reason[Service Unavailable]"), 1)
+        self.assertEqual(log.count(" IP Stack is down going for retry exponetial \n"), 2)
+        retries = [(int(c), int(s)) for c, s in
+                   re.findall(r"\] ret 5001 retryCount value is (\d+) retryCount seconds is (\d+)\n", log)]
+        self.assertEqual([c for c, _ in retries], [1, 2])
+        self.assertTrue(5 <= retries[0][1] <= 9 and 10 <= retries[1][1] <= 19, retries)
+        gets = self.server.requests("GET")
+        self.assertEqual(len(gets), 3)
+        for (_, nominal), a, b in zip(retries, gets, gets[1:]):
+            self.assertGreaterEqual(b["received"] - a["received"], nominal / scale - 0.002)
+        # No zone was applied; only the last reply left the marker.
+        self.assertNotIn("Device.Time.LocalTimeZone", dev.store())
+        self.assertTrue(dev.exists(TZ_MARKER))
+
+    def test_no_time_zone_info_marks_and_records_every_reply(self):
+        self.script({"get": reply(200, [NOT_USED, ("timezone", "101")])})
+        dev = self.device({"Device.Time.LocalTimeZone": "TZ:keep"})
+        for run in (1, 2):
+            if dev.exists(TZ_MARKER):
+                os.unlink(dev.path(TZ_MARKER))
+            log = self.run_to_exit(dev)
+            self.assertTrue(dev.exists(TZ_MARKER))
+            self.assertIn("No Timezone Info from IP STACK use existing ONT timezone\n", log)
+            self.assertEqual(dev.history(), NO_INFO_EVENT * run)
+        self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], "TZ:keep")
+
+    def test_zone_without_mapping_marks_without_event(self):
+        unknown = ("timezone", '{"code":"XYZ","x":"y","id":"Atlantis\\/Nowhere"}')
+        for name, header, mapping, failure in (
+                ("no line", unknown, ZONES, "read eof -content is empty \n"),
+                ("code matches, city does not", ("timezone", '{"code":"CET","x":"y","id":"Europe\\/Rome"}'),
+                 ZONES, "read eof -content is empty \n"),
+                ("no mapping file", TZ_PARIS, None, "popen error \n")):
+            with self.subTest(name):
+                self.script({"get": reply(200, [NOT_USED, header])})
+                dev = self.device(mapping=mapping)
+                log = self.run_to_exit(dev)
+                self.assertIn(failure, log)
+                self.assertIn("Applying timezoneconfig failed\n", log)
+                self.assertIn("] gettimezonecmd failed", log)
+                self.assertTrue(dev.exists(TZ_MARKER))
+                self.assertEqual(dev.history(), "")
+                self.assertNotIn("Device.Time.LocalTimeZone", dev.store())
+
+
+class CountryCodeTest(SettingsCase):
+    def test_code_is_applied_at_once(self):
+        self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", "US")])})
+        dev = self.device(CC_STORE)
+        log = self.run_to_exit(dev)
+        self.assertIn("update cc since MAPP didn't set\n", log)
+        self.assertEqual(dev.read(CC_CONFIGURED_BY, "rb"), b"TAVEL,US\0\0")
+        self.assertEqual(dev.store()["Device.DeviceInfo.X_TAVEL_CountryCode"], "US")
+        self.assertFalse(dev.exists(CC_FILE))
+
+    def test_code_is_parked_while_the_app_onboards_and_applied_later(self):
+        bus = PrivateBus()
+        self.addCleanup(bus.close)
+        self.script({"get": reply(200, NEW_ACCOUNT + [("timezone", "101"), ("countrycode", "US")])})
+        dev = self.device(CC_STORE)
+        dev.touch(ONBOARDING_IN_PROGRESS)
+        # The 30-minute wait is 3.6 s at this scale.
+        dev.start(env=dict(bus.env(), TAVEL_TIME_SCALE="500"))
+        dev.wait_log("MAPP onboarding started wait for 30 min\n")
+        parked = time.monotonic()
+        # The line comes first, then the file is rewritten.
+        wait_until(lambda: dev.read(CC_FILE, "rb") == b"US\n", 5, "the parked code file")
+        self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
+        self.assertFalse(dev.exists(CC_CONFIGURED_BY))
+
+        # A successful report would end the agent, but the parked code holds
+        # it: the firewall closes and the process stays.
+        wait_until(lambda: ctl(bus, "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
+        log = dev.wait_log("Not exiting Tavle, as timer is running !!!!")
+        self.assertEqual(len(self.server.requests("PUT")), 1)
+        self.assertNotIn("exitTavel !!!!", log)
+        self.assertEqual(dev.iptables()[-2:], FIREWALL_REMOVE)
+        self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
+        self.assertIsNone(dev.proc.poll())
+
+        dev.wait_log("timeout reached apply cc via tavel\n", timeout=15)
+        self.assertGreaterEqual(time.monotonic() - parked, 3.6 - 0.1)
+        wait_until(lambda: "Outside update_country_code, country code set successfully" in dev.log(), 10,
+                   "the parked code to be applied")
+        self.assertEqual(dev.read(CC_CONFIGURED_BY, "rb"), b"TAVEL,US\0\0")
+        self.assertEqual(dev.store()["Device.DeviceInfo.X_TAVEL_CountryCode"], "US")
+        self.assertFalse(dev.exists(CC_FILE))
+        # The flag that refused the exit stays set for good.
+        time.sleep(0.3)
+        self.assertIsNone(dev.proc.poll())
+
+    def test_mobile_app_mark_refuses_the_code(self):
+        for mark in (b"MAPP", b"mapp,FR\n"):
+            with self.subTest(mark=mark):
+                self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", "US")])})
+                dev = self.device(CC_STORE)
+                dev.touch(CC_CONFIGURED_BY, mark)
+                log = self.run_to_exit(dev)
+                self.assertIn("country code from tavel US is not valid\n", log)
+                self.assertEqual(dev.read(CC_CONFIGURED_BY, "rb"), mark)
+                self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
+
+    def test_unsupported_code_is_not_applied(self):
+        for code in ("FR", "USA"):
+            with self.subTest(code=code):
+                self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", code)])})
+                dev = self.device(CC_STORE)
+                log = self.run_to_exit(dev)
+                self.assertIn("country code from tavel %s is not valid\n" % code[:3], log)
+                self.assertFalse(dev.exists(CC_CONFIGURED_BY))
+                self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
+
+
+if __name__ == "__main__":
+    unittest.main()
