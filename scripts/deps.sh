@@ -3,7 +3,14 @@
 # something has to be installed.
 TAVEL_DEPS="build-essential cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
   libcurl4-openssl-dev libdbus-1-dev dbus-daemon libgtest-dev googletest
-  openssl python3 faketime cppcheck clang-tidy clang-format"
+  openssl python3 faketime cppcheck clang-tidy clang-format systemd"
+
+# The 32-bit ARM cross build (scripts/build-arm.sh): Debian's cross compiler,
+# the target's libraries from the armhf multiarch archive, and user-mode qemu
+# to run the target's tests on this host.  The host tools it also needs are in
+# TAVEL_DEPS.
+TAVEL_ARM_DEPS="crossbuild-essential-armhf libcurl4-openssl-dev:armhf libdbus-1-dev:armhf
+  libgtest-dev:armhf libstdc++6:armhf qemu-user"
 
 tavel_missing_packages() {
     local missing="" p
@@ -21,7 +28,9 @@ tavel_ensure_packages() {
     local sudo=""
     [ "$(id -u)" -ne 0 ] && sudo="sudo"
     export DEBIAN_FRONTEND=noninteractive
-    $sudo apt-get update -qq
+    # One index that cannot be fetched (a mirror in mid-sync) must not stop the
+    # install: apt-get install below still fails if a package is missing.
+    $sudo apt-get update -qq || echo "apt-get update reported errors; using the package lists at hand" >&2
     # shellcheck disable=SC2086
     $sudo apt-get install -y -qq --no-install-recommends $missing >/dev/null
 }

@@ -1,0 +1,29 @@
+# Installs the systemd unit and the init script.  Runs at install time because
+# only then is the final prefix known (cmake --install --prefix, CPack), and
+# both files must name the directory the agent really lands in.
+# Set by the install(CODE) rule: TAVEL_PACKAGING_SOURCE_DIR,
+# TAVEL_PACKAGING_BINARY_DIR, TAVEL_INSTALL_SBINDIR (relative or absolute).
+string(REGEX REPLACE "(.)/+$" "\\1" _tavel_prefix "${CMAKE_INSTALL_PREFIX}")
+if(IS_ABSOLUTE "${TAVEL_INSTALL_SBINDIR}")
+  set(TAVEL_SBINDIR "${TAVEL_INSTALL_SBINDIR}")
+else()
+  set(TAVEL_SBINDIR "${_tavel_prefix}/${TAVEL_INSTALL_SBINDIR}")
+endif()
+# GNU convention (as GNUInstallDirs): a /usr installation keeps its
+# configuration in /etc, any other prefix in PREFIX/etc.
+if(_tavel_prefix STREQUAL "/usr")
+  set(_tavel_sysconfdir "/etc")
+else()
+  set(_tavel_sysconfdir "${_tavel_prefix}/etc")
+endif()
+
+set(_tavel_gen "${TAVEL_PACKAGING_BINARY_DIR}/generated")
+configure_file("${TAVEL_PACKAGING_SOURCE_DIR}/systemd/tavelagent.service" "${_tavel_gen}/tavelagent.service" @ONLY)
+configure_file("${TAVEL_PACKAGING_SOURCE_DIR}/init.d/tavelagent" "${_tavel_gen}/tavelagent" @ONLY)
+
+file(INSTALL DESTINATION "${_tavel_prefix}/lib/systemd/system" TYPE FILE
+     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+     FILES "${_tavel_gen}/tavelagent.service")
+file(INSTALL DESTINATION "${_tavel_sysconfdir}/init.d" TYPE PROGRAM
+     PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE
+     FILES "${_tavel_gen}/tavelagent")

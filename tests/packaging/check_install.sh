@@ -1,0 +1,170 @@
+#!/usr/bin/env bash
+# Installs a build tree into a temporary prefix and checks what lands there:
+# the files and their modes, the systemd unit (systemd-analyze verify and the
+# settings the agent relies on), the init script driven against a stand-in
+# daemon, and the Debian package.  Nothing outside a temporary directory is
+# touched.
+#   tests/packaging/check_install.sh BUILD_DIR
+set -euo pipefail
+build=$(cd "${1:?usage: check_install.sh BUILD_DIR}" && pwd)
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/tavel-pkg-XXXXXX")
+cleanup() {
+    # A stand-in daemon left behind by a failed check must not outlive us.
+    if [ -s "$tmp/daemon.pid" ]; then kill "$(cat "$tmp/daemon.pid")" 2>/dev/null || true; fi
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+failures=0
+fail() {
+    echo "FAIL: $*" >&2
+    failures=$((failures + 1))
+}
+
+# ---- staged install ----
+stage="$tmp/stage"
+cmake --install "$build" --prefix "$stage" >"$tmp/install.log"
+echo "== installed into $stage"
+(cd "$stage" && find . ! -type d -printf '%m %p\n' | sort -k2)
+
+expect_file() { # mode path
+    local mode
+    if [ ! -f "$stage/$2" ]; then
+        fail "$2 not installed"
+        return
+    fi
+    mode=$(stat -c %a "$stage/$2")
+    [ "$mode" = "$1" ] || fail "$2 has mode $mode, expected $1"
+}
+expect_file 755 sbin/tavelAgent
+expect_file 755 bin/tavelctl
+expect_file 644 share/dbus-1/system.d/velka.tavel.conf
+expect_file 644 lib/systemd/system/tavelagent.service
+expect_file 755 etc/init.d/tavelagent
+
+# ---- systemd unit ----
+unit="$stage/lib/systemd/system/tavelagent.service"
+if [ -f "$unit" ]; then
+    # verify exits 0 on settings it merely ignores; any message counts.
+    if ! out=$(systemd-analyze verify "$unit" 2>&1) || [ -n "$out" ]; then
+        fail "systemd-analyze verify: ${out:-non-zero exit}"
+    fi
+    # The last assignment of a key is the one systemd uses.
+    setting() { sed -n "s/^$1=//p" "$unit" | tail -n 1; }
+    [ "$(setting Type)" = simple ] || fail "Type is '$(setting Type)', expected simple"
+    # The agent exits 0 when done: restarting on success would loop for ever.
+    [ "$(setting Restart)" = on-failure ] || fail "Restart is '$(setting Restart)', expected on-failure"
+    [ "$(setting ExecStart)" = "$stage/sbin/tavelAgent" ] ||
+        fail "ExecStart is '$(setting ExecStart)', expected the installed agent without arguments"
+    for dep in dbus.service network-online.target; do
+        grep -Eq "^After=(.* )?$dep( |$)" "$unit" || fail "unit is not ordered after $dep"
+        grep -Eq "^Wants=(.* )?$dep( |$)" "$unit" || fail "unit does not pull in $dep"
+    done
+    # Other modules look for the agent's marker in the real /tmp.
+    case "$(setting PrivateTmp)" in yes | true | on | 1) fail "PrivateTmp hides /tmp/onboarding_in_progress" ;; esac
+fi
+
+# ---- init script, driven against a stand-in daemon ----
+init="$stage/etc/init.d/tavelagent"
+if [ -f "$init" ]; then
+    grep -q "^DAEMON=\${DAEMON:-$stage/sbin/tavelAgent}$" "$init" || fail "init script does not run the installed agent"
+    if command -v dash >/dev/null; then dash -n "$init" || fail "init script is not POSIX sh"; fi
+
+    # The stand-in behaves as $tmp/mode says: run until stopped, exit 0 at
+    # once (a finished onboarding) or exit 1 (a crash).
+    daemon="$tmp/bin/tavelAgent"
+    mkdir -p "$tmp/bin"
+    cat >"$daemon" <<STUB
+#!/bin/sh
+echo "\$\$" >>"$tmp/starts"
+case "\$(cat "$tmp/mode")" in
+    exit0) exit 0 ;;
+    exit1) exit 1 ;;
+esac
+trap 'exit 0' TERM
+while :; do sleep 1; done
+STUB
+    chmod 755 "$daemon"
+    export DAEMON="$daemon" PIDFILE="$tmp/run/tavelagent.pid" STOP_TIMEOUT=5
+    mkdir -p "$tmp/run"
+    run_init() { # expected-status action
+        local rc=0
+        sh "$init" "$2" >"$tmp/init.out" 2>&1 || rc=$?
+        [ "$rc" = "$1" ] || fail "init $2 exited $rc, expected $1: $(cat "$tmp/init.out")"
+    }
+    alive() { [ -n "$1" ] && kill -0 "$1" 2>/dev/null; }
+    wait_gone() { # pid or file
+        local _
+        for _ in $(seq 50); do
+            if [ -e "$1" ] || alive "$1"; then sleep 0.1; else return 0; fi
+        done
+        return 1
+    }
+
+    echo run >"$tmp/mode"
+    run_init 3 status
+    run_init 0 start
+    pid=$(cat "$PIDFILE" 2>/dev/null || true)
+    cp "$PIDFILE" "$tmp/daemon.pid" 2>/dev/null || true
+    alive "$pid" || fail "start left no running daemon behind its pid file"
+    run_init 0 status
+    run_init 0 start
+    [ "$(wc -l <"$tmp/starts")" = 1 ] || fail "a second start launched another daemon"
+    [ "$(cat "$PIDFILE" 2>/dev/null)" = "$pid" ] || fail "a second start replaced the pid file"
+    run_init 0 restart
+    newpid=$(cat "$PIDFILE" 2>/dev/null || true)
+    cp "$PIDFILE" "$tmp/daemon.pid" 2>/dev/null || true
+    wait_gone "$pid" || fail "restart left the old daemon running"
+    if ! alive "$newpid" || [ "$newpid" = "$pid" ]; then fail "restart did not start a new daemon"; fi
+    run_init 0 stop
+    wait_gone "$newpid" || fail "stop left the daemon running"
+    [ ! -e "$PIDFILE" ] || fail "stop left the pid file"
+    run_init 3 status
+    run_init 0 stop
+
+    echo exit0 >"$tmp/mode"
+    run_init 0 start
+    wait_gone "$PIDFILE" || fail "a daemon that ended with status 0 left its pid file"
+    run_init 3 status
+
+    echo exit1 >"$tmp/mode"
+    run_init 0 start
+    sleep 0.5
+    [ -s "$PIDFILE" ] || fail "a daemon that failed lost its pid file"
+    run_init 1 status
+
+    DAEMON="$tmp/bin/missing" run_init 5 start
+    run_init 3 bogus
+fi
+
+# ---- Debian package ----
+if command -v dpkg-deb >/dev/null; then
+    (cd "$tmp" && cpack -G DEB -B "$tmp/deb" --config "$build/CPackConfig.cmake" >"$tmp/cpack.log" 2>&1) ||
+        fail "cpack -G DEB: $(tail -5 "$tmp/cpack.log")"
+    deb=$(find "$tmp/deb" -maxdepth 1 -name '*.deb' | head -n 1)
+    if [ -n "$deb" ]; then
+        echo "== $(basename "$deb")"
+        dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $1, $6}'
+        for f in ./usr/sbin/tavelAgent ./usr/bin/tavelctl ./usr/lib/systemd/system/tavelagent.service \
+            ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf; do
+            dpkg-deb -c "$deb" | awk '{print $6}' | grep -qx "$f" || fail "package lacks $f"
+        done
+        depends=$(dpkg-deb -f "$deb" Depends)
+        for p in libcurl4 libdbus-1-3 iptables; do
+            echo "$depends" | grep -Eq "(^|, )$p( |,|$)" || fail "package does not depend on $p: $depends"
+        done
+        dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/lib/systemd/system/tavelagent.service |
+            grep -qx 'ExecStart=/usr/sbin/tavelAgent' || fail "packaged unit does not start /usr/sbin/tavelAgent"
+        dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/init.d/tavelagent ||
+            fail "the init script is not a conffile"
+    else
+        fail "cpack produced no package"
+    fi
+else
+    fail "dpkg-deb missing"
+fi
+
+if [ "$failures" -ne 0 ]; then
+    echo "check_install: $failures failure(s)" >&2
+    exit 1
+fi
+echo "check_install: ok"
