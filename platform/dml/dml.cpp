@@ -220,7 +220,10 @@ void buildCountries(CountryCache &cache, const std::string &source)
                 CountryEntry entry;
                 memset(&entry, 0, sizeof(entry));
                 copyText(entry.code, code);
-                codes.push_back(entry);
+                // A code starting with a NUL byte would be cut to nothing.
+                if (entry.code[0] != '\0') {
+                    codes.push_back(entry);
+                }
             }
             codeBegin = codeEnd + 1;
         }

@@ -47,6 +47,8 @@ struct Param {
     std::string_view raw;
 };
 
+// One change set names each parameter once: a set and a remove of the same
+// name in one set are not ordered against each other.
 struct Change {
     std::string name;
     std::string value;

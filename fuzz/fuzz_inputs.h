@@ -1,0 +1,474 @@
+// One function per input surface of the agent.  The fuzz targets call them
+// with every generated input, and the unit tests replay the kept findings of
+// fuzz/regressions through the same functions in the ordinary sanitizer
+// build.  Each returns false when an input breaks a rule the code promises;
+// reads past an input's bytes are left to the address sanitizer, which is
+// why every input sits in a heap block of exactly its size.
+//
+// Paths are taken from the agent's root at the time of the call, so the
+// caller decides where the device lives (the fuzzers' private directory, the
+// unit tests' temporary root).
+#ifndef TAVEL_FUZZ_INPUTS_H
+#define TAVEL_FUZZ_INPUTS_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dml.h"
+#include "fuzz_common.h"
+#include "main.h"
+#include "store.h"
+#include "tavel_curl.h"
+#include "tavel_signal.h"
+#include "util.h"
+
+namespace tavel_fuzz
+{
+
+template <size_t N> bool terminated(const char (&field)[N])
+{
+    return strnlen(field, N) < N;
+}
+
+// mkdir -p of a device directory under the agent's root.
+inline void makeDeviceDirs(const std::string &devicePath)
+{
+    std::string path = tavel_root();
+    size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = devicePath.find('/', pos + 1);
+        mkdir((path + devicePath.substr(0, pos)).c_str(), 0755);
+    }
+}
+
+/* ---- reply headers ---- */
+
+inline std::vector<char **> serverDataFields()
+{
+    return {&g_serverData.mgmtUrl,      &g_serverData.cdpusername,    &g_serverData.cdppassword,
+            &g_serverData.operdesc,     &g_serverData.subnetdesc,     &g_serverData.tenantID,
+            &g_serverData.l1url,        &g_serverData.l2url,          &g_serverData.remotemappurl,
+            &g_serverData.kprconfigurl, &g_serverData.kprconfigapikey};
+}
+
+// Each input starts from the state of a fresh reply: empty values, as the
+// agent's start-up leaves them.
+inline void resetServerData()
+{
+    for (char **field : serverDataFields()) {
+        free(*field);
+        *field = static_cast<char *>(calloc(1, 1));
+        if (*field == nullptr) {
+            abort();
+        }
+    }
+    memset(g_serverData.countryCode, 0, sizeof(g_serverData.countryCode));
+    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
+}
+
+inline bool hasBlank(const char *text)
+{
+    return strpbrk(text, " \t\r\n\v\f") != nullptr;
+}
+
+// Values taken as the first word of a line never hold white space, and every
+// stored text is still terminated (strlen under ASan).
+inline bool serverDataSound()
+{
+    for (char **field : serverDataFields()) {
+        if (*field == nullptr) {
+            return false;
+        }
+        (void)strlen(*field);
+    }
+    const char *words[] = {
+        g_serverData.mgmtUrl,       g_serverData.cdpusername,  g_serverData.cdppassword,
+        g_serverData.tenantID,      g_serverData.l1url,        g_serverData.l2url,
+        g_serverData.remotemappurl, g_serverData.kprconfigurl, g_serverData.kprconfigapikey};
+    for (const char *w : words) {
+        if (hasBlank(w)) {
+            return false;
+        }
+    }
+    const TimezoneData &tz = g_timezoneData;
+    return terminated(g_serverData.countryCode) && !hasBlank(g_serverData.countryCode) &&
+           terminated(tz.timezone) && terminated(tz.cityname) && terminated(tz.errorcode);
+}
+
+inline bool feedHeaderLine(const uint8_t *data, size_t size, bool direct)
+{
+    ExactBuffer line(data, size);
+    if (!direct) {
+        return header_handler(line.data(), 1, line.size(), nullptr) == size;
+    }
+    // The same line through the public pieces: the type from a terminated
+    // copy, then the value from the unterminated line.
+    std::string copy(reinterpret_cast<const char *>(data), size);
+    int type = getHeaderType(copy.c_str());
+    if (type < HDR_NONE || type > HDR_KPRCONFIGAPIKEY) {
+        return false;
+    }
+    if (type != HDR_NONE) {
+        setServerDataFromHeader(type, line.data(), line.size());
+    }
+    return true;
+}
+
+// Input: one byte choosing the entry point (odd: getHeaderType and
+// setServerDataFromHeader, even: header_handler), then the reply's header
+// block, cut after each line feed as libcurl delivers it.
+inline bool runHeaders(const uint8_t *data, size_t size)
+{
+    if (size == 0) {
+        return true;
+    }
+    bool direct = (data[0] & 1) != 0;
+    ++data;
+    --size;
+    resetServerData();
+    size_t start = 0;
+    while (start < size) {
+        const void *lf = memchr(data + start, '\n', size - start);
+        size_t end = lf != nullptr ? static_cast<size_t>(static_cast<const uint8_t *>(lf) - data) + 1 : size;
+        if (!feedHeaderLine(data + start, end - start, direct) || !serverDataSound()) {
+            return false;
+        }
+        start = end;
+    }
+    return true;
+}
+
+/* ---- the time-zone header ---- */
+
+// Input: one header line, unterminated.
+inline bool runTimezoneHeader(const uint8_t *data, size_t size)
+{
+    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
+    memset(g_timezoneCode, 0, sizeof(g_timezoneCode));
+    memset(g_continent_city, 0, sizeof(g_continent_city));
+
+    ExactBuffer line(data, size);
+    handle_timezoneHeader(line.data(), line.size());
+
+    const TimezoneData &tz = g_timezoneData;
+    if (!terminated(tz.timezone) || !terminated(tz.cityname) || !terminated(tz.errorcode) ||
+        !terminated(g_timezoneCode) || !terminated(g_continent_city)) {
+        return false;
+    }
+    // A header fills either the error word or the zone, never both.
+    return tz.errorcode[0] == '\0' || (tz.timezone[0] == '\0' && tz.cityname[0] == '\0');
+}
+
+/* ---- the mapping file ---- */
+
+constexpr size_t kMappingLineMax = 499; // what the split's callers guarantee
+constexpr size_t kZoneSize = 50;        // g_timezone and its callers' buffers
+constexpr size_t kZoneNameSize = 52;    // the callers' zone-name buffers
+constexpr int kMappingCmdSize = 500;    // the callers' mapping-line buffers
+
+// The split on a terminated copy held in a block of exactly its size, with
+// outputs of exactly the callers' sizes.
+inline bool splitMappingLine(const char *text, size_t len)
+{
+    std::unique_ptr<char[]> line(new char[len + 1]);
+    memcpy(line.get(), text, len);
+    line[len] = '\0';
+    std::unique_ptr<char[]> zone(new char[kZoneSize]);
+    std::unique_ptr<char[]> name(new char[kZoneNameSize]);
+    memset(zone.get(), 'Z', kZoneSize);
+    memset(name.get(), 'N', kZoneNameSize);
+    gettimezoneandzonename(line.get(), zone.get(), name.get());
+    return strnlen(zone.get(), kZoneSize) < kZoneSize && strnlen(name.get(), kZoneNameSize) < kZoneNameSize &&
+           strchr(name.get(), '"') == nullptr;
+}
+
+inline void setRecordField(char *dst, size_t dstSize, const uint8_t *src, size_t len)
+{
+    memset(dst, 0, dstSize);
+    memcpy(dst, src, len < dstSize - 1 ? len : dstSize - 1);
+}
+
+// Input: code '\n' city '\n' mapping-file text.  The split also runs on the
+// input as a whole, as one line of at most 499 characters.
+inline bool runTimezoneMapping(const uint8_t *data, size_t size)
+{
+    const char *text = reinterpret_cast<const char *>(data);
+    if (!splitMappingLine(text, strnlen(text, size < kMappingLineMax ? size : kMappingLineMax))) {
+        return false;
+    }
+    const uint8_t *end = data + size;
+    const uint8_t *codeEnd = static_cast<const uint8_t *>(memchr(data, '\n', size));
+    if (codeEnd == nullptr) {
+        return true;
+    }
+    const uint8_t *city = codeEnd + 1;
+    const uint8_t *cityEnd =
+        static_cast<const uint8_t *>(memchr(city, '\n', static_cast<size_t>(end - city)));
+    if (cityEnd == nullptr) {
+        return true;
+    }
+    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
+    setRecordField(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), data,
+                   static_cast<size_t>(codeEnd - data));
+    setRecordField(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city,
+                   static_cast<size_t>(cityEnd - city));
+    const uint8_t *file = cityEnd + 1;
+    makeDeviceDirs("/usr/configs");
+    if (!writeFile(DevicePath(TAVEL_TIMEZONE_MAPPING_FILE).c_str(), file, static_cast<size_t>(end - file))) {
+        abort(); // the device root itself is broken: no input is to blame
+    }
+
+    std::unique_ptr<char[]> cmd(new char[kMappingCmdSize]);
+    memset(cmd.get(), 'C', kMappingCmdSize);
+    if (gettimezonecmd(cmd.get(), kMappingCmdSize) != 0) {
+        return true;
+    }
+    size_t len = strnlen(cmd.get(), kMappingCmdSize);
+    if (len >= static_cast<size_t>(kMappingCmdSize) ||
+        strstr(cmd.get(), g_timezoneData.timezone) == nullptr ||
+        strstr(cmd.get(), g_timezoneData.cityname) == nullptr) {
+        return false;
+    }
+    // The selected line goes on to the split, as the agent does with it.
+    return splitMappingLine(cmd.get(), len);
+}
+
+/* ---- bus signals and debug commands ---- */
+
+constexpr int32_t kDefaultRetryTimeout = 86400;
+
+inline bool timezoneClean()
+{
+    if (!terminated(g_timezone)) {
+        return false;
+    }
+    // Nothing may linger behind the terminator of a received zone.
+    for (size_t i = strlen(g_timezone); i < sizeof(g_timezone); ++i) {
+        if (g_timezone[i] != '\0') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Input: one byte selecting the handler (modulo 5: debug command as given,
+// debug command padded to its one accepted length, bootstrap status, sync
+// message, time zone), then the payload.
+inline bool runSignals(const uint8_t *data, size_t size)
+{
+    if (size == 0) {
+        return true;
+    }
+    // With no status upload pending the bootstrap handler returns before any
+    // request is made: this must never reach the network.
+    g_tavelCtrl.statusUpdatePending = 0;
+    g_statusRetryPending = 0;
+    g_retryTimeout = kDefaultRetryTimeout;
+    memset(g_timezone, 0, sizeof(g_timezone));
+
+    uint8_t selector = data[0];
+    const uint8_t *payload = data + 1;
+    size_t len = size - 1;
+    bool ok = true;
+    switch (selector % 5) {
+    case 0: {
+        ExactBuffer block(payload, len);
+        tavel_processDbgCmdSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
+        break;
+    }
+    case 1: {
+        // The input in front, the rest filled with one byte, so unterminated
+        // module names and command lines come up as often as terminated ones.
+        std::vector<uint8_t> full(TAVEL_DBG_PAYLOAD_LEN, static_cast<uint8_t>(selector / 5 % 2 ? 'x' : 0));
+        memcpy(full.data(), payload, len < full.size() ? len : full.size());
+        ExactBuffer block(full.data(), full.size());
+        tavel_processDbgCmdSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
+        break;
+    }
+    case 2: {
+        ExactBuffer block(payload, len);
+        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
+        break;
+    }
+    case 3: {
+        ExactBuffer block(payload, len);
+        tavel_processSyncMgrSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
+        break;
+    }
+    default: {
+        ExactBuffer block(payload, len);
+        tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, block.data(),
+                                            static_cast<uint32_t>(block.size()));
+        ok = timezoneClean();
+        break;
+    }
+    }
+    if (g_tavelCtrl.statusUpdatePending != 0 || g_statusRetryPending != 0) {
+        abort(); // a status upload was started: stop before any request
+    }
+    return ok;
+}
+
+/* ---- the data-model store ---- */
+
+// A change set drawn from the file itself: rewrite the first parameter with
+// the decoded value of the last (and once more, which must be ignored), drop
+// the second, add a fixed one.  A set and a remove of the same name are not
+// combined: the store gives no rule for that pair.
+inline std::vector<tavel::dml::Change> storeChangesFor(const std::vector<tavel::dml::Param> &params)
+{
+    std::vector<tavel::dml::Change> changes;
+    const std::string fixed = "Device.X_TAVEL_Agent.Enable";
+    if (!params.empty()) {
+        std::string first(params.front().name);
+        changes.push_back(tavel::dml::Change{first, tavel::dml::decodeValue(params.back().raw), false});
+        changes.push_back(tavel::dml::Change{first, "ignored", false});
+        if (params.size() > 1 && params[1].name != first && params[1].name != fixed) {
+            changes.push_back(tavel::dml::Change{std::string(params[1].name), std::string(), true});
+        }
+    }
+    changes.push_back(tavel::dml::Change{fixed, "1\n\\x\t", false});
+    return changes;
+}
+
+inline bool storeSound(const tavel::dml::Store &store, const std::string &renderPath)
+{
+    std::vector<tavel::dml::Param> params = store.params();
+    for (const tavel::dml::Param &p : params) {
+        std::string decoded = tavel::dml::decodeValue(p.raw);
+        if (!tavel::dml::isValidName(p.name) || !store.has(p.name) ||
+            tavel::dml::decodeValue(tavel::dml::encodeValue(decoded)) != decoded) {
+            return false;
+        }
+        (void)store.get(p.name);
+    }
+
+    // With no change the file comes back line for line.
+    const std::string &text = store.contents();
+    std::string expected = text.empty() || text.back() == '\n' ? text : text + "\n";
+    if (store.render({}) != expected) {
+        return false;
+    }
+
+    // A rendered file read back yields the changed values; the first change
+    // naming a parameter decides its fate.
+    std::vector<tavel::dml::Change> changes = storeChangesFor(params);
+    std::string next = store.render(changes);
+    if (!writeFile(renderPath, reinterpret_cast<const uint8_t *>(next.data()), next.size())) {
+        abort();
+    }
+    tavel::dml::Store reread;
+    std::string error;
+    if (!reread.load(renderPath, &error)) {
+        return false;
+    }
+    for (size_t i = 0; i < changes.size(); ++i) {
+        const tavel::dml::Change &c = changes[i];
+        bool shadowed = false;
+        for (size_t j = 0; j < i; ++j) {
+            shadowed = shadowed || changes[j].name == c.name;
+        }
+        if (!shadowed && (c.remove ? reread.has(c.name) : reread.get(c.name) != c.value)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The getters promise terminated texts within their fields, and a country
+// list of non-empty groups of non-empty codes.
+inline bool gettersSound()
+{
+    OnBoardingServerInfo ob;
+    memset(&ob, 0x5a, sizeof(ob));
+    if (dml_getOnBoardingServerInfo(&ob) == 0 &&
+        !(terminated(ob.URL) && terminated(ob.onBoardStatus) && terminated(ob.opDesc) &&
+          terminated(ob.subnetDesc) && terminated(ob.apiKey) && terminated(ob.acsConnStatus))) {
+        return false;
+    }
+    SupportedCountryList list;
+    memset(&list, 0, sizeof(list));
+    if (dml_getSupportedCountryList(&list) == 0) {
+        if (list.groupCount < 0 || (list.groupCount > 0) != (list.groups != nullptr)) {
+            return false;
+        }
+        for (int32_t g = 0; g < list.groupCount; ++g) {
+            const CountryGroup &group = list.groups[g];
+            if (group.countryCount <= 0 || group.countries == nullptr) {
+                return false;
+            }
+            for (int32_t c = 0; c < group.countryCount; ++c) {
+                if (!terminated(group.countries[c].code) || group.countries[c].code[0] == '\0') {
+                    return false;
+                }
+            }
+        }
+    }
+    NodeInfo node;
+    memset(&node, 0x5a, sizeof(node));
+    if (dml_getNodeInfo(&node) == 0 &&
+        !(terminated(node.serialNumber) && terminated(node.operatorId) && terminated(node.country))) {
+        return false;
+    }
+    KPRCConfigServer l1;
+    memset(&l1, 0x5a, sizeof(l1));
+    if (dml_getKPRCConfigL1Server(&l1) == 0 && !terminated(l1.URL)) {
+        return false;
+    }
+    ManagementServerInfo ms;
+    memset(&ms, 0x5a, sizeof(ms));
+    if (dml_getManagementServerInfo(&ms) == 0 &&
+        !(terminated(ms.URL) && terminated(ms.Username) && terminated(ms.Password))) {
+        return false;
+    }
+    char tz[DML_TIMEZONE_LEN];
+    memset(tz, 0x5a, sizeof(tz));
+    if (dml_getTimeZone(tz) == 0 && !terminated(tz)) {
+        return false;
+    }
+    char cc[DML_COUNTRYID_LEN];
+    memset(cc, 0x5a, sizeof(cc));
+    if (dml_getCountryID(cc) == 0 && !terminated(cc)) {
+        return false;
+    }
+    char mode[DML_WORKMODE_LEN];
+    memset(mode, 0x5a, sizeof(mode));
+    if (dml_getWorkMode(mode) == 0 && !terminated(mode)) {
+        return false;
+    }
+    ModelCapability cap;
+    memset(&cap, 0, sizeof(cap));
+    if (dml_getModelCapability(&cap) == 0 && cap.isCCSyncRequired > 1) {
+        return false;
+    }
+    (void)strlen(dml_getHIECertifcatePath());
+    return true;
+}
+
+// Input: the whole store file.
+inline bool runStore(const uint8_t *data, size_t size)
+{
+    makeDeviceDirs("/flash/dml");
+    if (!writeFile(tavel::dml::storePath(), data, size)) {
+        abort();
+    }
+    tavel::dml::Store store;
+    std::string error;
+    if (!store.load(&error) ||
+        store.contents() != std::string_view(reinterpret_cast<const char *>(data), size)) {
+        return false;
+    }
+    return storeSound(store, std::string(tavel_root()) + "/rendered.conf") && gettersSound();
+}
+
+} // namespace tavel_fuzz
+
+#endif
