@@ -34,11 +34,22 @@ sys.path.insert(0, os.path.join(SOURCE, "tests", "integration"))
 os.environ.setdefault("TAVEL_BUILD_DIR", os.path.join(SOURCE, "build"))
 
 import harness  # noqa: E402
-import onboardfixture as ob  # noqa: E402
 from busfixture import PrivateBus  # noqa: E402
 
 AGENT = os.path.abspath(harness.AGENT)
 ARM_DIR = os.environ.get("TAVEL_ARM_BUILD_DIR", os.path.join(SOURCE, "build-arm"))
+
+# Deliberate waits (the 60 s time-zone pause, 5 s polls, back-off) shrink to
+# well under a millisecond.
+FAST_SCALE = "100000"
+GET_DONE = "httpGetUrlFromServer ret: "
+
+
+def port_trouble(dev):
+    """True when a fetch failed at the transfer level, which is what a local
+    port held by another process on this machine looks like."""
+    return GET_DONE + "5000" in dev.log()
+
 
 TARGET_EXEC_TO_GET_MS = 20.0
 TARGET_INSTR_RATIO = 1.10
@@ -53,7 +64,7 @@ class Bench:
     def __init__(self, args):
         self.args = args
         self.work = tempfile.mkdtemp(prefix="tavel-bench-")
-        self.onb = ob.Onboarding(self.work)
+        self.onb = harness.Server(harness.FULL_SCRIPT)
         self.bus = PrivateBus()
         self.ref_min = os.path.join(self.work, "ref_min")
         subprocess.run(["cc", "-O2", "-o", self.ref_min, os.path.join(HERE, "ref_min.c"), "-lcurl"], check=True)
@@ -65,7 +76,7 @@ class Bench:
         # reply; the references send the very same bytes.
         self.ref_args = [self.onb.url("/onboard"), self.onb.ca_path, store["Device.X_TAVEL_Agent.APIKey"],
                          store["Device.DeviceInfo.X_TAVEL_OperatorID"], store["Device.DeviceInfo.SerialNumber"],
-                         store["Device.DeviceInfo.X_TAVEL_Country"], ob.SNETDESC + "\r", ob.OPDESC + "\r"]
+                         store["Device.DeviceInfo.X_TAVEL_Country"], "Subnet A\r", "Operator One\r"]
 
     def close(self):
         self.bus.close()
@@ -99,7 +110,7 @@ class Bench:
         raise RuntimeError("pid %d did not finish within %.0f s" % (pid, timeout))
 
     def agent_env(self, dev):
-        return dev.env(dict(self.bus.env(), TAVEL_TIME_SCALE=ob.FAST_SCALE))
+        return dev.env(dict(self.bus.env(), TAVEL_TIME_SCALE=FAST_SCALE))
 
     def wrapped(self, argv):
         """argv run under rusage_wrap; returns (argv, report path)."""
@@ -125,7 +136,7 @@ class Bench:
             dev = self.onb.device()
             # Known to the harness, which checks them when the device closes.
             dev.stdout_path, dev.stderr_path = dev.path("agent.stdout"), dev.path("agent.stderr")
-            self.onb.clear_requests()
+            self.onb.sim.clear_requests()
             argv = list(prefix) + [AGENT]
             if rss:
                 argv, report = self.wrapped(argv)
@@ -133,13 +144,13 @@ class Bench:
                              err=dev.path("agent.stderr"))
             apid = self.report(report, "pid") if rss else pid
             try:
-                ob.wait_until(lambda: ob.applied(dev) or ob.port_trouble(dev) or os.waitpid(pid, os.WNOHANG)[0],
+                harness.wait_until(lambda: harness.applied(dev) or port_trouble(dev) or os.waitpid(pid, os.WNOHANG)[0],
                               timeout, "the account in the store")
             except BaseException:
                 os.kill(pid, signal.SIGKILL)
                 os.waitpid(pid, 0)
                 raise
-            if ob.port_trouble(dev):
+            if port_trouble(dev):
                 os.kill(pid, signal.SIGKILL)
                 os.waitpid(pid, 0)
                 dev.close()
@@ -153,10 +164,10 @@ class Bench:
                 time.sleep(idle)
                 ticks = cpu_ticks(apid) - before
             hwm = vm_hwm(apid)
-            if not ob.bootstrap(self.bus.env()):
+            if not harness.bootstrap(self.bus.env()):
                 raise RuntimeError("bootstrap signal not sent")
             status, usage = self.reap(pid, timeout)
-            if ob.EXIT_LINE not in dev.log():
+            if harness.EXIT_LINE not in dev.log():
                 raise RuntimeError("agent did not finish the onboarding:\n" + dev.log()[-2000:])
             methods = [r.get("method") for r in self.onb.requests()]
             if methods != ["GET", "PUT"]:
@@ -170,7 +181,7 @@ class Bench:
         if rss:
             argv, report = self.wrapped(argv)
         for attempt in range(6):
-            self.onb.clear_requests()
+            self.onb.sim.clear_requests()
             pid = self.spawn(argv, env=env)
             status, usage = self.reap(pid, 120)
             if os.waitstatus_to_exitcode(status) == 0:
@@ -230,16 +241,16 @@ class Bench:
             dev = self.onb.device()
             # Known to the harness, which checks them when the device closes.
             dev.stdout_path, dev.stderr_path = dev.path("agent.stdout"), dev.path("agent.stderr")
-            self.onb.clear_requests()
+            self.onb.sim.clear_requests()
             env = self.agent_env(dev)
             start = time.time()
             pid = self.spawn([AGENT], env=env, out=dev.path("agent.stdout"), err=dev.path("agent.stderr"))
             try:
-                ob.wait_until(lambda: ob.GET_DONE in dev.log(), 30, "the fetch")
+                harness.wait_until(lambda: GET_DONE in dev.log(), 30, "the fetch")
             finally:
                 os.kill(pid, signal.SIGKILL)
                 os.waitpid(pid, 0)
-            busy = ob.port_trouble(dev)
+            busy = port_trouble(dev)
             gets = [r for r in self.onb.requests() if r.get("method") == "GET"]
             dev.close()
             if busy or not gets:
@@ -252,7 +263,7 @@ class Bench:
     def ref_to_get(self, which):
         argv = ([self.ref_min] if which == "min" else ["sh", self.ref_curl]) + self.ref_args
         for attempt in range(6):
-            self.onb.clear_requests()
+            self.onb.sim.clear_requests()
             start = time.time()
             pid = self.spawn(argv)
             status, _ = self.reap(pid, 60)
@@ -463,7 +474,7 @@ def main():
 
     results = {"rows": rows, "exec_to_get_samples_s": samples, "forks": forks, "sizes": sizes,
                "agent_vmhwm_before_put_kib": b.agent_hwm_before_put, "idle_seconds": args.idle,
-               "time_scale": ob.FAST_SCALE, "runs": args.runs,
+               "time_scale": FAST_SCALE, "runs": args.runs,
                "host": os.uname().machine, "elapsed_s": elapsed}
     with open(args.json, "w") as f:
         json.dump(results, f, indent=2)

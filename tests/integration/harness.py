@@ -347,8 +347,27 @@ class Server:
         values.update(extra or {})
         return values
 
+    def device(self, extra=None):
+        """A factory device pointed at this server, with the mapping file."""
+        dev = Device(self.device_store(extra))
+        dev.touch(MAPPING_FILE, MAPPING.encode())
+        return dev
+
     def set_script(self, script):
         self.sim.set_script(script)
+
+    def restart(self, script):
+        """The server back on its old port (after sim.stop()), with a new
+        script and an empty request record, like a restarted real server."""
+        import obsim
+        port, record, path = self.sim.port, self.sim.record_path, self.sim.script_path
+        self.sim.stop()
+        self.sim = obsim.ObSim(cert_dir(), script=script, port=port, record_path=record, script_path=path)
+        self.sim.clear_requests()
+        self.sim.start()
+
+    def methods(self):
+        return [r.get("method", r.get("event")) for r in self.requests()]
 
     def reset(self, script):
         """A new script whose queues start from their first entry, even when
@@ -394,6 +413,30 @@ def wait_until(predicate, timeout, what, step=0.02):
             return value
         time.sleep(step)
     raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
+
+
+# A complete first boot: the account, descriptions, cloud settings and a
+# mapped time zone; LAST_STEP ends the apply step on a device without the
+# country-code capability.
+FULL_SCRIPT = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS], body="{}"), "put": reply(200)}
+ACS_USER = "cpe-new"
+LAST_STEP = "Capability: country code sync is not applicable"
+EXIT_LINE = "exitTavel !!!!"
+
+
+def applied(dev):
+    """True once the fetch-and-apply step has written the account and ended."""
+    return dev.store().get("Device.ManagementServer.Username") == ACS_USER and LAST_STEP in dev.log()
+
+
+def ctl(bus_env, *args, timeout=30):
+    return subprocess.run(command(TAVELCTL, *args), env=dict(os.environ, **bus_env), capture_output=True,
+                          text=True, timeout=timeout, stdin=subprocess.DEVNULL)
+
+
+def bootstrap(bus_env, status="1"):
+    """Sends the configuration manager's bootstrap outcome; True when sent."""
+    return ctl(bus_env, "bootstrap", status).returncode == 0
 
 
 def build_sanitizer():

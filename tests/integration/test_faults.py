@@ -9,16 +9,14 @@ import glob
 import os
 import random
 import re
-import shutil
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 import unittest
 
 import harness
-import onboardfixture as ob
+from harness import ACS_USER, FULL_SCRIPT, PARIS_ZONE, applied, bootstrap, ctl, wait_until
 from busfixture import PrivateBus
 
 ROUNDS = int(os.environ.get("TAVEL_FAULT_ROUNDS", "5"))
@@ -56,7 +54,7 @@ DESCRIPTIONS = ("Device.X_TAVEL_Agent.OpDesc", "Device.X_TAVEL_Agent.SubnetDesc"
 def in_description_window(store):
     """The account is written but the descriptions are not: the agent was
     killed between the two writes of the apply step."""
-    return (store.get("Device.ManagementServer.Username") == ob.ACS_USER
+    return (store.get("Device.ManagementServer.Username") == ACS_USER
             and not any(k in store for k in DESCRIPTIONS))
 
 
@@ -67,9 +65,7 @@ def leftovers(dev):
 class FaultCase(unittest.TestCase):
     maxDiff = None
     def setUp(self):
-        self.work = tempfile.mkdtemp(prefix="tavel-faults-")
-        self.addCleanup(shutil.rmtree, self.work, True)
-        self.onb = ob.Onboarding(self.work)
+        self.onb = harness.Server(FULL_SCRIPT)
         self.addCleanup(self.onb.close)
         self.bus = PrivateBus()
         self.addCleanup(self.bus.close)
@@ -90,8 +86,8 @@ class FaultCase(unittest.TestCase):
         while dev.proc.poll() is None:
             if time.monotonic() > deadline:
                 self.fail("agent did not finish; log tail:\n" + dev.log()[-3000:])
-            if ob.applied(dev) and "Valid Management URL is NOT presnt" in dev.log() and sent < 20:
-                if ob.bootstrap(self.bus.env()):
+            if applied(dev) and "Valid Management URL is NOT presnt" in dev.log() and sent < 20:
+                if bootstrap(self.bus.env()):
                     sent += 1
                 time.sleep(0.2)
             time.sleep(0.02)
@@ -102,7 +98,7 @@ class FaultCase(unittest.TestCase):
         self.start(dev)
         self.finish(dev)
         self.assertEqual(self.onb.methods()[-2:], ["GET", "PUT"])
-        self.assertIn(ob.EXIT_LINE, dev.log())
+        self.assertIn(harness.EXIT_LINE, dev.log())
         return dev.store()
 
     def assert_configured_like(self, dev, reference):
@@ -115,8 +111,8 @@ class FaultCase(unittest.TestCase):
 class KillRestartTest(FaultCase):
     def test_kill9_at_random_points_then_restart(self):
         reference = self.reference_store()
-        self.assertEqual(reference["Device.ManagementServer.Username"], ob.ACS_USER)
-        self.assertEqual(reference["Device.Time.LocalTimeZone"], ob.TZ_VALUE)
+        self.assertEqual(reference["Device.ManagementServer.Username"], ACS_USER)
+        self.assertEqual(reference["Device.Time.LocalTimeZone"], PARIS_ZONE)
         seed = int(os.environ.get("TAVEL_FAULT_SEED", str(int(time.time()))))
         rng = random.Random(seed)
         # A whole run takes about a quarter of a second at this scale; a
@@ -208,22 +204,22 @@ class DiskFullTest(FaultCase):
 class BusKilledTest(FaultCase):
     def test_bus_daemon_killed_mid_run(self):
         # The reply is held back so the bus dies while the fetch is under way.
-        self.onb.set_script(dict(ob.GOOD_SCRIPT, get={"status": 200, "headers": ob.REPLY_HEADERS, "delay": 1.0}))
+        self.onb.set_script(dict(FULL_SCRIPT, get=dict(FULL_SCRIPT["get"], delay=1.0)))
         dev = self.device()
         self.start(dev)
         deadline = time.monotonic() + 10
-        while ob.ctl(self.bus.env(), "call", "dummyFunction", "0").returncode != 0:
+        while ctl(self.bus.env(), "call", "dummyFunction", "0").returncode != 0:
             self.assertLess(time.monotonic(), deadline, "agent never owned its name")
             time.sleep(0.05)
-        ob.wait_until(lambda: self.onb.methods() == ["GET"], 10, "the GET in the server's hands")
+        wait_until(lambda: self.onb.methods() == ["GET"], 10, "the GET in the server's hands")
         self.bus.proc.send_signal(signal.SIGKILL)
         self.bus.proc.wait(timeout=10)
-        ob.wait_until(lambda: ob.applied(dev), 20, "the apply step without a bus")
+        wait_until(lambda: applied(dev), 20, "the apply step without a bus")
         log = dev.wait_log("hbus: disconnected from the bus")
         self.assertIn("httpGetUrlFromServer ret: 200", log)
         store = dev.store()
-        self.assertEqual(store["Device.ManagementServer.URL"], ob.ACS_URL)
-        self.assertEqual(store["Device.Time.LocalTimeZone"], ob.TZ_VALUE)
+        self.assertEqual(store["Device.ManagementServer.URL"], "https://acs.new.test:7547/cwmp")
+        self.assertEqual(store["Device.Time.LocalTimeZone"], PARIS_ZONE)
         self.assertTrue(dev.exists(harness.TZ_MARKER))
         self.assertEqual(store_problems(dev), [])
         # Still waiting for a bootstrap signal that cannot come: alive, idle,
@@ -235,33 +231,29 @@ class BusKilledTest(FaultCase):
 
 class ServerRestartTest(FaultCase):
     def test_server_restarted_mid_run(self):
-        reference_port = self.onb.port
-        self.onb.set_script(dict(ob.GOOD_SCRIPT, get={"status": 200, "headers": ob.REPLY_HEADERS, "delay": 5.0}))
+        # The server holds the request unanswered until it goes down.
+        self.onb.set_script(dict(FULL_SCRIPT, get={"hang": True}))
         dev = self.device()
         # Retries of 10-19 s nominal take 0.1-0.19 s.
         self.start(dev, scale="100")
-        ob.wait_until(lambda: self.onb.methods() == ["GET"], 10, "the first GET")
-        # The server dies with the request in hand.
-        self.onb.proc.send_signal(signal.SIGKILL)
-        self.onb.proc.wait(timeout=10)
-        self.onb.proc.stdout.close()
-        self.onb.proc = None
+        wait_until(lambda: self.onb.methods() == ["GET"], 10, "the first GET")
+        # The server dies with the request in hand: its connections are reset.
+        self.onb.sim.stop()
         log = dev.wait_log("httpGetUrlFromServer ret: 5000")
-        ob.wait_until(lambda: "retryCount seconds is" in dev.log(), 5, "the retry delay")
+        wait_until(lambda: "retryCount seconds is" in dev.log(), 5, "the retry delay")
         log = dev.log()
         m = re.search(r"ret 5000 retryCount value is 2 retryCount seconds is (\d+)", log)
         self.assertIsNotNone(m, log[-3000:])
         self.assertTrue(10 <= int(m.group(1)) <= 19, m.group(0))
         self.assertEqual(dev.store()["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionFailed_Error_curl")
-        self.onb.set_script(ob.GOOD_SCRIPT)
-        self.onb.clear_requests()
-        self.onb.start()
-        self.assertEqual(self.onb.port, reference_port)
+        port = self.onb.sim.port
+        self.onb.restart(FULL_SCRIPT)
+        self.assertEqual(self.onb.sim.port, port)
         self.finish(dev)
         self.assertEqual(self.onb.methods(), ["GET", "PUT"])
         store = dev.store()
         self.assertEqual(store["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionSuccess")
-        self.assertEqual(store["Device.ManagementServer.Username"], ob.ACS_USER)
+        self.assertEqual(store["Device.ManagementServer.Username"], ACS_USER)
         self.assertEqual(store_problems(dev), [])
 
 

@@ -10,7 +10,7 @@ import time
 import unittest
 
 import harness
-import onboardfixture as ob
+from harness import EXIT_LINE, FULL_SCRIPT, ACS_USER, applied, bootstrap, ctl, wait_until
 from busfixture import PrivateBus
 
 SIGSTORM_SRC = os.path.join(harness.SOURCE_DIR, "tests", "tools", "sigstorm.c")
@@ -71,7 +71,7 @@ class SignalStormTest(unittest.TestCase):
         self.sender = build_sender(self.work)
         # The server refuses at first, so the onboarding retries under the
         # storm; the reply that completes it comes after.
-        self.onb = ob.Onboarding(self.work, script={"get": {"status": 503}})
+        self.onb = harness.Server({"get": {"status": 503}})
         self.addCleanup(self.onb.close)
         self.bus = PrivateBus()
         self.addCleanup(self.bus.close)
@@ -109,9 +109,9 @@ class SignalStormTest(unittest.TestCase):
         dev = self.onb.device()
         self.addCleanup(dev.close)
         dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE="1000"))
-        ob.wait_until(lambda: self.onb.methods().count("GET") >= 2, 20, "the fetch retrying")
+        wait_until(lambda: len(self.onb.requests("GET")) >= 2, 20, "the fetch retrying")
         deadline = time.monotonic() + 10
-        while ob.ctl(self.bus.env(), "call", "dummyFunction", "0").returncode != 0:
+        while ctl(self.bus.env(), "call", "dummyFunction", "0").returncode != 0:
             self.assertLess(time.monotonic(), deadline, "agent never owned its name")
             time.sleep(0.05)
 
@@ -138,21 +138,21 @@ class SignalStormTest(unittest.TestCase):
         self.assertNotIn("Send Status TO Server", log)  # status 0 with no report due is ignored
         self.assertIn("signal ignored: payload of 2 bytes, 4 needed", log)
         self.assertIn("signal ignored: payload of 3 bytes, 8 needed", log)
-        self.assertGreater(self.onb.methods().count("GET"), 2)
+        self.assertGreater(len(self.onb.requests("GET")), 2)
 
         # The server comes good: the onboarding completes and reports.
-        self.onb.set_script(ob.GOOD_SCRIPT)
-        ob.wait_until(lambda: ob.applied(dev), 30, "the account in the store")
+        self.onb.set_script(FULL_SCRIPT)
+        wait_until(lambda: applied(dev), 30, "the account in the store")
         deadline = time.monotonic() + 20
         while dev.proc.poll() is None and time.monotonic() < deadline:
-            ob.bootstrap(self.bus.env())
+            bootstrap(self.bus.env())
             time.sleep(0.3)
         self.assertEqual(dev.wait_exit(10), 0)
-        self.assertIn(ob.EXIT_LINE, dev.log())
-        puts = [r for r in self.onb.requests() if r.get("method") == "PUT"]
+        self.assertIn(EXIT_LINE, dev.log())
+        puts = self.onb.requests("PUT")
         self.assertEqual(len(puts), 1)
         self.assertTrue(puts[0]["target"].endswith("?status=SUCCESS"), puts[0])
-        self.assertEqual(dev.store()["Device.ManagementServer.Username"], ob.ACS_USER)
+        self.assertEqual(dev.store()["Device.ManagementServer.Username"], ACS_USER)
 
 
 if __name__ == "__main__":

@@ -18,7 +18,7 @@
 
 #include <gtest/gtest.h>
 
-#include "curl_test_state.h"
+#include "test_env.h"
 
 using curltest::feedHeader;
 
@@ -37,9 +37,7 @@ std::string sourceDir()
 std::string readFile(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // One simulator process; the script file is re-read by it on every request.
@@ -250,24 +248,6 @@ TEST_F(CurlTest, GetSendsIdentificationHeadersAndStoresReply)
     EXPECT_TRUE(tavelTestLogHas("debug", "{}"));
 }
 
-TEST_F(CurlTest, GetSendsNodeInfoFromTheDataModel)
-{
-    NodeInfo probe;
-    if (dml_getNodeInfo(&probe) != 0) {
-        GTEST_SKIP() << "data-model stand-in cannot read node information yet";
-    }
-    tavelTestWriteFile("/flash/dml/datamodel.conf", "Device.DeviceInfo.SerialNumber=SN0001\n"
-                                                    "Device.DeviceInfo.X_TAVEL_OperatorID=OP42\n"
-                                                    "Device.DeviceInfo.X_TAVEL_Country=DE\n");
-    tls_.setScript(R"({"get": {"status": 200}})");
-    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
-    auto gets = tls_.records(kGet);
-    ASSERT_EQ(gets.size(), 1u);
-    EXPECT_TRUE(sawHeader(gets[0], "operatorid:OP42")) << gets[0];
-    EXPECT_TRUE(sawHeader(gets[0], "sn:SN0001")) << gets[0];
-    EXPECT_TRUE(sawHeader(gets[0], "country:DE")) << gets[0];
-}
-
 TEST_F(CurlTest, GetMapsServerStatusToResult)
 {
     tls_.setScript(
@@ -284,26 +264,6 @@ TEST_F(CurlTest, GetMapsServerStatusToResult)
     EXPECT_TRUE(tavelTestLogHas("debug", "HTTPS Get Url Not Successful Res : 505"));
     EXPECT_FALSE(tavelTestLogHas("debug", "HTTPS Get Url Not Successful Res : 302"));
     EXPECT_TRUE(tavelTestLogHas("debug", "HTTPS Response :505"));
-}
-
-TEST_F(CurlTest, GetFailuresBeforeAnyReply)
-{
-    // Nothing listening.
-    setUrl("https://127.0.0.1:" + std::to_string(closedPort()) + "/onboard");
-    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
-
-    // Missing CA file: refused before any connection.
-    setUrl(tls_.url("/onboard"));
-    setCa("/missing.pem");
-    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_NO_CERT);
-    EXPECT_TRUE(tavelTestLogHas("debug", "Tavel Verifed Certificate not exist"));
-    EXPECT_TRUE(tls_.records("client_port").empty());
-
-    // A certificate from another CA fails verification.
-    setCa("/other-ca.pem");
-    EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
-    EXPECT_EQ(tls_.waitRecords("tls_error", 1), 1u);
-    EXPECT_TRUE(tls_.records(kGet).empty());
 }
 
 TEST_F(CurlTest, GetSchemeDecidesAboutTheCaFile)
@@ -369,7 +329,7 @@ TEST_F(CurlTest, GetLargeBodyIsReadAndItsDumpCapped)
     size_t mark = tavelTestLog().size();
     EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
     EXPECT_STREQ(g_serverData.mgmtUrl, "big-body");
-    std::string log = curltest::logSince(mark);
+    std::string log = tavelTestLog().substr(mark);
     EXPECT_NE(log.find("HEADbbbb"), std::string::npos);
     EXPECT_NE(log.find("[52428804 bytes, first 4096 logged]"), std::string::npos);
     EXPECT_LT(log.size(), 64u * 1024u);

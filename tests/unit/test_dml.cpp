@@ -4,16 +4,16 @@
 #include <thread>
 
 #include "dml.h"
-#include "dml_test_root.h"
+#include "test_env.h"
 
 namespace
 {
 
-using DmlRead = dmltest::TavelRootTest;
-using DmlWrite = dmltest::TavelRootTest;
-using DmlFault = dmltest::TavelRootTest;
-using DmlCountryList = dmltest::TavelRootTest;
-using DmlThreads = dmltest::TavelRootTest;
+using DmlRead = TavelRootTest;
+using DmlWrite = TavelRootTest;
+using DmlFault = TavelRootTest;
+using DmlCountryList = TavelRootTest;
+using DmlThreads = TavelRootTest;
 
 template <typename T> T filled(unsigned char byte)
 {

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 #include <filesystem>
@@ -23,6 +24,10 @@
 #include <iterator>
 #include <string>
 #include <system_error>
+
+#include "main.h"
+#include "tavel_curl.h"
+#include "util.h"
 
 class TavelTestEnvironment : public ::testing::Environment
 {
@@ -174,5 +179,80 @@ inline int tavelTestCount(const std::string &s, const std::string &text)
     }
     return n;
 }
+
+/* A fresh TAVEL_ROOT per test for the data-model store tests, so no test
+ * sees another test's store (nor the store layer's cache of it). */
+class TavelRootTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::string tmpl = ::testing::TempDir() + "tavel-dml-XXXXXX";
+        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
+        root_ = tmpl;
+        setenv("TAVEL_ROOT", root_.c_str(), 1);
+    }
+    void TearDown() override
+    {
+        setenv("TAVEL_ROOT", tavelTestRoot().c_str(), 1);
+        std::error_code ec;
+        std::filesystem::remove_all(root_, ec);
+    }
+    std::string dir() const { return root_ + "/flash/dml"; }
+    std::string storeFile() const { return dir() + "/datamodel.conf"; }
+    void writeStore(const std::string &text) const
+    {
+        std::filesystem::create_directories(dir());
+        std::ofstream(storeFile(), std::ios::binary | std::ios::trunc) << text;
+    }
+    std::string readStore() const
+    {
+        std::ifstream in(storeFile(), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    std::string root_;
+};
+
+namespace curltest
+{
+
+// initAgentState() allocates the heap fields; a second call would leak the
+// first set, so the binary calls it once whoever gets here first.
+inline void ensureAgentState()
+{
+    ASSERT_FALSE(tavelTestRoot().empty());
+    ASSERT_STREQ(tavel_root(), tavelTestRoot().c_str()) << "TAVEL_ROOT must be in place before the state";
+    if (g_serverData.mgmtUrl == nullptr) {
+        initAgentState();
+    }
+    ASSERT_NE(g_serverData.mgmtUrl, nullptr);
+}
+
+// Empties every received value, keeping the storage the agent allocated.
+inline void clearServerData()
+{
+    char **fields[] = {&g_serverData.mgmtUrl,      &g_serverData.cdpusername,    &g_serverData.cdppassword,
+                       &g_serverData.operdesc,     &g_serverData.subnetdesc,     &g_serverData.tenantID,
+                       &g_serverData.l1url,        &g_serverData.l2url,          &g_serverData.remotemappurl,
+                       &g_serverData.kprconfigurl, &g_serverData.kprconfigapikey};
+    for (char **f : fields) {
+        if (*f != nullptr) {
+            (*f)[0] = '\0';
+        }
+    }
+    memset(g_serverData.countryCode, 0, sizeof(g_serverData.countryCode));
+}
+
+// Hands a line to the header callback in a buffer of exactly its length, as
+// libcurl does (no terminator), so a sanitizer build catches any over-read.
+inline size_t feedHeader(const std::string &line)
+{
+    std::unique_ptr<char[]> buf(new char[line.size()]);
+    memcpy(buf.get(), line.data(), line.size());
+    return header_handler(buf.get(), 1, line.size(), nullptr);
+}
+
+} // namespace curltest
 
 #endif

@@ -93,15 +93,6 @@ TEST_F(DbgCmdTest, OtherModulesAreIgnored)
     EXPECT_EQ(g_retryTimeout, 86400);
 }
 
-TEST_F(DbgCmdTest, SetTimeoutThroughTheSignal)
-{
-    auto payload = dbgPayload("tavelAgent", "setTimeout 600");
-    EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN),
-              kEnter + "tavel_processDbgCmdSignal cmd: setTimeout 600.\n" +
-                  "debug cmdLine = setTimeout 600.\n" + "cmdLine+11 = 600.\n");
-    EXPECT_EQ(g_retryTimeout, 600);
-}
-
 TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
 {
     struct Case {

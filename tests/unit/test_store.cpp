@@ -8,8 +8,8 @@
 #include <chrono>
 #include <thread>
 
-#include "dml_test_root.h"
 #include "store.h"
+#include "test_env.h"
 
 using tavel::dml::Change;
 using tavel::dml::Store;
@@ -18,10 +18,10 @@ using tavel::dml::UpdateResult;
 namespace
 {
 
-using StoreParse = dmltest::TavelRootTest;
-using StoreUpdate = dmltest::TavelRootTest;
-using StoreRobust = dmltest::TavelRootTest;
-using StoreAtomic = dmltest::TavelRootTest;
+using StoreParse = TavelRootTest;
+using StoreUpdate = TavelRootTest;
+using StoreRobust = TavelRootTest;
+using StoreAtomic = TavelRootTest;
 
 UpdateResult set(const std::string &name, const std::string &value)
 {
@@ -153,15 +153,6 @@ TEST_F(StoreUpdate, FirstWriteCreatesTheStoreDirectoryPrivately)
     struct stat st;
     ASSERT_EQ(stat(storeFile().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-}
-
-TEST_F(StoreRobust, MissingStoreReadsAsEmpty)
-{
-    Store store;
-    std::string error;
-    ASSERT_TRUE(store.load(&error)) << error;
-    EXPECT_TRUE(store.params().empty());
-    EXPECT_EQ(store.get("A"), "");
 }
 
 TEST_F(StoreRobust, UnreadableStoreFailsReadsAndWrites)
