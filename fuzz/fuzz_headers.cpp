@@ -1,25 +1,4 @@
 // Reply headers of the onboarding server, one line at a time, unterminated.
-// The input layout and the rules checked are described in fuzz_inputs.h.
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
-
-#include "fuzz_common.h"
 #include "fuzz_inputs.h"
-#include "main.h"
 
-extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)
-{
-    tavel_fuzz::initRoot();
-    initAgentState();
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
-    tavel_fuzz::boundLogs();
-    if (!tavel_fuzz::runHeaders(data, size)) {
-        abort();
-    }
-    return 0;
-}
+TAVEL_FUZZ_TARGET(runHeaders, true, false)

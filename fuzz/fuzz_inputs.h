@@ -17,6 +17,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -74,32 +75,20 @@ inline void resetServerData()
     memset(&g_timezoneData, 0, sizeof(g_timezoneData));
 }
 
-inline bool hasBlank(const char *text)
-{
-    return strpbrk(text, " \t\r\n\v\f") != nullptr;
-}
-
 // Values taken as the first word of a line never hold white space, and every
 // stored text is still terminated (strlen under ASan).
 inline bool serverDataSound()
 {
+    const char *blanks = " \t\r\n\v\f";
     for (char **field : serverDataFields()) {
-        if (*field == nullptr) {
-            return false;
-        }
-        (void)strlen(*field);
-    }
-    const char *words[] = {
-        g_serverData.mgmtUrl,       g_serverData.cdpusername,  g_serverData.cdppassword,
-        g_serverData.tenantID,      g_serverData.l1url,        g_serverData.l2url,
-        g_serverData.remotemappurl, g_serverData.kprconfigurl, g_serverData.kprconfigapikey};
-    for (const char *w : words) {
-        if (hasBlank(w)) {
+        // The descriptions are raw bytes; every other value is one word.
+        bool raw = field == &g_serverData.operdesc || field == &g_serverData.subnetdesc;
+        if (*field == nullptr || (strlen(*field) > 0 && !raw && strpbrk(*field, blanks) != nullptr)) {
             return false;
         }
     }
     const TimezoneData &tz = g_timezoneData;
-    return terminated(g_serverData.countryCode) && !hasBlank(g_serverData.countryCode) &&
+    return terminated(g_serverData.countryCode) && strpbrk(g_serverData.countryCode, blanks) == nullptr &&
            terminated(tz.timezone) && terminated(tz.cityname) && terminated(tz.errorcode);
 }
 
@@ -247,16 +236,10 @@ constexpr int32_t kDefaultRetryTimeout = 86400;
 
 inline bool timezoneClean()
 {
-    if (!terminated(g_timezone)) {
-        return false;
-    }
     // Nothing may linger behind the terminator of a received zone.
-    for (size_t i = strlen(g_timezone); i < sizeof(g_timezone); ++i) {
-        if (g_timezone[i] != '\0') {
-            return false;
-        }
-    }
-    return true;
+    const char *end = g_timezone + sizeof(g_timezone);
+    const char *nul = static_cast<const char *>(memchr(g_timezone, '\0', sizeof(g_timezone)));
+    return nul != nullptr && std::all_of(nul, end, [](char c) { return c == '\0'; });
 }
 
 // Input: one byte selecting the handler (modulo 5: debug command as given,
@@ -274,43 +257,20 @@ inline bool runSignals(const uint8_t *data, size_t size)
     g_retryTimeout = kDefaultRetryTimeout;
     memset(g_timezone, 0, sizeof(g_timezone));
 
-    uint8_t selector = data[0];
-    const uint8_t *payload = data + 1;
-    size_t len = size - 1;
-    bool ok = true;
-    switch (selector % 5) {
-    case 0: {
-        ExactBuffer block(payload, len);
-        tavel_processDbgCmdSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
-        break;
-    }
-    case 1: {
+    using Handler = void (*)(void *, void *, const void *, uint32_t);
+    static const Handler handlers[] = {tavel_processDbgCmdSignal, tavel_processDbgCmdSignal,
+                                       tavel_TR69BootstrapStatusSignal, tavel_processSyncMgrSignal,
+                                       tavel_handleNTPTimeZoneUpdateSignal};
+    const uint8_t selector = data[0];
+    std::vector<uint8_t> bytes(data + 1, data + size);
+    if (selector % 5 == 1) {
         // The input in front, the rest filled with one byte, so unterminated
         // module names and command lines come up as often as terminated ones.
-        std::vector<uint8_t> full(TAVEL_DBG_PAYLOAD_LEN, static_cast<uint8_t>(selector / 5 % 2 ? 'x' : 0));
-        memcpy(full.data(), payload, len < full.size() ? len : full.size());
-        ExactBuffer block(full.data(), full.size());
-        tavel_processDbgCmdSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
-        break;
+        bytes.resize(TAVEL_DBG_PAYLOAD_LEN, static_cast<uint8_t>(selector / 5 % 2 ? 'x' : 0));
     }
-    case 2: {
-        ExactBuffer block(payload, len);
-        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
-        break;
-    }
-    case 3: {
-        ExactBuffer block(payload, len);
-        tavel_processSyncMgrSignal(nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
-        break;
-    }
-    default: {
-        ExactBuffer block(payload, len);
-        tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, block.data(),
-                                            static_cast<uint32_t>(block.size()));
-        ok = timezoneClean();
-        break;
-    }
-    }
+    ExactBuffer block(bytes.data(), bytes.size());
+    handlers[selector % 5](nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
+    const bool ok = selector % 5 != 4 || timezoneClean();
     if (g_tavelCtrl.statusUpdatePending != 0 || g_statusRetryPending != 0) {
         abort(); // a status upload was started: stop before any request
     }
@@ -384,7 +344,8 @@ inline bool storeSound(const tavel::dml::Store &store, const std::string &render
 }
 
 // The getters promise terminated texts within their fields, and a country
-// list of non-empty groups of non-empty codes.
+// list of non-empty groups of non-empty codes.  The other getters share the
+// same bounded copy, whose cuts test_dml.cpp checks.
 inline bool gettersSound()
 {
     OnBoardingServerInfo ob;
@@ -412,45 +373,10 @@ inline bool gettersSound()
             }
         }
     }
-    NodeInfo node;
-    memset(&node, 0x5a, sizeof(node));
-    if (dml_getNodeInfo(&node) == 0 &&
-        !(terminated(node.serialNumber) && terminated(node.operatorId) && terminated(node.country))) {
-        return false;
-    }
-    KPRCConfigServer l1;
-    memset(&l1, 0x5a, sizeof(l1));
-    if (dml_getKPRCConfigL1Server(&l1) == 0 && !terminated(l1.URL)) {
-        return false;
-    }
     ManagementServerInfo ms;
     memset(&ms, 0x5a, sizeof(ms));
-    if (dml_getManagementServerInfo(&ms) == 0 &&
-        !(terminated(ms.URL) && terminated(ms.Username) && terminated(ms.Password))) {
-        return false;
-    }
-    char tz[DML_TIMEZONE_LEN];
-    memset(tz, 0x5a, sizeof(tz));
-    if (dml_getTimeZone(tz) == 0 && !terminated(tz)) {
-        return false;
-    }
-    char cc[DML_COUNTRYID_LEN];
-    memset(cc, 0x5a, sizeof(cc));
-    if (dml_getCountryID(cc) == 0 && !terminated(cc)) {
-        return false;
-    }
-    char mode[DML_WORKMODE_LEN];
-    memset(mode, 0x5a, sizeof(mode));
-    if (dml_getWorkMode(mode) == 0 && !terminated(mode)) {
-        return false;
-    }
-    ModelCapability cap;
-    memset(&cap, 0, sizeof(cap));
-    if (dml_getModelCapability(&cap) == 0 && cap.isCCSyncRequired > 1) {
-        return false;
-    }
-    (void)strlen(dml_getHIECertifcatePath());
-    return true;
+    return dml_getManagementServerInfo(&ms) != 0 ||
+           (terminated(ms.URL) && terminated(ms.Username) && terminated(ms.Password));
 }
 
 // Input: the whole store file.
@@ -470,5 +396,28 @@ inline bool runStore(const uint8_t *data, size_t size)
 }
 
 } // namespace tavel_fuzz
+
+// The libFuzzer entry points of one target: a private device root, the
+// agent's start-up state when the surface needs it, debug output silenced.
+#define TAVEL_FUZZ_TARGET(run, withAgentState, quiet)                                                        \
+    extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/)                                   \
+    {                                                                                                        \
+        tavel_fuzz::initRoot();                                                                              \
+        if (quiet) {                                                                                         \
+            tavel_fuzz::silenceStdout();                                                                     \
+        }                                                                                                    \
+        if (withAgentState) {                                                                                \
+            initAgentState();                                                                                \
+        }                                                                                                    \
+        return 0;                                                                                            \
+    }                                                                                                        \
+    extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)                                  \
+    {                                                                                                        \
+        tavel_fuzz::boundLogs();                                                                             \
+        if (!tavel_fuzz::run(data, size)) {                                                                  \
+            abort();                                                                                         \
+        }                                                                                                    \
+        return 0;                                                                                            \
+    }
 
 #endif

@@ -7,6 +7,7 @@ start the agent, wait for log lines and read what it left behind.
 import atexit
 import json
 import os
+import re
 import shlex
 import shutil
 import signal
@@ -14,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import unittest
 
 BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
 SOURCE_DIR = os.environ.get("TAVEL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
@@ -59,8 +61,11 @@ exit 0
 """
 
 
+UNESCAPE = {"\\": "\\", "n": "\n", "r": "\r", "t": "\t"}
+
+
 def escape(value):
-    return (value.replace("\\", "\\\\").replace("\n", "\\n").replace("\r", "\\r").replace("\t", "\\t"))
+    return re.sub(r"[\\\n\r\t]", lambda m: "\\" + {v: k for k, v in UNESCAPE.items()}[m.group(0)], value)
 
 
 class Device:
@@ -97,24 +102,10 @@ class Device:
     def store(self):
         """The store as a dict of decoded values (the first line of a name wins)."""
         out = {}
-        try:
-            with open(self.path("flash/dml/datamodel.conf"), "rb") as f:
-                data = f.read().decode("utf-8", "replace")
-        except FileNotFoundError:
-            return out
-        for line in data.split("\n"):
-            if not line or line.startswith("#") or "=" not in line:
-                continue
-            k, v = line.split("=", 1)
-            dec, i = [], 0
-            while i < len(v):
-                if v[i] == "\\" and i + 1 < len(v) and v[i + 1] in "\\nrt":
-                    dec.append({"\\": "\\", "n": "\n", "r": "\r", "t": "\t"}[v[i + 1]])
-                    i += 2
-                else:
-                    dec.append(v[i])
-                    i += 1
-            out.setdefault(k, "".join(dec))
+        for line in self.read("flash/dml/datamodel.conf", "rb").decode("utf-8", "replace").split("\n"):
+            if line and not line.startswith("#") and "=" in line:
+                k, v = line.split("=", 1)
+                out.setdefault(k, re.sub(r"\\([\\nrt])", lambda m: UNESCAPE[m.group(1)], v))
         return out
 
     def touch(self, rel, content=b""):
@@ -157,9 +148,7 @@ class Device:
         # A second start on the same root rewrites the output files: keep what
         # the sanitizers said about the previous run first.
         self._collect_sanitizer_reports()
-        self.stdout_path = self.path("agent.stdout")
-        self.stderr_path = self.path("agent.stderr")
-        with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
+        with open(self.path("agent.stdout"), "wb") as out, open(self.path("agent.stderr"), "wb") as err:
             self.proc = subprocess.Popen(command(agent or AGENT), env=self.env(env), stdout=out, stderr=err,
                                          stdin=subprocess.DEVNULL)
         return self.proc
@@ -171,13 +160,11 @@ class Device:
         """Waits until text occurs count times in the log; returns the log."""
         deadline = time.monotonic() + timeout
         while time.monotonic() < deadline:
+            exited = self.proc is not None and self.proc.poll() is not None
             log = self.log()
             if log.count(text) >= count:
                 return log
-            if self.proc is not None and self.proc.poll() is not None:
-                log = self.log()
-                if log.count(text) >= count:
-                    return log
+            if exited:
                 raise AssertionError("agent exited (%s) before logging %r; log:\n%s" %
                                      (self.proc.returncode, text, log[-4000:]))
             time.sleep(0.05)
@@ -192,31 +179,18 @@ class Device:
             self.proc.wait(timeout=10)
 
     def _collect_sanitizer_reports(self):
-        path = getattr(self, "stderr_path", None)
-        if path is None or not os.path.exists(path):
-            return
-        with open(path, "rb") as f:
-            err = f.read().decode("utf-8", "replace")
-        reports = getattr(self, "_sanitizer_reports", [])
+        # The agent exits 0 by design and a test often kills it, so its exit
+        # status alone would hide most sanitizer findings.
+        err = self.read("agent.stderr", "rb").decode("utf-8", "replace")
         if any(marker in err for marker in SANITIZER_MARKERS):
-            reports.append(err)
-        self._sanitizer_reports = reports
-
-    def sanitizer_reports(self):
-        """Standard-error texts of this device's agent runs that hold a
-        sanitizer finding.  The agent exits 0 by design and a test often kills
-        it, so its exit status alone would hide most findings."""
-        self._collect_sanitizer_reports()
-        found, self._sanitizer_reports = self._sanitizer_reports, []
-        return found
+            self._sanitizer_reports.append(err)
 
     def close(self):
         self.stop()
-        reports = self.sanitizer_reports()
-        if reports and not self.keep:
-            # Keep the root: the log around a finding is what explains it.
-            self.keep = True
-        if not self.keep:
+        self._collect_sanitizer_reports()
+        reports = self._sanitizer_reports
+        # With a finding the root is kept: the log around it explains it.
+        if not self.keep and not reports:
             shutil.rmtree(self.root, ignore_errors=True)
         if reports:
             raise AssertionError("sanitizer report from the agent (root kept at %s):\n%s" %
@@ -237,8 +211,8 @@ FIREWALL_REMOVE = FIREWALL_INSERT[:2]
 
 
 # A device that was onboarded already: a valid management account and cloud
-# settings.  With both markers present (CONFIGURED_MARKERS) the agent exits at
-# start-up; without them it onboards again.
+# settings.  With both markers present the agent exits at start-up; without
+# them it onboards again.
 CONFIGURED_STORE = {
     "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp",
     "Device.ManagementServer.Username": "cpe-old",
@@ -246,14 +220,11 @@ CONFIGURED_STORE = {
     "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test",
     "Device.X_TAVEL_Cloud.L1Flags": "1",
 }
-CONFIGURED_MARKERS = (TZ_MARKER, CLOUD_MARKER)
 
 
 # ---- the onboarding server ----
 
 OBSIM_DIR = os.path.join(SOURCE_DIR, "tools", "obsim")
-# The agent keeps this many characters of the CA certificate path.
-CA_PATH_MAX = 27
 
 _cert_dir = None
 
@@ -277,8 +248,8 @@ def cert_dir():
 
 
 def short_path(path):
-    if len(path) > CA_PATH_MAX:
-        raise AssertionError("CA path %r is longer than the agent keeps (%d)" % (path, CA_PATH_MAX))
+    # The agent keeps 27 characters of the CA certificate path.
+    assert len(path) <= 27, "CA path %r is longer than the agent keeps" % path
     return path
 
 
@@ -403,6 +374,36 @@ class Server:
                 os.unlink(path)
             except FileNotFoundError:
                 pass
+
+
+class ServerCase(unittest.TestCase):
+    """A server per test and one agent at a time, also when an earlier
+    subtest failed with its agent still running: they share the fixed local
+    ports and the server."""
+
+    def setUp(self):
+        self.server = Server()
+        self.addCleanup(self.server.close)
+        self._devices = []
+
+    def script(self, script):
+        """The server's replies for the next agent; any earlier agent stops
+        first, as a leftover retry would take a reply meant for the next."""
+        for earlier in self._devices:
+            earlier.stop()
+        self.server.reset(script)
+
+    def device(self, extra=None, ca_path=None, mapping=MAPPING, markers=()):
+        for earlier in self._devices:
+            earlier.stop()
+        dev = Device(self.server.device_store(extra, ca_path=ca_path))
+        self.addCleanup(dev.close)
+        self._devices.append(dev)
+        if mapping is not None:
+            dev.touch(MAPPING_FILE, mapping.encode())
+        for m in markers:
+            dev.touch(m)
+        return dev
 
 
 def wait_until(predicate, timeout, what, step=0.02):

@@ -172,37 +172,26 @@ class SignalTest(BusCase):
         self.assertIsNone(dev.proc.poll())
 
     def test_malformed_payloads_are_survived(self):
+        # Every wrong size runs in exact-size ASan blocks in test_signal.cpp;
+        # here the ones only the real bus layer can deliver.
         dev = self.start_agent()
-        dbg_sizes = ["0", "3", "7", "2111", "2113", str(1 << 20)]
-        for size in dbg_sizes:
-            self.assert_ok(self.ctl("signal", "sendDbgCmd", "--size", size))
-        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--no-arg"))
-        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--string", "tavelAgent"))
-        # A 2,112-byte payload whose fields are both unterminated.
-        unterminated = ("tavelAgent".encode() + b"y" * 54 + b"z" * 2048).hex()
-        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--hex", unterminated))
-        self.assert_ok(self.ctl("signal", "tavelCfgmgrSignal", "--hex", "010000"))
+        for args in (["--size", "7"], ["--size", str(1 << 20)], ["--no-arg"], ["--string", "tavelAgent"]):
+            self.assert_ok(self.ctl("signal", "sendDbgCmd", *args))
         self.assert_ok(self.ctl("signal", "tavelCfgmgrSignal", "--no-arg"))
-        self.assert_ok(self.ctl("signal", "tavelSyngMgrSignal", "--hex", "01000000050000"))
         self.assert_ok(self.ctl("signal", "tavelSyngMgrSignal", "--string", "x"))
-        self.assert_ok(self.ctl("signal", "notifyNTPTimezoneUpdate", "--hex", "414243"))
         self.assert_ok(self.ctl("signal", "notifyNTPTimezoneUpdate", "--size", "0"))
         self.assert_ok(self.ctl("signal", "somethingElse", "--size", "4", "--no-owner-check"))
 
-        dev.wait_log("value received from hmsd module is ABC.\n")
-        dev.wait_log("signal ignored: payload of 3 bytes, 4 needed\n")
         dev.wait_log("signal ignored: payload of 0 bytes, 4 needed\n")
-        dev.wait_log("signal ignored: payload of 7 bytes, 8 needed\n")
         dev.wait_log("signal ignored: payload of 0 bytes, 1 needed\n")
         dev.wait_log("] msg is NULL\n")
         self.assertNotIn("Send Status TO Server", dev.log())
-        out = self.wait_stdout(dev, "tavel_processDbgCmdSignal, ignore.\n")
         deadline = time.monotonic() + 10
-        while out.count("parameter mismatched") < len(dbg_sizes) + 2 and time.monotonic() < deadline:
+        while dev.stdout().count("parameter mismatched") < 4 and time.monotonic() < deadline:
             time.sleep(0.05)
-            out = dev.stdout()
-        self.assertEqual(out.count("parameter mismatched"), len(dbg_sizes) + 2, out)
-        self.assertEqual(out.count("enter tavel_processDbgCmdSignal."), len(dbg_sizes) + 3, out)
+        out = dev.stdout()
+        self.assertEqual(out.count("parameter mismatched"), 4, out)
+        self.assertEqual(out.count("enter tavel_processDbgCmdSignal."), 4, out)
         self.assertNotIn("cmd:", out)
         self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "9")).stdout, "1\n")
 

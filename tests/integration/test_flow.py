@@ -1,15 +1,13 @@
 """The whole onboarding of the real agent through a private message bus: fetch,
 bootstrap signal, status report, exit; report retries, the operator's retry
 delay, the wait for the time-zone marker, and an idle agent's CPU use."""
-import os
 import re
-import subprocess
 import time
 import unittest
 
 from busfixture import PrivateBus
-from harness import (FIREWALL_INSERT, FIREWALL_REMOVE, MAPPING, MAPPING_FILE, NEW_ACCOUNT, TAVELCTL, TZ_MARKER,
-                     TZ_PARIS, Device, Server, command, reply, wait_until)
+from harness import (FIREWALL_INSERT, FIREWALL_REMOVE, NEW_ACCOUNT, TZ_MARKER, TZ_PARIS, ServerCase, ctl, reply,
+                     wait_until)
 
 LAST_STEP = "Capability: country code sync is not applicable"
 APPLIED = reply(200, NEW_ACCOUNT + [TZ_PARIS])
@@ -26,30 +24,11 @@ def cpu_ticks(pid):
     return int(fields[11]) + int(fields[12])  # utime + stime
 
 
-class FlowCase(unittest.TestCase):
+class FlowCase(ServerCase):
     def setUp(self):
+        super().setUp()
         self.bus = PrivateBus()
         self.addCleanup(self.bus.close)
-        self.server = Server()
-        self.addCleanup(self.server.close)
-
-    def script(self, script):
-        """Sets the server's replies for the next agent, stopping any earlier
-        one first: a leftover retry would take a reply meant for the next."""
-        for earlier in getattr(self, "_devices", []):
-            earlier.stop()
-        self.server.reset(script)
-
-    def device(self, extra=None):
-        # One agent at a time, also when an earlier subtest failed with its
-        # agent still running: they share the fixed local ports and the server.
-        for earlier in getattr(self, "_devices", []):
-            earlier.stop()
-        dev = Device(self.server.device_store(extra))
-        self.addCleanup(dev.close)
-        self._devices = getattr(self, "_devices", []) + [dev]
-        dev.touch(MAPPING_FILE, MAPPING.encode())
-        return dev
 
     def start(self, dev, scale):
         dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE=str(scale)))
@@ -58,10 +37,7 @@ class FlowCase(unittest.TestCase):
         self.assertIsNone(dev.proc.poll(), dev.log()[-3000:])
 
     def ctl(self, *args, env=None):
-        e = dict(os.environ, **self.bus.env())
-        e.update(env or {})
-        return subprocess.run(command(TAVELCTL, *args), env=e, capture_output=True, text=True, timeout=30,
-                              stdin=subprocess.DEVNULL)
+        return ctl(dict(self.bus.env(), **(env or {})), *args)
 
     def send(self, *args):
         result = self.ctl(*args)

@@ -9,9 +9,9 @@ import socket
 import time
 import unittest
 
-from harness import (CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE, MAPPING, MAPPING_FILE,
-                     NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, Device, Server, cert_dir,
-                     reply, wait_until)
+from harness import (CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE,
+                     NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, cert_dir, reply,
+                     wait_until)
 
 FACTORY_ACS = "https://acs.tavel.invalid:7754"
 LAST_STEP = "Capability: country code sync is not applicable"
@@ -42,32 +42,7 @@ def gaps(requests):
     return [b - a for a, b in zip(times, times[1:])]
 
 
-class OnboardingCase(unittest.TestCase):
-    def setUp(self):
-        self.server = Server()
-        self.addCleanup(self.server.close)
-
-    def script(self, script):
-        """Sets the server's replies for the next agent, stopping any earlier
-        one first: a leftover retry would take a reply meant for the next."""
-        for earlier in getattr(self, "_devices", []):
-            earlier.stop()
-        self.server.reset(script)
-
-    def device(self, extra=None, ca_path=None, mapping=MAPPING, markers=()):
-        # One agent at a time, also when an earlier subtest failed with its
-        # agent still running: they share the fixed local ports and the server.
-        for earlier in getattr(self, "_devices", []):
-            earlier.stop()
-        dev = Device(self.server.device_store(extra, ca_path=ca_path))
-        self.addCleanup(dev.close)
-        self._devices = getattr(self, "_devices", []) + [dev]
-        if mapping is not None:
-            dev.touch(MAPPING_FILE, mapping.encode())
-        for m in markers:
-            dev.touch(m)
-        return dev
-
+class OnboardingCase(ServerCase):
     def start(self, dev, scale, **kw):
         env = dict(kw.pop("env", {}), TAVEL_TIME_SCALE=str(scale))
         dev.start(env=env, **kw)

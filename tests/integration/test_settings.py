@@ -2,15 +2,13 @@
 marker files and the history log, with the real agent over real TLS."""
 import os
 import re
-import subprocess
 import time
 import unittest
 
 from busfixture import PrivateBus
 
-from harness import (CC_CONFIGURED_BY, CC_FILE, FIREWALL_REMOVE, MAPPING, MAPPING_FILE, ONBOARDING_IN_PROGRESS,
-                     NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TAVELCTL, TZ_MARKER, TZ_PARIS, Device, Server, command, reply,
-                     wait_until)
+from harness import (CC_CONFIGURED_BY, CC_FILE, FIREWALL_REMOVE, MAPPING, NEW_ACCOUNT, ONBOARDING_IN_PROGRESS,
+                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, ctl, reply, wait_until)
 
 # A decoy before the Paris line: the city matches, the code does not.
 ZONES = ('WET,Europe,Paris,"WET0","Wrong/Paris"\n' + MAPPING +
@@ -26,35 +24,9 @@ CC_STORE = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
             "Device.DeviceInfo.X_TAVEL_SupportedCountries": "CA,us;GB"}
 
 
-def ctl(bus, *args):
-    env = dict(os.environ, **bus.env())
-    return subprocess.run(command(TAVELCTL, *args), env=env, capture_output=True, text=True, timeout=30,
-                          stdin=subprocess.DEVNULL)
-
-
-class SettingsCase(unittest.TestCase):
-    def setUp(self):
-        self.server = Server()
-        self.addCleanup(self.server.close)
-
-    def script(self, script):
-        """Sets the server's replies for the next agent, stopping any earlier
-        one first: a leftover retry would take a reply meant for the next."""
-        for earlier in getattr(self, "_devices", []):
-            earlier.stop()
-        self.server.reset(script)
-
+class SettingsCase(ServerCase):
     def device(self, extra=None, mapping=ZONES):
-        # One agent at a time, also when an earlier subtest failed with its
-        # agent still running: they share the fixed local ports and the server.
-        for earlier in getattr(self, "_devices", []):
-            earlier.stop()
-        dev = Device(self.server.device_store(extra))
-        self.addCleanup(dev.close)
-        self._devices = getattr(self, "_devices", []) + [dev]
-        if mapping is not None:
-            dev.touch(MAPPING_FILE, mapping.encode())
-        return dev
+        return super().device(extra, mapping=mapping)
 
     def run_to_exit(self, dev, scale=100):
         dev.start(env={"TAVEL_TIME_SCALE": str(scale)})
@@ -187,7 +159,7 @@ class CountryCodeTest(SettingsCase):
 
         # A successful report would end the agent, but the parked code holds
         # it: the firewall closes and the process stays.
-        wait_until(lambda: ctl(bus, "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
+        wait_until(lambda: ctl(bus.env(), "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
         log = dev.wait_log("Not exiting Tavle, as timer is running !!!!")
         self.assertEqual(len(self.server.requests("PUT")), 1)
         self.assertNotIn("exitTavel !!!!", log)

@@ -52,8 +52,7 @@ class StartupTest(unittest.TestCase):
         os.makedirs(bad)
         dev.start(env={"TAVEL_ROOT": bad})
         self.assertEqual(dev.wait_exit(), 0)
-        with open(dev.stderr_path) as f:
-            err = f.read()
+        err = dev.read("agent.stderr")
         self.assertEqual(len(err.strip().split("\n")), 1)
         self.assertIn("TAVEL_ROOT", err)
         self.assertFalse(os.path.exists(os.path.join(bad, "iptables.log")))

@@ -23,23 +23,11 @@ fail() {
 # ---- staged install ----
 stage="$tmp/stage"
 cmake --install "$build" --prefix "$stage" >"$tmp/install.log"
-echo "== installed into $stage"
-(cd "$stage" && find . ! -type d -printf '%m %p\n' | sort -k2)
-
-expect_file() { # mode path
-    local mode
-    if [ ! -f "$stage/$2" ]; then
-        fail "$2 not installed"
-        return
-    fi
-    mode=$(stat -c %a "$stage/$2")
-    [ "$mode" = "$1" ] || fail "$2 has mode $mode, expected $1"
-}
-expect_file 755 sbin/tavelAgent
-expect_file 755 bin/tavelctl
-expect_file 644 share/dbus-1/system.d/velka.tavel.conf
-expect_file 644 lib/systemd/system/tavelagent.service
-expect_file 755 etc/init.d/tavelagent
+for entry in 755:sbin/tavelAgent 755:bin/tavelctl 644:share/dbus-1/system.d/velka.tavel.conf \
+    644:lib/systemd/system/tavelagent.service 755:etc/init.d/tavelagent; do
+    mode=$(stat -c %a "$stage/${entry#*:}" 2>/dev/null) || mode=missing
+    [ "$mode" = "${entry%%:*}" ] || fail "${entry#*:} has mode $mode, expected ${entry%%:*}"
+done
 
 # ---- systemd unit ----
 unit="$stage/lib/systemd/system/tavelagent.service"
@@ -142,8 +130,6 @@ if command -v dpkg-deb >/dev/null; then
         fail "cpack -G DEB: $(tail -5 "$tmp/cpack.log")"
     deb=$(find "$tmp/deb" -maxdepth 1 -name '*.deb' | head -n 1)
     if [ -n "$deb" ]; then
-        echo "== $(basename "$deb")"
-        dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $1, $6}'
         for f in ./usr/sbin/tavelAgent ./usr/bin/tavelctl ./usr/lib/systemd/system/tavelagent.service \
             ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf; do
             dpkg-deb -c "$deb" | awk '{print $6}' | grep -qx "$f" || fail "package lacks $f"
@@ -163,8 +149,5 @@ else
     fail "dpkg-deb missing"
 fi
 
-if [ "$failures" -ne 0 ]; then
-    echo "check_install: $failures failure(s)" >&2
-    exit 1
-fi
+[ "$failures" -eq 0 ] || { echo "check_install: $failures failure(s)" >&2; exit 1; }
 echo "check_install: ok"

@@ -34,17 +34,45 @@ protected:
     timer_t timer_ = nullptr;
 };
 
-TEST_F(Backoff, FirstTransientFailureStartsAtOne)
+// One rule application from a given state: the delay range, the count and
+// last code it leaves, and which timer it hands back.
+TEST_F(Backoff, EachCodeFromEachState)
 {
-    for (int code : {0, 110, 503}) {
-        SetUp();
-        ASSERT_EQ(retry(code), 0);
-        EXPECT_EQ(g_tavelCtrl.retryCount, 1);
-        EXPECT_GE(seconds_, 5);
-        EXPECT_LE(seconds_, 9);
-        EXPECT_EQ(g_lastErrorCode, code);
-        EXPECT_EQ(timer_, g_tavelCtrl.retryTimer);
+    const timer_t retryT = reinterpret_cast<timer_t>(0x11), statusT = reinterpret_cast<timer_t>(0x22);
+    const struct {
+        int count, last, code, type, rc, lo, hi, countAfter, lastAfter;
+        timer_t timer;
+    } cases[] = {
+        {0, TAVEL_RC_NO_RESPONSE_CODE, 0, 1, 0, 5, 9, 1, 0, retryT},
+        {0, TAVEL_RC_NO_RESPONSE_CODE, 110, 1, 0, 5, 9, 1, 110, retryT},
+        {0, TAVEL_RC_NO_RESPONSE_CODE, 503, 1, 0, 5, 9, 1, 503, retryT},
+        {2, 110, 503, 1, 0, 5, 9, 1, 503, retryT}, // a different code restarts the growth
+        {2, 110, TAVEL_RC_TRANSFER_FAILED, 1, 0, 10, 19, 2, TAVEL_RC_TRANSFER_FAILED, retryT},
+        {6, TAVEL_RC_TRANSFER_FAILED, TAVEL_RC_TRANSFER_FAILED, 1, 0, 10, 19, 2, TAVEL_RC_TRANSFER_FAILED,
+         retryT},
+        {2, 110, TAVEL_RC_TZ_UNAVAILABLE, 1, 0, 20, 39, 3, 110, retryT}, // keeps the last error
+        {3, 110, 204, 2, 0, 86400, 86654, 3, 204, statusT},
+        {3, 110, 401, 2, 0, 86400, 86654, 3, 401, statusT},
+        {3, 110, 500, 2, 0, 86400, 86654, 3, 500, statusT},
+        {0, 110, 503, 3, 0, 5, 9, 1, 503, nullptr}, // unknown timer type
+        {4, 110, 200, 1, 1, -12345, -12345, 4, 110, nullptr},
+        {4, 110, 302, 1, 1, -12345, -12345, 4, 110, nullptr},
+        {4, 110, 504, 1, 1, -12345, -12345, 4, 110, nullptr},
+        {4, 110, 505, 1, 1, -12345, -12345, 4, 110, nullptr},
+        {4, 110, 5002, 1, 1, -12345, -12345, 4, 110, nullptr},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(::testing::Message() << c.code << " after " << c.last << " x" << c.count);
+        g_tavelCtrl.retryCount = c.count;
+        g_lastErrorCode = c.last;
+        ASSERT_EQ(retry(c.code, c.type), c.rc);
+        EXPECT_GE(seconds_, c.lo);
+        EXPECT_LE(seconds_, c.hi);
+        EXPECT_EQ(g_tavelCtrl.retryCount, c.countAfter);
+        EXPECT_EQ(g_lastErrorCode, c.lastAfter);
+        EXPECT_EQ(timer_, c.timer);
     }
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "ret 204 retryCount value is"), 0);
 }
 
 TEST_F(Backoff, RepeatedTransientCodeGrowsToTheCap)
@@ -52,8 +80,7 @@ TEST_F(Backoff, RepeatedTransientCodeGrowsToTheCap)
     const int low[] = {5, 10, 20, 40, 80, 160, 320, 640, 640, 640};
     for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(retry(110), 0);
-        int count = i + 1 > 8 ? 8 : i + 1;
-        EXPECT_EQ(g_tavelCtrl.retryCount, count) << "attempt " << i;
+        EXPECT_EQ(g_tavelCtrl.retryCount, i + 1 > 8 ? 8 : i + 1) << "attempt " << i;
         EXPECT_GE(seconds_, low[i]) << "attempt " << i;
         EXPECT_LE(seconds_, 2 * low[i] - 1) << "attempt " << i;
     }
@@ -61,91 +88,15 @@ TEST_F(Backoff, RepeatedTransientCodeGrowsToTheCap)
                                               std::to_string(seconds_)));
 }
 
-TEST_F(Backoff, ADifferentTransientCodeRestartsTheGrowth)
-{
-    retry(110);
-    retry(110);
-    ASSERT_EQ(g_tavelCtrl.retryCount, 2);
-    retry(503);
-    EXPECT_EQ(g_tavelCtrl.retryCount, 1);
-    EXPECT_EQ(g_lastErrorCode, 503);
-}
-
-TEST_F(Backoff, TransferFailureAlwaysWaitsTenToNineteen)
-{
-    for (int i = 0; i < 5; ++i) {
-        ASSERT_EQ(retry(TAVEL_RC_TRANSFER_FAILED), 0);
-        EXPECT_EQ(g_tavelCtrl.retryCount, 2);
-        EXPECT_GE(seconds_, 10);
-        EXPECT_LE(seconds_, 19);
-    }
-    EXPECT_EQ(g_lastErrorCode, TAVEL_RC_TRANSFER_FAILED);
-}
-
-TEST_F(Backoff, NonTransientWaitsADayAndKeepsTheCount)
-{
-    g_tavelCtrl.retryCount = 3;
-    for (int code : {204, 400, 401, 403, 404, 500}) {
-        ASSERT_EQ(retry(code, 2), 0);
-        EXPECT_GE(seconds_, 86400);
-        EXPECT_LE(seconds_, 86654);
-        EXPECT_EQ(g_tavelCtrl.retryCount, 3);
-        EXPECT_EQ(g_lastErrorCode, code);
-        EXPECT_EQ(timer_, g_tavelCtrl.statusUpdateTimer);
-    }
-    EXPECT_EQ(tavelTestCount(tavelTestLog(), "retryCount value is"), 0);
-}
-
 TEST_F(Backoff, OperatorTimeoutReplacesTheDay)
 {
-    g_retryTimeout = 0;
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_EQ(retry(401), 0);
-        EXPECT_GE(seconds_, 0);
-        EXPECT_LE(seconds_, 254);
-    }
-    g_retryTimeout = 600;
-    retry(401);
-    EXPECT_GE(seconds_, 600);
-    EXPECT_LE(seconds_, 854);
-}
-
-TEST_F(Backoff, TimezoneServiceUnavailableKeepsLastError)
-{
-    g_lastErrorCode = 110;
-    g_tavelCtrl.retryCount = 2;
-    ASSERT_EQ(retry(TAVEL_RC_TZ_UNAVAILABLE), 0);
-    EXPECT_EQ(g_tavelCtrl.retryCount, 3);
-    EXPECT_GE(seconds_, 20);
-    EXPECT_LE(seconds_, 39);
-    EXPECT_EQ(g_lastErrorCode, 110);
-}
-
-TEST_F(Backoff, CodesThatAreNotRetriedTouchNothing)
-{
-    g_tavelCtrl.retryCount = 4;
-    g_lastErrorCode = 110;
-    for (int code : {200, 302, 405, 504, 505, 5002}) {
-        EXPECT_EQ(retry(code), 1) << code;
-        EXPECT_EQ(seconds_, -12345);
-        EXPECT_EQ(timer_, nullptr);
-        EXPECT_EQ(g_tavelCtrl.retryCount, 4);
-        EXPECT_EQ(g_lastErrorCode, 110);
-    }
-}
-
-TEST_F(Backoff, UnknownTimerTypeLeavesTheTimerAlone)
-{
-    ASSERT_EQ(retry(503, 3), 0);
-    EXPECT_EQ(timer_, nullptr);
-}
-
-TEST(Jitter, StaysBelowItsBound)
-{
-    for (int i = 0; i < 1000; ++i) {
-        int j = getRandomJitter(2);
-        ASSERT_GE(j, 0);
-        ASSERT_LE(j, 254);
+    for (int32_t timeout : {0, 600}) {
+        g_retryTimeout = timeout;
+        for (int i = 0; i < 20; ++i) {
+            ASSERT_EQ(retry(401, 2), 0);
+            EXPECT_GE(seconds_, timeout);
+            EXPECT_LE(seconds_, timeout + 254);
+        }
     }
 }
 

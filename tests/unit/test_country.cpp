@@ -159,9 +159,8 @@ TEST_F(CountryTest, DefersToMappMark)
         std::string content;
         int expected;
     } cases[] = {
-        {"MAPP", -1},  {"mapp,US", -1}, {"MaPp\n", -1}, {std::string("TAVEL,US\0\0", 10), 0},
-        {"", 0},       {"\n", 0},       {"MAP", 0},     {std::string("\0MAPP", 5), 0},
-        {"\nMAPP", 0}, {" MAPP", 0},
+        {"MaPp\n", -1}, {std::string("TAVEL,US\0\0", 10), 0}, {"", 0}, {"MAP", 0}, {"\nMAPP", 0},
+        {" MAPP", 0},
     };
     for (const auto &c : cases) {
         tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, c.content);
@@ -176,17 +175,10 @@ TEST_F(CountryTest, DefersToMappMark)
 
 /* ---- applying and parking ---- */
 
+// A two-letter code runs end to end in test_settings.py; a longer one is cut
+// into the fixed ten-byte mark.
 TEST_F(CountryTest, AppliesWithExactTenByteMark)
 {
-    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, "US\n");
-    update_country_code("US");
-    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,US\0\0", 10));
-    EXPECT_FALSE(tavelTestExists(TAVEL_COUNTRY_CODE_FILE));
-    EXPECT_TRUE(tavelTestLogHas("notice", "Inside update_country_code country code US"));
-    EXPECT_NE(tavelTestReadFile(kDataModel).find("Device.DeviceInfo.X_TAVEL_CountryCode=US\n"),
-              std::string::npos);
-    EXPECT_TRUE(tavelTestLogHas("notice", "Outside update_country_code, country code set successfully"));
-
     update_country_code("ABC");
     EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,AB\0\0", 10));
 }
@@ -209,19 +201,8 @@ TEST_F(CountryTest, UnwritableMarkStillUpdatesDataModel)
               std::string::npos);
 }
 
-TEST_F(CountryTest, AppliesAtOnceWithoutMappOnboarding)
-{
-    TavelQuietTimer timer;
-    ASSERT_TRUE(timer.ok());
-    g_tavelCtrl.ccApplyTimer = timer.get();
-    tavel_setCountryCode("GB");
-    EXPECT_TRUE(tavelTestLogHas("notice", "country code received from tavel server : GB"));
-    EXPECT_TRUE(tavelTestLogHas("notice", "update cc since MAPP didn't set"));
-    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,GB\0\0", 10));
-    EXPECT_EQ(g_timerAliveFlag, 0);
-    EXPECT_EQ(timer.remainingSeconds(), 0.0);
-}
-
+// Applying at once and parking run end to end in test_settings.py; here the
+// timer bound and a shorter code replacing a longer parked one.
 TEST_F(CountryTest, ParksDuringMappOnboarding)
 {
     TavelQuietTimer timer;
@@ -229,22 +210,12 @@ TEST_F(CountryTest, ParksDuringMappOnboarding)
     g_tavelCtrl.ccApplyTimer = timer.get();
     tavelTestWriteFile(TAVEL_ONBOARDING_IN_PROGRESS_FILE, "");
     tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, "OLD-CODE-THAT-IS-LONGER\n");
-
     tavel_setCountryCode("US");
-    EXPECT_TRUE(tavelTestLogHas("notice", "MAPP onboarding started wait for 30 min"));
     EXPECT_EQ(tavelTestReadFile(TAVEL_COUNTRY_CODE_FILE), "US\n");
     EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
-    EXPECT_EQ(tavelTestReadFile(kDataModel).find("X_TAVEL_CountryCode"), std::string::npos);
     EXPECT_EQ(g_timerAliveFlag, 1);
-    double remaining = timer.remainingSeconds();
-    EXPECT_GT(remaining, 0.0) << "ccApplyTimer armed";
-    EXPECT_LE(remaining, TAVEL_CC_APPLY_WAIT);
-
-    /* The start-up path reads a parked code back through a 4-byte buffer. */
-    int rc = 0;
-    tavel_setCountryCode("ABC");
-    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "AB");
-    EXPECT_EQ(rc, 0);
+    EXPECT_GT(timer.remainingSeconds(), 0.0);
+    EXPECT_LE(timer.remainingSeconds(), TAVEL_CC_APPLY_WAIT);
 }
 
 TEST_F(CountryTest, ParkedCodeNeverReachesShellUnquoted)
@@ -265,53 +236,38 @@ TEST_F(CountryTest, ParkedCodeNeverReachesShellUnquoted)
 
 TEST_F(CountryTest, ReadsFirstLineWithinBufferLimits)
 {
-    int rc = 0;
-    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, "MAPPXYZ\nsecond\n");
-    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "MAPP");
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 4, &rc), "MA");
-    EXPECT_TRUE(tavelTestLogHas("notice", "Read from file = /configs/cc_configured_by, buf = MA"));
-
-    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, "U\n");
-    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "U") << "only the line feed is dropped";
-
-    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, "US");
-    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "US") << "no line end";
-    EXPECT_EQ(rc, 0);
-
-    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, std::string(100 * 1024, 'Q'));
-    EXPECT_EQ(readDeviceFile(TAVEL_CC_CONFIGURED_BY, 6, &rc), "QQQQ");
-}
-
-TEST_F(CountryTest, NothingReadLeavesBufferUntouched)
-{
-    int rc = 0;
-    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
-    EXPECT_EQ(rc, -1) << "missing file";
-
-    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, "\nUS\n");
-    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
-    EXPECT_EQ(rc, -1) << "first line empty";
-
-    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, std::string("\0\0\0\0\0\0", 6));
-    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
-    EXPECT_EQ(rc, -1) << "binary zeros";
-
-    std::filesystem::remove(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));
-    std::filesystem::create_directories(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));
-    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "-");
-    EXPECT_EQ(rc, -1) << "directory";
-
-    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 2, &rc), "-");
-    EXPECT_EQ(rc, -1) << "a 2-byte buffer cannot hold a character";
-}
-
-TEST_F(CountryTest, BinaryDataEndsTextAtFirstZero)
-{
-    int rc = 0;
-    tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, std::string("A\0B\xff", 4));
-    EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, 4, &rc), "A");
-    EXPECT_EQ(rc, 0);
+    const std::string binaryZeros("\0\0\0\0\0\0", 6);
+    const struct {
+        const char *why;
+        std::string content; // "<dir>" makes a directory, "<none>" removes the file
+        int size;
+        const char *text; // "-" is the untouched buffer
+        int rc;
+    } cases[] = {
+        {"first line", "MAPPXYZ\nsecond\n", 6, "MAPP", 0},
+        {"cut to the buffer", "MAPPXYZ\nsecond\n", 4, "MA", 0},
+        {"only the line feed is dropped", "U\n", 6, "U", 0},
+        {"no line end", "US", 6, "US", 0},
+        {"huge line", std::string(100 * 1024, 'Q'), 6, "QQQQ", 0},
+        {"binary data ends at the first zero", std::string("A\0B\xff", 4), 4, "A", 0},
+        {"first line empty", "\nUS\n", 4, "-", -1},
+        {"binary zeros", binaryZeros, 4, "-", -1},
+        {"missing file", "<none>", 4, "-", -1},
+        {"directory", "<dir>", 4, "-", -1},
+        {"a 2-byte buffer cannot hold a character", "US\n", 2, "-", -1},
+    };
+    for (const auto &c : cases) {
+        std::filesystem::remove_all(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));
+        if (c.content == "<dir>") {
+            std::filesystem::create_directories(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));
+        } else if (c.content != "<none>") {
+            tavelTestWriteFile(TAVEL_COUNTRY_CODE_FILE, c.content);
+        }
+        int rc = 0;
+        EXPECT_EQ(readDeviceFile(TAVEL_COUNTRY_CODE_FILE, c.size, &rc), c.text) << c.why;
+        EXPECT_EQ(rc, c.rc) << c.why;
+    }
+    EXPECT_TRUE(tavelTestLogHas("notice", "Read from file = /flash/cc_from_tavel, buf = MA"));
 }
 
 TEST_F(CountryTest, ReadUnderLockFlag)

@@ -22,6 +22,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <system_error>
 
@@ -88,11 +89,15 @@ inline void tavelTestWriteFile(const std::string &devicePath, const std::string 
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-/* Whole content of a file at a device path ("" when absent). */
+/* Whole content of a file ("" when absent). */
+inline std::string tavelTestSlurp(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 inline std::string tavelTestReadFile(const std::string &devicePath)
 {
-    std::ifstream in(tavelTestPath(devicePath), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return tavelTestSlurp(tavelTestPath(devicePath));
 }
 
 inline bool tavelTestExists(const std::string &devicePath)
@@ -151,21 +156,13 @@ private:
  * text (a trailing line feed of the message is not part of the record). */
 inline bool tavelTestLogHas(const std::string &level, const std::string &text)
 {
-    std::string log = tavelTestLog();
-    std::string head = level + " tavel: [";
-    std::string tail = "] " + text;
-    size_t pos = 0;
-    while (pos < log.size()) {
-        size_t end = log.find('\n', pos);
-        if (end == std::string::npos) {
-            end = log.size();
-        }
-        std::string line = log.substr(pos, end - pos);
-        if (line.compare(0, head.size(), head) == 0 && line.size() >= tail.size() &&
+    std::istringstream in(tavelTestLog());
+    const std::string head = level + " tavel: [", tail = "] " + text;
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind(head, 0) == 0 && line.size() >= tail.size() &&
             line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
             return true;
         }
-        pos = end + 1;
     }
     return false;
 }
@@ -205,11 +202,7 @@ protected:
         std::filesystem::create_directories(dir());
         std::ofstream(storeFile(), std::ios::binary | std::ios::trunc) << text;
     }
-    std::string readStore() const
-    {
-        std::ifstream in(storeFile(), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
+    std::string readStore() const { return tavelTestSlurp(storeFile()); }
 
     std::string root_;
 };

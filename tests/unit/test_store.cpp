@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -32,17 +31,9 @@ UpdateResult set(const std::string &name, const std::string &value)
 std::vector<std::string> dirEntries(const std::string &dir)
 {
     std::vector<std::string> names;
-    DIR *d = opendir(dir.c_str());
-    if (d == nullptr) {
-        return names;
+    for (const auto &e : std::filesystem::directory_iterator(dir)) {
+        names.push_back(e.path().filename());
     }
-    while (struct dirent *e = readdir(d)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..") {
-            names.push_back(name);
-        }
-    }
-    closedir(d);
     std::sort(names.begin(), names.end());
     return names;
 }

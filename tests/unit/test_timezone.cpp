@@ -11,8 +11,6 @@
 namespace
 {
 
-const std::string kDataModel = "/flash/dml/datamodel.conf";
-
 const std::string kMapping = "1,GMT,London,\"GMT0BST,M3.5.0/1,M10.5.0\",\"Europe/London\"\n"
                              "2,CET,Paris,\"CET-1CEST,M3.5.0,M10.5.0/3\",\"Europe/Paris\"\n"
                              "3,CET,Paris,\"SECOND\",\"Europe/Paris-second\"\n"
@@ -46,34 +44,16 @@ std::string lookup(int size = 500)
     return line.get();
 }
 
-bool terminatedWithin(const char *field, size_t size)
-{
-    return strnlen(field, size) < size;
-}
-
 class TimezoneTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
         tavelTestCleanRoot();
-        std::filesystem::create_directories(tavelTestPath(TAVEL_MARKER_DIR));
-        tavelTestWriteFile(kDataModel, "");
         memset(&g_timezoneData, 0, sizeof(g_timezoneData));
         memset(g_timezoneCode, 0, sizeof(g_timezoneCode));
         memset(g_continent_city, 0, sizeof(g_continent_city));
-        memset(g_timezone, 0, sizeof(g_timezone));
-        savedCtrl_ = g_tavelCtrl;
-        g_tzFailEventSent = 0;
     }
-    void TearDown() override
-    {
-        g_tavelCtrl = savedCtrl_;
-        g_tzFailEventSent = 0;
-    }
-
-private:
-    TavelCtrl savedCtrl_{};
 };
 
 } // namespace
@@ -124,17 +104,12 @@ TEST_F(TimezoneTest, ErrorHeaderClearsZoneButKeepsReceivedCode)
     EXPECT_TRUE(tavelTestLogHas("notice", " erro code is 100"));
     EXPECT_STREQ(g_timezoneCode, "CET");
 
-    parseHeader("timezone: 101");
-    EXPECT_STREQ(g_timezoneData.errorcode, "101");
-}
-
-TEST_F(TimezoneTest, ShortHeadersAreIgnored)
-{
-    parseHeader("timezone: 100");
-    parseHeader("t");
+    parseHeader("t"); // too short to be looked at
     parseHeader("");
     handle_timezoneHeader(nullptr, 20);
     EXPECT_STREQ(g_timezoneData.errorcode, "100");
+    parseHeader("timezone: 101");
+    EXPECT_STREQ(g_timezoneData.errorcode, "101");
 }
 
 TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
@@ -147,20 +122,17 @@ TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
         std::string errorcode;
     } cases[] = {
         {"timezone:", "", "", ""},
-        {"timezone: ", "", "", ""},
         {":::", "", "", ""},
         {"tz: 100", "", "", ""},
         {"timezone: " + big, "", "", std::string(49, 'C')},
         {"timezone: {\"code\":\"" + big + "\",\"n\",\"id\":\"A/B\"}", std::string(31, 'C'), "B", ""},
         {"timezone: {\"code\":\"CET\"}", "CET", "", ""},
-        {"timezone: {\"code\":\"CET\",\"id\":\"Europe/Paris\"}", "CET", "", ""},
         {"timezone: {\"code\":\"CET\",\"n\",\"id\":\"Europe\"}", "CET", "", ""},
         {"timezone: {\"code\":\"CET\",\"n\", \"id\":\"Europe/Paris\"}", "CET", "", ""},
         {"timezone: {\"code\":\"CET\",\"n\",\"id\":\"/Paris\"}", "CET", "", ""},
         {"timezone: {\"code\":\"CET,\"n\",\"id\":\"Europe/Paris", "CET", "Paris", ""},
         {"timezone: {\"code\":\"", "", "", ""},
         {"timezone: {\"code\":\"\",\"n\",\"id\":\"\"}", "", "", ""},
-        {"timezone: code", "", "", ""},
         {"timezone: 100 code", "", "", ""},
         {"timezone: {\"x\":\"1\"},\"code\",\"id\":\"A/B\"", "", "", "{\"x\":\"1\"},\"code\",\"id\":\"A/B\""},
         {"timezone: {\"code\":\"" + std::string(40, 'K') + "\",\"n\",\"id\":\"Europe/" +
@@ -174,10 +146,11 @@ TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
     for (const auto &c : cases) {
         const std::string shown = c.header.substr(0, 80);
         parseHeader(c.header);
-        ASSERT_TRUE(terminatedWithin(g_timezoneData.timezone, 50)) << shown;
-        ASSERT_TRUE(terminatedWithin(g_timezoneData.cityname, 50)) << shown;
-        ASSERT_TRUE(terminatedWithin(g_timezoneData.errorcode, 50)) << shown;
-        ASSERT_TRUE(terminatedWithin(g_continent_city, 50)) << shown;
+        const char *fields[] = {g_timezoneData.timezone, g_timezoneData.cityname, g_timezoneData.errorcode,
+                                g_continent_city};
+        for (const char *field : fields) {
+            ASSERT_LT(strnlen(field, 50), 50u) << shown;
+        }
         EXPECT_EQ(g_timezoneData.timezone, c.timezone) << shown;
         EXPECT_EQ(g_timezoneData.cityname, c.cityname) << shown;
         EXPECT_EQ(g_timezoneData.errorcode, c.errorcode) << shown;
@@ -250,14 +223,8 @@ TEST_F(TimezoneTest, LookupSelectsFirstLineWithCodeAndCity)
 
     setReceivedZone("GMT", "Paris");
     EXPECT_EQ(lookup(), "<none>") << "the code and the city must be on the same line";
-    EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
-    EXPECT_TRUE(tavelTestLogHas("error", "Applying timezoneconfig failed"));
-    EXPECT_TRUE(tavelTestLogHas("error", "tavel_handleTimezonedetails exit "));
-
-    setReceivedZone("", "");
-    EXPECT_EQ(lookup(), "<none>") << "nothing received selects nothing";
     setReceivedZone("CET", "");
-    EXPECT_EQ(lookup(), "<none>");
+    EXPECT_EQ(lookup(), "<none>") << "nothing received selects nothing";
 
     setReceivedZone("CET", "Paris");
     EXPECT_EQ(lookup(16), kParisLine.substr(0, 15)) << "bounded by the caller's buffer";
@@ -267,10 +234,6 @@ TEST_F(TimezoneTest, LookupSelectsFirstLineWithCodeAndCity)
 TEST_F(TimezoneTest, LookupWithoutUsableFile)
 {
     setReceivedZone("CET", "Paris");
-    EXPECT_EQ(lookup(), "<none>");
-    EXPECT_TRUE(tavelTestLogHas("notice", "popen error "));
-    EXPECT_TRUE(tavelTestLogHas("error", "Applying timezoneconfig failed"));
-
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, "");
     EXPECT_EQ(lookup(), "<none>");
     EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
@@ -313,78 +276,4 @@ TEST_F(TimezoneTest, LookupOfIncompleteLineFailsWithMappingEvent)
                              "event[TZ Config Failed] reason[Timezone mapping failed] Timezone "
                              "Configuration failed from Velka WiFi Cloud, Reason: {reason}\n"),
               4);
-}
-
-/* ---- applying ---- */
-
-TEST_F(TimezoneTest, AppliesMappedZone)
-{
-    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
-    parseHeader("timezone: {\"code\":\"CET\",\"name\":\"Central European Time\",\"id\":\"Europe\\/Paris\"}");
-    tavel_handleTimezonedetails(&g_timezoneData);
-
-    EXPECT_STREQ(g_timezone, "\"CET-1CEST,M3.5.0,M10.5.0/3\"");
-    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
-    EXPECT_EQ(tavelTestHistory(),
-              "event[TZ Config] timezone[\"CET-1CEST,M3.5.0,M10.5.0/3\",CET,Europe/Paris] "
-              "Timezone:{timezone} Configuration from Velka Cloud Successful\n");
-    EXPECT_TRUE(tavelTestLogHas("notice",
-                                "send history event: event[TZ Config] timezone[[\"CET-1CEST,M3.5.0,"
-                                "M10.5.0/3\",CET,Europe/Paris]] Timezone:{timezone} Configuration from "
-                                "Velka Cloud Successful"));
-    const std::string store = tavelTestReadFile(kDataModel);
-    EXPECT_NE(store.find("Device.Time.LocalTimeZone=\"CET-1CEST,M3.5.0,M10.5.0/3\"\n"), std::string::npos)
-        << store;
-    EXPECT_NE(store.find("Device.Time.X_TAVEL_LocalTimeZoneName=Europe/Paris\\n\n"), std::string::npos)
-        << store;
-}
-
-TEST_F(TimezoneTest, UnmappedZoneMarksDoneWithoutEvent)
-{
-    tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
-    parseHeader("timezone: {\"code\":\"XYZ\",\"name\":\"n\",\"id\":\"Nowhere/City\"}");
-    tavel_handleTimezonedetails(&g_timezoneData);
-    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
-    EXPECT_TRUE(tavelTestLogHas("error", "gettimezonecmd failed"));
-    EXPECT_EQ(tavelTestHistory(), "");
-    EXPECT_EQ(tavelTestReadFile(kDataModel).find("LocalTimeZone"), std::string::npos);
-}
-
-TEST_F(TimezoneTest, NoTimezoneInfoRecordedEveryTime)
-{
-    parseHeader("timezone: 101");
-    tavel_handleTimezonedetails(&g_timezoneData);
-    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
-    std::filesystem::remove(tavelTestPath(TAVEL_TIMEZONECONFIG_FILE));
-    tavel_handleTimezonedetails(&g_timezoneData);
-    EXPECT_TRUE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
-    EXPECT_EQ(tavelTestHistory(),
-              std::string("event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration failed "
-                          "from Velka WiFi Cloud, Reason: {reason}\n") +
-                  "event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration failed "
-                  "from Velka WiFi Cloud, Reason: {reason}\n");
-    EXPECT_TRUE(tavelTestLogHas("notice", "No Timezone Info from IP STACK use existing ONT timezone"));
-}
-
-TEST_F(TimezoneTest, ServiceUnavailableRetriesWithOneEvent)
-{
-    TavelQuietTimer retry;
-    ASSERT_TRUE(retry.ok());
-    g_tavelCtrl.retryTimer = retry.get();
-    g_tavelCtrl.retryCount = 0;
-
-    parseHeader("timezone: 100");
-    tavel_handleTimezonedetails(&g_timezoneData);
-    EXPECT_EQ(g_tavelCtrl.retryCount, 1);
-    EXPECT_GT(retry.remainingSeconds(), 0.0) << "retryTimer armed";
-    tavel_handleTimezonedetails(&g_timezoneData);
-    EXPECT_EQ(g_tavelCtrl.retryCount, 2);
-
-    EXPECT_FALSE(tavelTestExists(TAVEL_TIMEZONECONFIG_FILE));
-    EXPECT_EQ(tavelTestHistory(),
-              "event[TZ Config Failed] reason[Service Unavailable] Timezone Configuration "
-              "failed from Velka WiFi Cloud, Reason: {reason}\n");
-    EXPECT_EQ(g_tzFailEventSent, 1);
-    EXPECT_EQ(tavelTestCount(tavelTestLog(), " IP Stack is down going for retry exponetial \n"), 2);
-    EXPECT_EQ(tavelTestCount(tavelTestLog(), "started exponential retry timer \n"), 2);
 }
