@@ -31,6 +31,19 @@ static void ports(CURL *h)
     curl_easy_setopt(h, CURLOPT_LOCALPORTRANGE, 3L);
 }
 
+/* Sends the request and releases it; the status code, or -1. */
+static long perform(CURL *h, struct curl_slist *hd)
+{
+    curl_easy_setopt(h, CURLOPT_HTTPHEADER, hd);
+    long code = -1;
+    if (curl_easy_perform(h) == CURLE_OK) {
+        curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code);
+    }
+    curl_slist_free_all(hd);
+    curl_easy_cleanup(h);
+    return code;
+}
+
 static long get(const char *const *a)
 {
     CURL *h = curl_easy_init();
@@ -51,14 +64,7 @@ static long get(const char *const *a)
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(h, CURLOPT_CAINFO, a[2]);
-    curl_easy_setopt(h, CURLOPT_HTTPHEADER, hd);
-    long code = -1;
-    if (curl_easy_perform(h) == CURLE_OK) {
-        curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code);
-    }
-    curl_slist_free_all(hd);
-    curl_easy_cleanup(h);
-    return code;
+    return perform(h, hd);
 }
 
 /* The status upload as the agent makes it: verbose trace on, peer check off
@@ -87,14 +93,7 @@ static long put(const char *const *a)
     hd = add(hd, "country: %s", a[6]);
     hd = add(hd, "snetdesc: %s", a[7]);
     hd = add(hd, "opdesc: %s", a[8]);
-    curl_easy_setopt(h, CURLOPT_HTTPHEADER, hd);
-    long code = -1;
-    if (curl_easy_perform(h) == CURLE_OK) {
-        curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code);
-    }
-    curl_slist_free_all(hd);
-    curl_easy_cleanup(h);
-    return code;
+    return perform(h, hd);
 }
 
 int main(int argc, char **argv)

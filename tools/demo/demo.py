@@ -669,6 +669,49 @@ def log_message(line):
     return (m.group(1), m.group(2).strip()) if m else ("", line.strip())
 
 
+# Log lines that stand for one timeline step each, whatever follows them.
+PLAIN_STEPS = (
+    ("TAVELAgent start",
+     "start-up: data model opened"),
+    ("Valid Management URL is present ... EXIT",
+     "decision: device already configured, exit"),
+    ("Country code file is present",
+     "decision: a parked country code is applied"),
+    ("TAVEL Got Valid Time",
+     "clock is valid"),
+    ("TAVEL work mode is ROOT",
+     "work mode: the device is the network root, go on"),
+    ("TAVEL work mode is CFG",
+     "work mode: no role yet, polling every 10 s (nominal)"),
+    ("COnnect to TAVEL Server",
+     "fetch: HTTPS GET to the onboarding server"),
+    ("l1ClouldUrl",
+     "data model: cloud endpoints written (L1, L2, remote access, config URL and key)"),
+    ("Valid Management URL is NOT presnt",
+     "apply: the reply carries a new management account"),
+    ("Received Same Managment Connection",
+     "apply: same account as the backup, nothing to write"),
+    ("Valid Management URL is present ... TavelServer Data not used",
+     "apply: a valid account is present, reply not used"),
+    ("TavelServer send NA/NULL",
+     "apply: the reply carries no account"),
+    ("Setting URL in MangamentServerObject to NULL",
+     "data model: ACS account emptied, so the TR-069 client drops its old session"),
+    ("update cc since MAPP didn't set",
+     "country code: no mobile-app onboarding running, applied at once"),
+    ("Outside update_country_code, country code set successfully",
+     "data model: CountryCode written, cc_configured_by marked"),
+    ("tavel_TR69BootStrapStatusSignal Entered",
+     "bus: bootstrap signal received"),
+    ("timeout reached apply cc via tavel",
+     "ccApplyTimer expired: the parked code is applied now"),
+    ("Tavel exiting with timer alive flag",
+     "nothing new to report, exit"),
+    ("exitTavel !!!!",
+     "exit: firewall rules removed"),
+)
+
+
 class Timeline:
     """Turns the stamped events into the lines a reader follows."""
 
@@ -690,25 +733,14 @@ class Timeline:
         if m:
             self.last_acs_url = m.group(1)
             return None
-        if msg.startswith("TAVELAgent start"):
-            return "start-up: data model opened"
+        for prefix, text in PLAIN_STEPS:
+            if msg.startswith(prefix):
+                return text
         if msg.startswith("Connect to onBoardServer") and not self.decision_done:
             self.decision_done = True
             why = "ACS URL %s is the factory default" % self.last_acs_url \
                 if self.last_acs_url == FACTORY_ACS_URL else "ACS URL [%s]" % self.last_acs_url
             return "decision: onboarding needed (%s, no cloud settings)" % why
-        if msg.startswith("Valid Management URL is present ... EXIT"):
-            return "decision: device already configured, exit"
-        if msg.startswith("Country code file is present"):
-            return "decision: a parked country code is applied"
-        if msg.startswith("TAVEL Got Valid Time"):
-            return "clock is valid"
-        if msg.startswith("TAVEL work mode is ROOT"):
-            return "work mode: the device is the network root, go on"
-        if msg.startswith("TAVEL work mode is CFG"):
-            return "work mode: no role yet, polling every 10 s (nominal)"
-        if msg.startswith("COnnect to TAVEL Server"):
-            return "fetch: HTTPS GET to the onboarding server"
         m = re.match(r"httpGetUrlFromServer ret: (-?\d+)", msg)
         if m:
             return ("fetch result: HTTP %s" % m.group(1), "green" if m.group(1) == "200" else "red")
@@ -718,18 +750,6 @@ class Timeline:
         m = re.match(r"ret (-?\d+) retryCount value is (\d+) retryCount seconds is (\d+)", msg)
         if m:
             return ("retry %s scheduled in %s" % (m.group(2), self.nominal(m.group(3))), "yellow")
-        if msg.startswith("l1ClouldUrl"):
-            return "data model: cloud endpoints written (L1, L2, remote access, config URL and key)"
-        if msg.startswith("Valid Management URL is NOT presnt"):
-            return "apply: the reply carries a new management account"
-        if msg.startswith("Received Same Managment Connection"):
-            return "apply: same account as the backup, nothing to write"
-        if msg.startswith("Valid Management URL is present ... TavelServer Data not used"):
-            return "apply: a valid account is present, reply not used"
-        if msg.startswith("TavelServer send NA/NULL"):
-            return "apply: the reply carries no account"
-        if msg.startswith("Setting URL in MangamentServerObject to NULL"):
-            return "data model: ACS account emptied, so the TR-069 client drops its old session"
         if msg.startswith("Sleeping tavelAgent for 5 seconds"):
             return "pause for the TR-069 client, %s" % self.nominal(5)
         m = re.match(r"acsCfg\.Username :(.*)", msg)
@@ -750,18 +770,12 @@ class Timeline:
         m = re.match(r"country code received from tavel server : (.*)", msg)
         if m:
             return "country code: %s received" % m.group(1)
-        if msg.startswith("update cc since MAPP didn't set"):
-            return "country code: no mobile-app onboarding running, applied at once"
         if msg.startswith("MAPP onboarding started wait for 30 min"):
             return ("country code: mobile-app onboarding running, code parked; ccApplyTimer armed for %s"
                     % self.nominal(1800), "yellow")
-        if msg.startswith("Outside update_country_code, country code set successfully"):
-            return "data model: CountryCode written, cc_configured_by marked"
         m = re.match(r"country code from tavel (.*) is not valid", msg)
         if m:
             return ("country code: %s not applied (not supported, or set by the mobile app)" % m.group(1), "yellow")
-        if msg.startswith("tavel_TR69BootStrapStatusSignal Entered"):
-            return "bus: bootstrap signal received"
         m = re.match(r"Send Status TO Server URL (.*)", msg)
         if m:
             return "status upload: HTTPS PUT %s" % m.group(1)
@@ -774,14 +788,8 @@ class Timeline:
         if msg.startswith("Not exiting Tavle, as timer is running"):
             return ("exit refused: a country code was parked, the agent stays (its firewall rules are gone)",
                     "yellow")
-        if msg.startswith("timeout reached apply cc via tavel"):
-            return "ccApplyTimer expired: the parked code is applied now"
-        if msg.startswith("Tavel exiting with timer alive flag"):
-            return "nothing new to report, exit"
         if msg.startswith("certificate not EXIST"):
             return ("CA certificate missing, exit", "red")
-        if msg.startswith("exitTavel !!!!"):
-            return "exit: firewall rules removed"
         if level in ("error", "fatal") and ("failed" in msg or "fatal" == level):
             return ("%s: %s" % (level, msg), "red")
         return None
