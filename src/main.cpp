@@ -15,13 +15,6 @@
 namespace
 {
 
-const char *const kFirewallCommands[] = {
-    "iptables -D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
-    "iptables -D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
-    "iptables -I INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
-    "iptables -I INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT",
-};
-
 // The five cloud settings in the order the decision tests them; the first one
 // that is set ends the test.
 bool allCloudSettingsEmpty()
@@ -102,9 +95,7 @@ void tavelInit(void)
         exit(0);
     }
     initTimerSig();
-    for (const char *cmd : kFirewallCommands) {
-        tavel_runCommand(strlen(cmd) + 1, "%s", cmd);
-    }
+    tavel_insertFirewallRules();
     dml_getModelCapability(&_g_modelCapability);
     if (_g_modelCapability.isCCSyncRequired != 0) {
         if (dml_getSupportedCountryList(&g_supportedCountryList) != 0) {
@@ -119,22 +110,19 @@ void tavelInit(void)
 
 int main()
 {
-    // The timer signal is taken by the timer thread alone; every thread
-    // created from here on (bus, libraries) inherits it blocked.
-    sigset_t timerSignal;
-    sigemptyset(&timerSignal);
-    sigaddset(&timerSignal, TAVEL_TIMER_SIGNAL);
-    pthread_sigmask(SIG_BLOCK, &timerSignal, nullptr);
+    // The timer and stop signals are taken by the timer thread alone; every
+    // thread created from here on (bus, libraries) inherits them blocked.
+    tavel_blockAgentSignals();
 
-    // The root is pasted into shell command lines, so anything a shell could
-    // read as more than a path is refused before it gets near one.
+    // The root prefixes every device path; only a plain absolute path is
+    // taken, so no value of it can turn a path into something else.  The
+    // refusal goes to standard error alone: the platform log would be
+    // written under the very root that was refused.
     if (tavel_rootInit() != 0) {
         fprintf(stderr,
-                "tavelAgent: TAVEL_ROOT must be at most %d characters of A-Za-z0-9/._-; not starting\n",
+                "tavelAgent: TAVEL_ROOT must be an absolute path of at most %d characters of "
+                "A-Za-z0-9/._-; not starting\n",
                 TAVEL_ROOT_MAX);
-        dmlLogError(TAVEL_LOG_PREFIX
-                    "TAVEL_ROOT must be at most %d characters of A-Za-z0-9/._-; not starting\n",
-                    __func__, __FILE_NAME__, __LINE__, TAVEL_ROOT_MAX);
         return 0;
     }
     // Operators watch the dumps live.

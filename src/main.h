@@ -14,6 +14,8 @@
 #include <stdint.h>
 #include <time.h>
 
+#include <initializer_list>
+
 #include "dml.h"
 
 /* Marker and data files (device paths; TAVEL_ROOT is prefixed at use). */
@@ -31,6 +33,11 @@
 #define TAVEL_DEFAULT_TIMEOUT 25
 #define TAVEL_CC_APPLY_WAIT 1800
 #define TAVEL_TIMER_SIGNAL SIGUSR1 /* 10 */
+/* Signals with which a service manager or an operator stops the agent. */
+#define TAVEL_STOP_SIGNALS                                                                                   \
+    {                                                                                                        \
+        SIGTERM, SIGINT, SIGHUP                                                                              \
+    }
 
 /* Result codes of the agent, in the same space as HTTP status codes. */
 #define TAVEL_RC_BAD_STATUS 504
@@ -127,8 +134,18 @@ void initAgentState(void);
 void tavelInit(void);
 void *busThreadMain(void *arg);
 
-/* --- timers, back-off and exit (main_timers.cpp) --- */
+/* --- timers and back-off (main_timers.cpp) --- */
+/* Blocks the timer and stop signals in the calling thread; called first of
+ * all, so every thread inherits the mask and only the timer thread takes
+ * them, through its signalfds. */
+void tavel_blockAgentSignals(void);
 void initTimerSig(void);
+/* 1 on the thread that takes timer expiries and stop signals. */
+int tavel_onTimerThread(void);
+/* The signalfds of the timer thread (-1 before initTimerSig): timer expiries
+ * (read by the timer thread only) and stop signals (non-blocking). */
+int tavel_timerSignalFd(void);
+int tavel_stopSignalFd(void);
 void startTimer(int seconds, timer_t timer);
 /* Runs the step that belongs to the timer whose handle lives at value. */
 void dispatchTimerExpiry(void *value);
@@ -136,7 +153,28 @@ int getRandomJitter(int kind);
 int getRetryExpTimerValue(void);
 void getTimerByType(int type, timer_t *timer);
 int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type);
+
+/* --- exit, stop and waits (main_exit.cpp) --- */
+/* Inserts (replacing) or removes the agent's two firewall rules. */
+void tavel_insertFirewallRules(void);
+void tavel_removeFirewallRules(void);
+/* The one normal way out: firewall rules removed, then the process exits
+ * with status 0 once no transfer is in flight; refused (returns after a
+ * long wait) while a parked country code keeps the agent alive. */
 void exitTavel(void);
+/* 1 once a stop signal was seen; reads a pending one without blocking. */
+int tavel_stopRequested(void);
+/* A point where a requested stop is carried out: the timer thread stops the
+ * agent (never returns), any other thread gives the agent lock up and waits
+ * for the end of the process.  Returns at once when no stop is requested. */
+void tavel_stopPoint(void);
+/* Brackets a network transfer, so the exit never runs while one is in
+ * flight; the transfer's own thread calls both. */
+void tavel_transferBegin(void);
+void tavel_transferEnd(void);
+/* Waits up to span for a stop or, with timerExpiries, a timer expiry, which
+ * is then run before returning.  Used by tavel_sleep and the refused exit. */
+void tavel_wait(struct timespec span, int timerExpiries);
 
 /* --- onboarding run (main_onboarding.cpp) --- */
 void validateSystemTimeAndStartPolling(void);

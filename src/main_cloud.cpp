@@ -34,5 +34,5 @@ void tavel_setCloudMAPPURL(ServerData serverData)
             w.set(w.value);
         }
     }
-    tavel_runCommand(64, "touch %s%s", tavel_root(), TAVEL_CLOULDURLCONFIG_FILE);
+    tavel_touch(TAVEL_CLOULDURLCONFIG_FILE);
 }

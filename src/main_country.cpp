@@ -6,13 +6,16 @@
  * Every path argument is a device path; TAVEL_ROOT is put in front here, so
  * the callers never deal with the root themselves.
  */
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <memory>
+#include <new>
 
 #include "main.h"
 #include "util.h"
@@ -23,31 +26,16 @@ namespace
 struct FileCloser {
     void operator()(FILE *f) const { fclose(f); }
 };
-struct PipeCloser {
-    void operator()(FILE *f) const { pclose(f); }
-};
-struct FreeDeleter {
-    void operator()(char *p) const { free(p); }
-};
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
-using PipePtr = std::unique_ptr<FILE, PipeCloser>;
 
-/* Base sizes of the command buffers; tavel_runCommand adds the root's length. */
-constexpr size_t kShortCommandSize = 64;
-constexpr size_t kCatCommandSize = 32;
-constexpr size_t kCatCommandMaxChars = 30;
+/* The device firmware read a marker with "cat %s" in a 32-byte command
+ * buffer bounded to 30 characters: a path longer than 26 characters was cut.
+ * The cut is kept, so a long path reads as a missing file here too. */
+constexpr size_t kCatPathMaxChars = 30 - (sizeof("cat ") - 1);
 
-/* The missing-file case is routine for both the cat of a marker and the rm of
- * the parked code (it is removed before every application), and the callers
- * treat it as "nothing there" without a message.  The shell's complaint would
- * only land on the daemon's stderr, which is not the device log, so it is
- * dropped.  Real failures still show up through the results and log lines. */
-constexpr char kQuietStderr[] = " 2>/dev/null";
-
-/* The quoted code must leave room for the rest of "echo %s > %s" within the
- * 63 characters the command may take (the root is accounted for separately). */
-constexpr size_t kEchoQuotedSize =
-    kShortCommandSize - (sizeof("echo ") - 1) - (sizeof(" > ") - 1) - (sizeof(TAVEL_COUNTRY_CODE_FILE) - 1);
+/* The firmware's "echo %s > %s" fitted a 64-byte buffer; no longer code
+ * could be parked, and none longer is written now. */
+constexpr size_t kParkedLineMax = 63 - (sizeof("echo  > ") - 1) - (sizeof(TAVEL_COUNTRY_CODE_FILE) - 1);
 
 /* A list entry's code is a 5-byte field the platform fills; it is not trusted
  * to be terminated. */
@@ -103,15 +91,13 @@ void tavel_setCountryCode(const char *code)
     }
     TAVEL_LOGN("MAPP onboarding started wait for 30 min\n");
     removeCountryCodeFile();
-    /* The code comes from the network: it reaches the shell only quoted.  A
-     * code too long to fit is not parked at all, rather than letting the cut
-     * command write somewhere else; the timer still applies it from memory. */
-    char quoted[kEchoQuotedSize];
-    if (tavel_shellQuote(code, quoted, sizeof(quoted)) == 0) {
-        tavel_runCommand(kShortCommandSize, "echo %s > %s%s", quoted, tavel_root(), TAVEL_COUNTRY_CODE_FILE);
-    } else {
-        TAVEL_LOGE("country code %.16s too long to park\n", code);
-    }
+    /* As "echo CODE > file" did: the code and a line feed.  The code comes
+     * from the network; it only ever reaches the file as bytes. */
+    char line[kParkedLineMax + 2] = {0};
+    size_t n = strnlen(code, kParkedLineMax);
+    memcpy(line, code, n);
+    line[n] = '\n';
+    tavel_writeFile(TAVEL_COUNTRY_CODE_FILE, line, n + 1);
     g_timerAliveFlag = 1;
     startTimer(TAVEL_CC_APPLY_WAIT, g_tavelCtrl.ccApplyTimer);
 }
@@ -136,7 +122,7 @@ void update_country_code(const char *code)
     } else {
         TAVEL_LOGE("dml_setCountryCode failed\n");
         /* Our mark must not claim a code the data model does not hold. */
-        tavel_runCommand(kShortCommandSize, "rm -rf %s%s", tavel_root(), TAVEL_CC_CONFIGURED_BY);
+        tavel_remove(TAVEL_CC_CONFIGURED_BY, true);
     }
 }
 
@@ -144,6 +130,8 @@ int tavel_setDataToFile(const char *path, const void *data, size_t size, int loc
 {
     FilePtr file(fopen(DevicePath(path).c_str(), "w+"));
     if (!file) {
+        /* Deliberately success: the mark is advisory, and the data-model
+         * write that follows must still happen when it cannot be written. */
         return 0;
     }
     int fd = fileno(file.get());
@@ -168,59 +156,58 @@ int tavel_getDataFromFile(char *buffer, const char *path, int size, int lock)
     if (path == nullptr) {
         return -1;
     }
-    /* The path is cut like the device's 30-character command; the root only
-     * widens the bound.  The stderr redirection is appended after the cut. */
-    size_t limit = kCatCommandMaxChars + tavel_rootLen();
-    char command[kCatCommandSize + TAVEL_ROOT_MAX + sizeof(kQuietStderr)] = {0};
-    snprintf(command, limit + 1, "cat %s%s", tavel_root(), path);
-    strncat(command, kQuietStderr, sizeof(command) - strlen(command) - 1);
-
-    int rc = read_from_file(command, buffer, size, lock);
+    char cut[kCatPathMaxChars + 1] = {0};
+    tavel_copyText(cut, sizeof(cut), path, kCatPathMaxChars);
+    int rc = read_from_file(DevicePath(cut).c_str(), buffer, size, lock);
     if (rc == 0) {
         TAVEL_LOGN("Read from file = %s, buf = %s\n", path, buffer);
     }
     return rc;
 }
 
-/* The lock flag serialises readers that go through this function with each
- * other (the lock is on the pipe of the command, not on the file read).  The
- * file itself is not locked: its writer empties it on open before taking its
- * own lock, so a reader's lock on the file would not prevent a torn read
- * anyway, and the agent only needs the first line. */
-int read_from_file(const char *command, char *buffer, int size, int lock)
+/* The first line of a regular file, read the way "cat file | fgets" did: at
+ * most size - 2 characters, one line feed stripped, the text ending at a NUL
+ * byte.  Anything but a regular file reads as nothing, so a FIFO or a device
+ * node planted at a marker's path cannot stall the agent.  With the lock
+ * flag the read holds an exclusive flock on the file itself, so it never
+ * sees a write of tavel_setDataToFile half done. */
+int read_from_file(const char *path, char *buffer, int size, int lock)
 {
-    if (command == nullptr || buffer == nullptr || size < 2) {
+    if (path == nullptr || buffer == nullptr || size < 2) {
         return -1;
     }
-    PipePtr pipe(popen(command, "r"));
-    if (!pipe) {
+    int fd = tavel_openRegular(path, SIZE_MAX);
+    if (fd < 0) {
         return -1;
     }
-    int fd = fileno(pipe.get());
+    FdGuard guard(fd);
     if (lock != 0 && flock(fd, LOCK_EX) != 0) {
         TAVEL_LOGE("set lock failed\n");
         return -1;
     }
-    std::unique_ptr<char, FreeDeleter> scratch(static_cast<char *>(calloc(static_cast<size_t>(size), 1)));
-    int rc = -1;
-    /* fgets may stop at a NUL byte in binary data; the text then simply ends
-     * there, and the zeroed scratch keeps it terminated either way. */
-    if (scratch && fgets(scratch.get(), size - 1, pipe.get()) != nullptr) {
-        stripTrailingNewline(scratch.get());
-        if (scratch.get()[0] != '\0') {
-            memcpy(buffer, scratch.get(), strlen(scratch.get()) + 1);
-            rc = 0;
-        }
-    }
+    std::unique_ptr<char[]> scratch(new (std::nothrow) char[static_cast<size_t>(size)]());
+    ssize_t got = scratch ? pread(fd, scratch.get(), static_cast<size_t>(size) - 2, 0) : -1;
     if (lock != 0) {
         flock(fd, LOCK_UN);
     }
-    return rc;
+    if (got <= 0) {
+        return -1;
+    }
+    char *lf = static_cast<char *>(memchr(scratch.get(), '\n', static_cast<size_t>(got)));
+    if (lf != nullptr) {
+        lf[1] = '\0';
+    }
+    stripTrailingNewline(scratch.get());
+    if (scratch[0] == '\0') {
+        return -1;
+    }
+    memcpy(buffer, scratch.get(), strlen(scratch.get()) + 1);
+    return 0;
 }
 
 void removeCountryCodeFile(void)
 {
-    tavel_runCommand(kShortCommandSize, "rm %s%s%s", tavel_root(), TAVEL_COUNTRY_CODE_FILE, kQuietStderr);
+    tavel_remove(TAVEL_COUNTRY_CODE_FILE, false);
 }
 
 void stripTrailingNewline(char *text)

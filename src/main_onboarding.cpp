@@ -207,6 +207,15 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
     if (status != &g_acsBootstrapStatus) {
         g_acsBootstrapStatus = *status;
     }
+    // The upload gives the agent lock up while it waits for the server, so a
+    // bootstrap signal or the retry timer may arrive meanwhile.  One upload at
+    // a time: the newer outcome is kept above and goes out with the retry if
+    // the running upload fails.
+    static bool uploading = false;
+    if (uploading) {
+        TAVEL_LOGN("status upload already under way; not starting another\n");
+        return;
+    }
     int statusValue = g_acsBootstrapStatus.status == 1 ? 3 : 2;
 
     HttpInfo info;
@@ -217,7 +226,9 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 
     TAVEL_LOGE("Send Status TO Server Status %d\n", statusValue);
     TAVEL_LOGE("Send Status TO Server URL %s\n", info.url);
+    uploading = true;
     int code = httpPutToServer(&info);
+    uploading = false;
     TAVEL_LOGN("Response code received from tavel server %d\n", code);
 
     if (code == 200) {
@@ -265,10 +276,9 @@ struct DumpLine {
 void dumpDetails(const char *func, const char *banner, const DumpLine *lines, size_t count,
                  const char *closing)
 {
-    dmlLogNotice(TAVEL_LOG_PREFIX "%s\n", func, __FILE_NAME__, __LINE__, banner);
+    dmlLogNotice(TAVEL_LOG_PREFIX "%s\n", func, TAVEL_FILE, __LINE__, banner);
     for (size_t i = 0; i < count; ++i) {
-        dmlLogNotice(TAVEL_LOG_PREFIX "%s%s\n", func, __FILE_NAME__, __LINE__, lines[i].label,
-                     lines[i].value);
+        dmlLogNotice(TAVEL_LOG_PREFIX "%s%s\n", func, TAVEL_FILE, __LINE__, lines[i].label, lines[i].value);
     }
     printf("%s\n", banner);
     for (size_t i = 0; i < count; ++i) {

@@ -55,5 +55,5 @@ void initAgentState(void)
     g_tavelCtrl.retryCount = 0;
     memset(&g_acsBootstrapStatus, 0, sizeof(g_acsBootstrapStatus));
 
-    tavel_runCommand(256, "mkdir -p %s%s", tavel_root(), TAVEL_MARKER_DIR);
+    tavel_makeDirs(TAVEL_MARKER_DIR);
 }

@@ -1,10 +1,12 @@
-// Timers, retry back-off and exit.
+// Timers and retry back-off.
 //
 // The four one-shot POSIX timers signal SIGUSR1 with the address of their own
 // handle as the value, as on the device.  No work runs in signal context:
-// SIGUSR1 stays blocked in every thread, and the timers direct it to one timer
-// thread that takes each expiry from a signalfd and runs its step in normal
-// context, one at a time, holding the agent lock.
+// SIGUSR1 and the stop signals stay blocked in every thread, and the timers
+// direct SIGUSR1 to one timer thread that takes each expiry from a signalfd
+// and runs its step in normal context, one at a time, holding the agent lock.
+// The same thread takes the stop signals from a second signalfd and carries
+// out the stop (main_exit.cpp).
 #include <errno.h>
 #include <poll.h>
 #include <pthread.h>
@@ -24,17 +26,13 @@
 namespace
 {
 
-int g_signalFd = -1;
+int g_timerFd = -1;
+int g_stopFd = -1;
 pthread_t g_timerThread;
 bool g_timerThreadStarted = false;
 pid_t g_timerThreadTid = 0;
 pthread_mutex_t g_startMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_startCond = PTHREAD_COND_INITIALIZER;
-
-const char kFwDeleteLevel[] =
-    "iptables -D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT";
-const char kFwDeleteWan[] =
-    "iptables -D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport " TAVEL_FW_DPORTS " -j ACCEPT";
 
 sigset_t timerSignalSet()
 {
@@ -44,16 +42,14 @@ sigset_t timerSignalSet()
     return set;
 }
 
-// Reads one queued expiry; returns its value, or nullptr when none was read.
-bool readExpiry(void **value)
+sigset_t stopSignalSet()
 {
-    struct signalfd_siginfo si;
-    ssize_t n = read(g_signalFd, &si, sizeof(si));
-    if (n != static_cast<ssize_t>(sizeof(si)) || si.ssi_signo != TAVEL_TIMER_SIGNAL) {
-        return false;
+    sigset_t set;
+    sigemptyset(&set);
+    for (int sig : TAVEL_STOP_SIGNALS) {
+        sigaddset(&set, sig);
     }
-    *value = reinterpret_cast<void *>(static_cast<uintptr_t>(si.ssi_ptr));
-    return true;
+    return set;
 }
 
 void *timerThreadMain(void *)
@@ -64,24 +60,11 @@ void *timerThreadMain(void *)
     pthread_mutex_unlock(&g_startMutex);
 
     for (;;) {
-        void *value = nullptr;
-        if (!readExpiry(&value)) {
-            if (errno == EINTR || errno == EAGAIN) {
-                continue;
-            }
-            // Without a readable signalfd no timer step can run again; say so
-            // once instead of spinning.
-            TAVEL_LOGE("timer signal read failed: %s\n", strerror(errno));
-            return nullptr;
-        }
-        AgentLockGuard guard;
-        dispatchTimerExpiry(value);
+        // Each pass takes one expiry, or learns of a stop; tavel_wait() does
+        // both and runs the expiry's step under the agent lock.
+        struct timespec forever = {INT32_MAX, 0};
+        tavel_wait(forever, 1);
     }
-}
-
-bool onTimerThread()
-{
-    return g_timerThreadStarted && pthread_equal(pthread_self(), g_timerThread);
 }
 
 void createTimer(timer_t *handle)
@@ -91,45 +74,52 @@ void createTimer(timer_t *handle)
     sev.sigev_notify = SIGEV_SIGNAL | SIGEV_THREAD_ID;
     sev.sigev_signo = TAVEL_TIMER_SIGNAL;
     sev.sigev_value.sival_ptr = handle;
+    // The field's public name; C libraries that predate it keep the tid in
+    // the union member it stands for.
+#ifdef sigev_notify_thread_id
+    sev.sigev_notify_thread_id = g_timerThreadTid;
+#else
     sev._sigev_un._tid = g_timerThreadTid;
+#endif
     timer_create(CLOCK_REALTIME, &sev, handle);
-}
-
-// The sleep of a refused exit: a timer expiry ends it early, as a signal cut
-// the sleep short on the device, so a parked country code is still applied
-// while the agent refuses to exit.
-void sleepUntilTimerOrTimeout(unsigned seconds)
-{
-    if (!onTimerThread()) {
-        tavel_sleep(seconds);
-        return;
-    }
-    struct timespec span = tavel_scaledDelay(static_cast<int>(seconds));
-    long long ms = static_cast<long long>(span.tv_sec) * 1000 + span.tv_nsec / 1000000;
-    int timeout = ms > INT32_MAX ? INT32_MAX : static_cast<int>(ms);
-    struct pollfd pfd = {g_signalFd, POLLIN, 0};
-    int ready;
-    {
-        AgentLockRelease released;
-        ready = poll(&pfd, 1, timeout);
-    }
-    void *value = nullptr;
-    if (ready > 0 && readExpiry(&value)) {
-        dispatchTimerExpiry(value);
-    }
 }
 
 } // namespace
 
+void tavel_blockAgentSignals(void)
+{
+    sigset_t set = stopSignalSet();
+    sigaddset(&set, TAVEL_TIMER_SIGNAL);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+int tavel_onTimerThread(void)
+{
+    return g_timerThreadStarted && pthread_equal(pthread_self(), g_timerThread) ? 1 : 0;
+}
+
+int tavel_timerSignalFd(void)
+{
+    return g_timerFd;
+}
+
+int tavel_stopSignalFd(void)
+{
+    return g_stopFd;
+}
+
 void initTimerSig(void)
 {
     TAVEL_LOGN("Establishing handler for signal %d\n", TAVEL_TIMER_SIGNAL);
-    sigset_t set = timerSignalSet();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    g_signalFd = signalfd(-1, &set, SFD_CLOEXEC);
+    tavel_blockAgentSignals();
+    sigset_t timerSet = timerSignalSet();
+    sigset_t stopSet = stopSignalSet();
+    g_timerFd = signalfd(-1, &timerSet, SFD_CLOEXEC | SFD_NONBLOCK);
+    g_stopFd = signalfd(-1, &stopSet, SFD_CLOEXEC | SFD_NONBLOCK);
 
     pthread_mutex_lock(&g_startMutex);
-    if (g_signalFd >= 0 && pthread_create(&g_timerThread, nullptr, timerThreadMain, nullptr) == 0) {
+    if (g_timerFd >= 0 && g_stopFd >= 0 &&
+        pthread_create(&g_timerThread, nullptr, timerThreadMain, nullptr) == 0) {
         g_timerThreadStarted = true;
         while (g_timerThreadTid == 0) {
             pthread_cond_wait(&g_startCond, &g_startMutex);
@@ -259,23 +249,4 @@ int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type)
     TAVEL_LOGN("ret %d retryCount value is %d retryCount seconds is %d\n", code, g_tavelCtrl.retryCount,
                delay);
     return 0;
-}
-
-void exitTavel(void)
-{
-    tavel_runCommand(sizeof(kFwDeleteLevel), "%s", kFwDeleteLevel);
-    tavel_runCommand(sizeof(kFwDeleteWan), "%s", kFwDeleteWan);
-    if (g_timerAliveFlag == 0) {
-        char **owned[] = {&g_serverData.mgmtUrl, &g_serverData.cdpusername, &g_serverData.cdppassword,
-                          &g_serverData.operdesc, &g_serverData.subnetdesc};
-        for (char **field : owned) {
-            free(*field);
-            *field = nullptr;
-        }
-        TAVEL_LOGE("exitTavel !!!!");
-        fflush(stdout);
-        exit(0);
-    }
-    TAVEL_LOGE("Not exiting Tavle, as timer is running !!!!");
-    sleepUntilTimerOrTimeout(1000000);
 }

@@ -6,29 +6,28 @@
  * Header values come from the network and are parsed defensively: every field
  * a malformed value cannot fill is left empty.
  */
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <memory>
+#include <string_view>
 
 #include "main.h"
 #include "platform_log.h"
+#include "tavel_curl.h"
 #include "util.h"
 
 namespace
 {
 
-struct FileCloser {
-    void operator()(FILE *f) const { fclose(f); }
-};
 struct FreeDeleter {
     void operator()(char *p) const { free(p); }
 };
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 constexpr int kHistoryEvent = 6;
-constexpr size_t kTouchCommandSize = 64;
 constexpr size_t kFieldMax = 49;
 /* Longest mapping line taken into account, line feed not counted. */
 constexpr size_t kMappingLineMax = 499;
@@ -42,7 +41,7 @@ const char *orNull(const char *text)
 
 void touchTimezoneMarker()
 {
-    tavel_runCommand(kTouchCommandSize, "touch %s%s", tavel_root(), TAVEL_TIMEZONECONFIG_FILE);
+    tavel_touch(TAVEL_TIMEZONECONFIG_FILE);
 }
 
 /* Turns the field separators of a mapping line into ';': commas inside double
@@ -82,41 +81,63 @@ void logLookupFailed()
     TAVEL_LOGE("tavel_handleTimezonedetails exit \n");
 }
 
-enum class LineRead { Line, End, Error };
+/* The mapping file comes with the device, but it is read as untrusted: only
+ * a regular file, opened without blocking, of at most this size, so a FIFO,
+ * a directory or a link to a device node fails the lookup instead of hanging
+ * the agent or feeding it without end. */
+constexpr size_t kMappingFileMax = 1024 * 1024; // "1 MiB" in the log
 
-/* Reads one line of at most `cap` characters (line feed excluded) into buf,
- * terminated, with its line feed in *hadLf.  Longer lines and lines holding a
- * NUL byte are consumed and reported unusable through *usable. */
-LineRead readMappingLine(FILE *file, char *buf, size_t cap, bool *hadLf, bool *usable)
+/* The whole mapping file, read with plain read() calls.  Returns its length,
+ * or -1 after logging why it was refused; an I/O error is -2. */
+ssize_t readMappingFile(std::unique_ptr<char, FreeDeleter> &out)
 {
-    size_t len = 0;
-    bool any = false;
-    *hadLf = false;
-    *usable = true;
-    for (;;) {
-        int c = getc(file);
-        if (c == EOF) {
-            if (ferror(file)) {
-                return LineRead::Error;
-            }
-            break;
+    DevicePath path(TAVEL_TIMEZONE_MAPPING_FILE);
+    int fd = tavel_openRegular(path.c_str(), kMappingFileMax);
+    if (fd < 0) {
+        if (errno == ENOENT) {
+            return -1;
         }
-        any = true;
-        if (c == '\n') {
-            *hadLf = true;
-            break;
-        }
-        if (c == '\0' || len >= cap) {
-            *usable = false;
-        } else {
-            buf[len++] = static_cast<char>(c);
-        }
+        TAVEL_LOGE("timezone mapping file %s refused: %s\n", TAVEL_TIMEZONE_MAPPING_FILE,
+                   errno == EFBIG    ? "over 1 MiB"
+                   : errno == EINVAL ? "not a regular file"
+                                     : strerror(errno));
+        return -1;
     }
-    buf[len] = '\0';
-    return any ? LineRead::Line : LineRead::End;
+    FdGuard guard(fd);
+    out.reset(static_cast<char *>(malloc(kMappingFileMax + 1)));
+    if (!out) {
+        return -2;
+    }
+    size_t len = 0;
+    // One byte more than the cap is asked for, so a file that grew after
+    // the size check is noticed rather than cut.
+    while (len <= kMappingFileMax) {
+        ssize_t n = read(fd, out.get() + len, kMappingFileMax + 1 - len);
+        if (n == 0) {
+            return static_cast<ssize_t>(len);
+        }
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return -2;
+        }
+        len += static_cast<size_t>(n);
+    }
+    TAVEL_LOGE("timezone mapping file %s refused: %s\n", TAVEL_TIMEZONE_MAPPING_FILE, "over 1 MiB");
+    return -1;
 }
 
 } // namespace
+
+/* The header's own lines follow the reply's header-trace budget: a server
+ * repeating a huge "timezone" header must not flood the device log. */
+#define TZ_TRACE(fmt, ...)                                                                                   \
+    do {                                                                                                     \
+        if (tavel_headerTraced() != 0) {                                                                     \
+            TAVEL_LOGN(fmt, ##__VA_ARGS__);                                                                  \
+        }                                                                                                    \
+    } while (0)
 
 void handle_timezoneHeader(const char *line, size_t length)
 {
@@ -131,9 +152,9 @@ void handle_timezoneHeader(const char *line, size_t length)
 
     /* The line is not terminated: it is printed by length only. */
     int shown = length > 0x7fffffff ? 0x7fffffff : static_cast<int>(length);
-    TAVEL_LOGN("timzone header received is %.*s lenght %d \n", shown, line, shown);
+    TZ_TRACE("timzone header received is %.*s lenght %d \n", shown, line, shown);
     memcpy(copy.get(), line, length);
-    TAVEL_LOGN("timzone header received after copying %s \n", copy.get());
+    TZ_TRACE("timzone header received after copying %s \n", copy.get());
 
     /* The error form is read from the whole line, before splitting cuts it up. */
     char errorWord[kFieldMax + 1] = {0};
@@ -143,26 +164,26 @@ void handle_timezoneHeader(const char *line, size_t length)
 
     char *save = nullptr;
     char *name = strtok_r(copy.get(), ":", &save);
-    TAVEL_LOGN("timzone token is %s\n", orNull(name));
+    TZ_TRACE("timzone token is %s\n", orNull(name));
     char *first = strtok_r(nullptr, ",", &save);
-    TAVEL_LOGN("first token is %s\n", orNull(first));
+    TZ_TRACE("first token is %s\n", orNull(first));
 
     if (first == nullptr || strstr(first, "code") == nullptr) {
-        TAVEL_LOGN(" erro code is %s\n", errorWord);
+        TZ_TRACE(" erro code is %s\n", errorWord);
         tavel_copyText(g_timezoneData.errorcode, sizeof(g_timezoneData.errorcode), errorWord, kFieldMax);
     } else {
         char code[32] = {0};
         if (sscanf(first, " {\"code\":\"%31[^\"]%*s", code) != 1) {
             code[0] = '\0';
         }
-        TAVEL_LOGN("timzone token timezone value is %s\n", code);
+        TZ_TRACE("timzone token timezone value is %s\n", code);
         tavel_copyText(g_timezoneCode, sizeof(g_timezoneCode), code, kFieldMax);
         tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, kFieldMax);
 
         char *second = strtok_r(nullptr, ",", &save);
-        TAVEL_LOGN("second token is %s\n", orNull(second));
+        TZ_TRACE("second token is %s\n", orNull(second));
         char *third = strtok_r(nullptr, ",", &save);
-        TAVEL_LOGN("third token is %s\n", orNull(third));
+        TZ_TRACE("third token is %s\n", orNull(third));
         char id[32] = {0};
         if (third == nullptr || sscanf(third, "\"id\":\"%31[^\"]%*s", id) != 1) {
             id[0] = '\0';
@@ -170,25 +191,25 @@ void handle_timezoneHeader(const char *line, size_t length)
 
         tavel_copyText(g_continent_city, sizeof(g_continent_city), id, kFieldMax);
         removeBackslashes(g_continent_city);
-        TAVEL_LOGN("g_continent_city is =  %s", g_continent_city);
+        TZ_TRACE("g_continent_city is =  %s", g_continent_city);
 
         /* The city is split from the identifier as received, so escaped
          * separators leave their backslash on the leading components. */
         char *idSave = nullptr;
         char *fourth = strtok_r(id, "/", &idSave);
-        TAVEL_LOGN("fourth token is %s\n", orNull(fourth));
+        TZ_TRACE("fourth token is %s\n", orNull(fourth));
         char *fifth = strtok_r(nullptr, "/", &idSave);
-        TAVEL_LOGN("fifth token is %s\n", orNull(fifth));
+        TZ_TRACE("fifth token is %s\n", orNull(fifth));
         char *sixth = strtok_r(nullptr, ",", &idSave);
-        TAVEL_LOGN("sixth token is %s\n", orNull(sixth));
+        TZ_TRACE("sixth token is %s\n", orNull(sixth));
         const char *city = sixth != nullptr ? sixth : fifth;
         tavel_copyText(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city, kFieldMax);
-        TAVEL_LOGN(" g_timezoneData.cityname value is %s\n", g_timezoneData.cityname);
+        TZ_TRACE(" g_timezoneData.cityname value is %s\n", g_timezoneData.cityname);
     }
 
-    TAVEL_LOGN("g_timezoneData.timezone is %s\n", g_timezoneData.timezone);
-    TAVEL_LOGN("g_timezoneData.cityname is %s\n", g_timezoneData.cityname);
-    TAVEL_LOGN("g_timezoneData.errorcode is %s\n", g_timezoneData.errorcode);
+    TZ_TRACE("g_timezoneData.timezone is %s\n", g_timezoneData.timezone);
+    TZ_TRACE("g_timezoneData.cityname is %s\n", g_timezoneData.cityname);
+    TZ_TRACE("g_timezoneData.errorcode is %s\n", g_timezoneData.errorcode);
 }
 
 void removeBackslashes(char *text)
@@ -244,32 +265,46 @@ int gettimezonecmd(char *line, int size)
              city);
     TAVEL_LOGN(" buf value is %s\n", command);
 
-    FilePtr file(fopen(DevicePath(TAVEL_TIMEZONE_MAPPING_FILE).c_str(), "r"));
-    if (!file) {
+    std::unique_ptr<char, FreeDeleter> data;
+    ssize_t fileSize = readMappingFile(data);
+    if (fileSize == -1) {
         TAVEL_LOGN("popen error \n");
         logLookupFailed();
         return -1;
     }
+    if (fileSize < 0) {
+        TAVEL_LOGE("fgets error \n");
+        logLookupFailed();
+        return -1;
+    }
 
+    /* Lines are found with memchr over the buffer; only a candidate line is
+     * copied out, terminated, for the substring tests. */
+    std::string_view file(data.get(), static_cast<size_t>(fileSize));
+    std::string_view wantCode(code);
+    std::string_view wantCity(city);
     char text[kMappingLineMax + 2] = {0};
     bool hadLf = false;
-    bool usable = true;
-    for (;;) {
-        LineRead got = readMappingLine(file.get(), text, kMappingLineMax, &hadLf, &usable);
-        if (got == LineRead::Error) {
-            TAVEL_LOGE("fgets error \n");
-            logLookupFailed();
-            return -1;
+    bool found = false;
+    while (!file.empty()) {
+        size_t end = file.find('\n');
+        hadLf = end != std::string_view::npos;
+        std::string_view lineView = file.substr(0, hadLf ? end : file.size());
+        file.remove_prefix(hadLf ? end + 1 : file.size());
+        if (lineView.size() > kMappingLineMax || lineView.find('\0') != std::string_view::npos ||
+            wantCode.empty() || wantCity.empty() || lineView.find(wantCode) == std::string_view::npos ||
+            lineView.find(wantCity) == std::string_view::npos) {
+            continue;
         }
-        if (got == LineRead::End) {
-            TAVEL_LOGE("read eof -content is empty \n");
-            logLookupFailed();
-            return -1;
-        }
-        if (usable && code[0] != '\0' && city[0] != '\0' && strstr(text, code) != nullptr &&
-            strstr(text, city) != nullptr) {
-            break;
-        }
+        memcpy(text, lineView.data(), lineView.size());
+        text[lineView.size()] = '\0';
+        found = true;
+        break;
+    }
+    if (!found) {
+        TAVEL_LOGE("read eof -content is empty \n");
+        logLookupFailed();
+        return -1;
     }
 
     if (strcmp(text, " ") == 0 || countMappingFields(text) < 5) {

@@ -52,6 +52,19 @@ constexpr size_t kBodyDumpMax = 4096;
 
 constexpr int kHeaderLineSize = 256;
 
+// The reply-header trace goes to the device log; a server sending thousands
+// of header lines must not fill it.  Like the body dump, each reply's trace
+// keeps its first lines, up to this many bytes, and then states what it left.
+constexpr size_t kHeaderTraceMax = 4096;
+
+struct HeaderTrace {
+    size_t bytes = 0;
+    size_t skippedLines = 0;
+    size_t skippedBytes = 0;
+    bool current = true; // whether the header being handled is traced
+};
+HeaderTrace g_headerTrace;
+
 // Identification texts sent with both requests; empty when the platform
 // cannot supply them.
 struct NodeIds {
@@ -202,7 +215,7 @@ constexpr HeaderName kHeaderNames[] = {
 int headerTypeOf(const char *line, size_t n)
 {
     std::string_view whole(line, n);
-    if (whole.find("pwd") == std::string_view::npos) {
+    if (g_headerTrace.current && whole.find("pwd") == std::string_view::npos) {
         int shown = n > INT_MAX ? INT_MAX : static_cast<int>(n);
         log_log(5, "getHeaderType", __LINE__, " header value is %.*s\n", shown, line);
     }
@@ -278,21 +291,38 @@ struct TransferRules {
     bool releaseAgentLock;                    // see httpPutToServer
 };
 
+// Called by libcurl at least once a second while a transfer runs, also while
+// it connects or waits for an answer: a stop ends the transfer there.
+int abortOnStop(void * /*clientp*/, curl_off_t /*dltotal*/, curl_off_t /*dlnow*/, curl_off_t /*ultotal*/,
+                curl_off_t /*ulnow*/)
+{
+    return tavel_stopRequested();
+}
+
 // Performs the transfer and maps its outcome to the request's result code.
 int performTransfer(CURL *h, const TransferRules &r)
 {
     printf("%s before curl_easy_perform\n", r.name);
     fflush(stdout);
+    curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, abortOnStop);
+    curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
     CURLcode rc;
     if (r.releaseAgentLock) {
         AgentLockRelease released;
+        tavel_transferBegin();
         rc = curl_easy_perform(h);
+        tavel_transferEnd();
     } else {
+        tavel_transferBegin();
         rc = curl_easy_perform(h);
+        tavel_transferEnd();
     }
+    // A stop that ended the transfer is carried out before its outcome
+    // could be taken for the server's.
+    tavel_stopPoint();
     printf("%s after curl_easy_perform\n", r.name);
     fflush(stdout);
-    dmlLogDebug(TAVEL_LOG_PREFIX "after curl_easy_perform\n", r.name, __FILE_NAME__, __LINE__);
+    dmlLogDebug(TAVEL_LOG_PREFIX "after curl_easy_perform\n", r.name, TAVEL_FILE, __LINE__);
 
     long code = 0;
     if (rc != CURLE_OK) {
@@ -300,26 +330,26 @@ int performTransfer(CURL *h, const TransferRules &r)
         if (curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osErrno) != CURLE_OK) {
             osErrno = 0;
         }
-        r.logFailure(TAVEL_LOG_PREFIX "curl_easy_perform() failed: %s errno : %ld\n", r.name, __FILE_NAME__,
+        r.logFailure(TAVEL_LOG_PREFIX "curl_easy_perform() failed: %s errno : %ld\n", r.name, TAVEL_FILE,
                      __LINE__, curl_easy_strerror(rc), osErrno);
         return TAVEL_RC_TRANSFER_FAILED;
     }
     if (curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &code) != CURLE_OK) {
         r.logFailure(TAVEL_LOG_PREFIX "curl_easy_getinfo() error in receiving response code %ld\n", r.name,
-                     __FILE_NAME__, __LINE__, 0L);
+                     TAVEL_FILE, __LINE__, 0L);
         return r.noResponseCode;
     }
     if (r.logNotSuccessful && code >= 400) {
-        dmlLogDebug(TAVEL_LOG_PREFIX "HTTPS Get Url Not Successful Res : %ld\n", r.name, __FILE_NAME__,
-                    __LINE__, code);
+        dmlLogDebug(TAVEL_LOG_PREFIX "HTTPS Get Url Not Successful Res : %ld\n", r.name, TAVEL_FILE, __LINE__,
+                    code);
     }
     int result = TAVEL_RC_BAD_STATUS;
     if (inStatusRange(code)) {
-        r.logFailure(TAVEL_LOG_PREFIX "HTTPS Get Url:server returned Errorcode : %ld\n", r.name,
-                     __FILE_NAME__, __LINE__, code);
+        r.logFailure(TAVEL_LOG_PREFIX "HTTPS Get Url:server returned Errorcode : %ld\n", r.name, TAVEL_FILE,
+                     __LINE__, code);
         result = static_cast<int>(code);
     }
-    dmlLogDebug(TAVEL_LOG_PREFIX "HTTPS Response :%ld\n", r.name, __FILE_NAME__, __LINE__, code);
+    dmlLogDebug(TAVEL_LOG_PREFIX "HTTPS Response :%ld\n", r.name, TAVEL_FILE, __LINE__, code);
     return result;
 }
 
@@ -436,7 +466,13 @@ int httpGetUrlFromServer(HttpInfo *info, const char *body)
 
     static const TransferRules kGet = {"httpGetUrlFromServer", dmlLogDebug, TAVEL_RC_TRANSFER_FAILED, true,
                                        false};
+    g_headerTrace = HeaderTrace();
     int result = performTransfer(h, kGet);
+    if (g_headerTrace.skippedLines > 0) {
+        TAVEL_LOGN("reply headers: %zu more lines (%zu bytes) not logged\n", g_headerTrace.skippedLines,
+                   g_headerTrace.skippedBytes);
+    }
+    g_headerTrace = HeaderTrace();
     dumpBody(bodyBuf);
     return result;
 }
@@ -506,12 +542,27 @@ size_t header_handler(char *line, size_t size, size_t nmemb, void *userdata)
 {
     (void)userdata;
     size_t n = size * nmemb;
-    TAVEL_LOGN("Size %d nmemb: %d\n", static_cast<int>(size), static_cast<int>(nmemb));
+    HeaderTrace &trace = g_headerTrace;
+    // What a traced line costs the log: its text and the two records' heads.
+    size_t cost = n + 64;
+    trace.current = trace.bytes + cost <= kHeaderTraceMax;
+    if (trace.current) {
+        trace.bytes += cost;
+        TAVEL_LOGN("Size %d nmemb: %d\n", static_cast<int>(size), static_cast<int>(nmemb));
+    } else {
+        trace.skippedLines += 1;
+        trace.skippedBytes += n;
+    }
     int type = headerTypeOf(line, n);
     if (type >= HDR_URL && type <= HDR_KPRCONFIGAPIKEY) {
         setServerDataFromHeader(type, line, n);
     }
     return n;
+}
+
+int tavel_headerTraced(void)
+{
+    return g_headerTrace.current ? 1 : 0;
 }
 
 int getHeaderType(const char *line)

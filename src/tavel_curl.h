@@ -39,6 +39,9 @@ size_t pollRespWriteCallback(const char *ptr, size_t size, size_t nmemb, PollRes
 int curlSockOptCallback(void *clientp, curl_socket_t fd, curlsocktype purpose);
 
 size_t header_handler(char *line, size_t size, size_t nmemb, void *userdata);
+/* 1 when the header being handled is within its reply's trace budget (and
+ * always outside a transfer); the time-zone parser logs only then. */
+int tavel_headerTraced(void);
 int getHeaderType(const char *line);
 void setServerDataFromHeader(int type, const char *line, size_t n);
 

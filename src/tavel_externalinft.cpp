@@ -41,9 +41,8 @@ template <size_t N> void copyField(char (&field)[N], const char *value)
 }
 
 // The accessors log under their own name: the helpers get it passed in.
-#define ACC_LOGN(func, fmt, ...)                                                                             \
-    dmlLogNotice(TAVEL_LOG_PREFIX fmt, func, __FILE_NAME__, __LINE__, __VA_ARGS__)
-#define ACC_LOGE(func, fmt) dmlLogError(TAVEL_LOG_PREFIX fmt, func, __FILE_NAME__, __LINE__)
+#define ACC_LOGN(func, fmt, ...) dmlLogNotice(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__, __VA_ARGS__)
+#define ACC_LOGE(func, fmt) dmlLogError(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__)
 
 enum class Level { L1, L2 };
 

@@ -1,7 +1,7 @@
 /*
  * Small helpers shared by every module of the agent: the log prefix, the
  * device file-system root, the time seam, the agent lock, bounded text
- * copies and shell command lines.
+ * copies, external commands and the few file operations on device paths.
  */
 #ifndef TAVEL_UTIL_H
 #define TAVEL_UTIL_H
@@ -12,19 +12,35 @@
 #include "dml.h"
 #include "platform_log.h"
 
+/* The source file's name without its directories.  GCC 12 and clang 9 have
+ * it built in; older vendor compilers get the same text from __FILE__, cut
+ * at its last slash (the strings are folded at compile time either way). */
+#ifdef __FILE_NAME__
+#define TAVEL_FILE __FILE_NAME__
+#else
+constexpr const char *tavel_baseName(const char *path)
+{
+    const char *base = path;
+    for (const char *p = path; *p != '\0'; ++p) {
+        if (*p == '/') {
+            base = p + 1;
+        }
+    }
+    return base;
+}
+#define TAVEL_FILE tavel_baseName(__FILE__)
+#endif
+
 /* Every agent log line starts with the function, the source file and the line. */
 #define TAVEL_LOG_PREFIX "tavel: [%s %s:%d] "
-#define TAVEL_LOGD(fmt, ...)                                                                                 \
-    dmlLogDebug(TAVEL_LOG_PREFIX fmt, __func__, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
-#define TAVEL_LOGN(fmt, ...)                                                                                 \
-    dmlLogNotice(TAVEL_LOG_PREFIX fmt, __func__, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
-#define TAVEL_LOGE(fmt, ...)                                                                                 \
-    dmlLogError(TAVEL_LOG_PREFIX fmt, __func__, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
+#define TAVEL_LOGD(fmt, ...) dmlLogDebug(TAVEL_LOG_PREFIX fmt, __func__, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
+#define TAVEL_LOGN(fmt, ...) dmlLogNotice(TAVEL_LOG_PREFIX fmt, __func__, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
+#define TAVEL_LOGE(fmt, ...) dmlLogError(TAVEL_LOG_PREFIX fmt, __func__, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
 /* Same, for the few lines that must name another function than the caller. */
 #define TAVEL_LOGD_AS(func, fmt, ...)                                                                        \
-    dmlLogDebug(TAVEL_LOG_PREFIX fmt, func, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
+    dmlLogDebug(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
 #define TAVEL_LOGE_AS(func, fmt, ...)                                                                        \
-    dmlLogError(TAVEL_LOG_PREFIX fmt, func, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
+    dmlLogError(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
 
 /* Time-of-day helper of the util module: reads hour, minute and second from
  * the text after the first 'T'; outputs are left unchanged when absent. */
@@ -35,8 +51,10 @@ void parseTimetoHourMinSec(const char *text, int *hour, int *minute, int *second
 /* Longest TAVEL_ROOT accepted; longer ones are refused like bad characters. */
 #define TAVEL_ROOT_MAX 256
 
-/* Reads TAVEL_ROOT once.  Returns 0 when it is unset, empty, or made only of
- * A-Za-z0-9/._- and at most TAVEL_ROOT_MAX long; -1 otherwise. */
+/* Reads TAVEL_ROOT once.  Returns 0 when it is unset, empty, or an absolute
+ * path made only of A-Za-z0-9/._- and at most TAVEL_ROOT_MAX long; -1
+ * otherwise (a relative root would make every device path depend on the
+ * working directory, and one like "-r" would read as an option). */
 int tavel_rootInit(void);
 /* The accepted prefix ("" when unset) and its length. */
 const char *tavel_root(void);
@@ -56,15 +74,44 @@ private:
 /* access(path, F_OK) on the prefixed device path: 0 present, -1 absent. */
 int tavel_access(const char *devicePath);
 
-/* Formats a shell command into a buffer of baseSize plus the root's length
- * (so prefixed paths never cut it), bounded like snprintf(buf, baseSize +
- * rootLen, ...), and runs it with system().  Returns system()'s result.
- * Only constant paths and quoted values may reach fmt's arguments. */
-int tavel_runCommand(size_t baseSize, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+/* ---- external commands and device files (no shell anywhere) ---- */
 
-/* Quotes text for a POSIX shell word ('...' with embedded quotes escaped).
- * Returns -1 when out is too small; out is always terminated. */
-int tavel_shellQuote(const char *text, char *out, size_t outSize);
+/* Runs argv[0], found through PATH, with argv (null-terminated) and waits for
+ * it.  The child starts with no signal blocked.  Returns its wait status, or
+ * -1 when it could not be started. */
+int tavel_spawn(const char *const argv[]);
+
+/* mkdir -p of a device path: every missing directory created with mode 0777
+ * less the umask.  0, or -1 with errno. */
+int tavel_makeDirs(const char *devicePath);
+/* touch of a device path: created empty when absent, times set to now. */
+int tavel_touch(const char *devicePath);
+/* rm of a device path (a missing file is not an error); with recursive, a
+ * directory goes too, with everything under it, like rm -rf.  0 or -1. */
+int tavel_remove(const char *devicePath, bool recursive);
+/* Replaces the content of a device path with the bytes given, as a shell's
+ * "> file" does: created with mode 0666 less the umask, or emptied.  0/-1. */
+int tavel_writeFile(const char *devicePath, const void *data, size_t size);
+
+/* Opens path read-only without blocking (a FIFO cannot stall the agent) and
+ * keeps the descriptor only when it is a regular file of at most maxSize
+ * bytes.  Returns the descriptor (close-on-exec), or -1: errno is EINVAL
+ * for a file that is not regular and EFBIG for one that is too large. */
+int tavel_openRegular(const char *path, size_t maxSize);
+
+/* Closes a descriptor at the end of a scope. */
+class FdGuard
+{
+public:
+    explicit FdGuard(int fd) : fd_(fd) {}
+    ~FdGuard();
+    FdGuard(const FdGuard &) = delete;
+    FdGuard &operator=(const FdGuard &) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
 
 /* ---- bounded text ---- */
 
@@ -80,7 +127,8 @@ unsigned tavel_timeScale(void);
 /* Real-time length of a nominal delay. */
 struct timespec tavel_scaledDelay(int seconds);
 /* Sleeps a nominal number of seconds, giving the agent lock up meanwhile when
- * the calling thread holds it. */
+ * the calling thread holds it.  A stop request ends the sleep: the agent then
+ * stops (main_exit.cpp) and the call does not return. */
 void tavel_sleep(unsigned seconds);
 
 /* ---- agent lock ---- */

@@ -32,6 +32,11 @@ const char *safe(const char *s)
     return s != nullptr ? s : "";
 }
 
+/* The account as it was before tavel_setMgmtServerObj emptied it, kept
+ * until the new one is written, so a stop in between can put it back. */
+ManagementServerInfo g_accountBefore;
+bool g_accountWriteUnderWay = false;
+
 bool acsConnFailed(const OnBoardingServerInfo &info)
 {
     return strncmp(info.acsConnStatus, "ACSConnFailed", sizeof(info.acsConnStatus)) == 0 ||
@@ -137,6 +142,7 @@ int tavel_setMgmtServerObj(const ServerData *account)
     // The TR-069 client drops its connection when the URL disappears; only
     // then may it see the new account, or it would keep talking to the old ACS.
     TAVEL_LOGN("Setting URL in MangamentServerObject to NULL to wait for TR069 to close the socket\n");
+    g_accountBefore = acsCfg;
     acsCfg.URL[0] = '\0';
     acsCfg.Username[0] = '\0';
     acsCfg.Password[0] = '\0';
@@ -144,6 +150,7 @@ int tavel_setMgmtServerObj(const ServerData *account)
         TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
         return -1;
     }
+    g_accountWriteUnderWay = true;
     TAVEL_LOGN("Sleeping tavelAgent for 5 seconds ......\n");
     tavel_sleep(5);
     TAVEL_LOGN("End of tavelAgent sleep\n");
@@ -156,7 +163,9 @@ int tavel_setMgmtServerObj(const ServerData *account)
     tavel_copyText(acsCfg.Username, sizeof(acsCfg.Username), safe(account->cdpusername), 255);
     tavel_copyText(acsCfg.Password, sizeof(acsCfg.Password), safe(account->cdppassword), 255);
     tavel_copyText(acsCfg.URL, sizeof(acsCfg.URL), safe(account->mgmtUrl), 1024);
-    if (dml_setManagementServerInfo(&acsCfg) != 0) {
+    int written = dml_setManagementServerInfo(&acsCfg);
+    g_accountWriteUnderWay = false;
+    if (written != 0) {
         TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
         return -1;
     }
@@ -175,6 +184,18 @@ int tavel_setMgmtServerObj(const ServerData *account)
         return -1;
     }
     return 0;
+}
+
+void tavel_rollbackMgmtServerObj(void)
+{
+    if (!g_accountWriteUnderWay) {
+        return;
+    }
+    g_accountWriteUnderWay = false;
+    TAVEL_LOGE("management account write interrupted: restoring the previous account\n");
+    if (dml_setManagementServerInfo(&g_accountBefore) != 0) {
+        TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
+    }
 }
 
 int tavel_isMgmtServerUrlEmpty(void)
@@ -241,15 +262,15 @@ int isCloudSettingEmpty(const CloudCheck &c, const char *func)
 {
     char buf[1024] = {0};
     if (c.get(buf, c.bufSize) == 0) {
-        dmlLogNotice(c.unreadable, func, __FILE_NAME__, __LINE__);
+        dmlLogNotice(c.unreadable, func, TAVEL_FILE, __LINE__);
         return 0;
     }
-    dmlLogNotice(c.current, func, __FILE_NAME__, __LINE__, buf);
+    dmlLogNotice(c.current, func, TAVEL_FILE, __LINE__, buf);
     if (buf[0] == '\0') {
-        dmlLogNotice(c.empty, func, __FILE_NAME__, __LINE__, buf);
+        dmlLogNotice(c.empty, func, TAVEL_FILE, __LINE__, buf);
         return 1;
     }
-    dmlLogNotice(c.present, func, __FILE_NAME__, __LINE__, buf);
+    dmlLogNotice(c.present, func, TAVEL_FILE, __LINE__, buf);
     return 0;
 }
 

@@ -11,6 +11,9 @@ int isSameManagementAccount(const ServerData *account);
 const char *getConnStatusString(int index);
 int updateOnBoardServerStatus(int index);
 int tavel_setMgmtServerObj(const ServerData *account);
+/* Puts back the account tavel_setMgmtServerObj emptied, when a stop caught it
+ * between emptying the object and writing the new account; else nothing. */
+void tavel_rollbackMgmtServerObj(void);
 int tavel_isMgmtServerUrlEmpty(void);
 int tavel_isConnStatusFailed(void);
 

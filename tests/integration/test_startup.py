@@ -1,10 +1,11 @@
 """Start-up of the real agent: the disabled exit, the firewall rules, and each
 test of the onboarding-needed decision."""
 import os
+import subprocess
 import unittest
 
-from harness import (CC_CONFIGURED_BY, CC_FILE, CLOUD_MARKER, FIREWALL_INSERT, FIREWALL_REMOVE, TZ_MARKER,
-                     Device)
+from harness import (AGENT, CC_CONFIGURED_BY, CC_FILE, CLOUD_MARKER, FIREWALL_INSERT, FIREWALL_REMOVE, TZ_MARKER,
+                     Device, command)
 
 CONFIGURED = {
     "Device.ManagementServer.URL": "https://acs.example.test:7547/cwmp",
@@ -47,16 +48,21 @@ class StartupTest(unittest.TestCase):
                 self.assertNotIn("tavelInit End", after)
 
     def test_unsafe_root_is_refused(self):
-        dev = self.device()
-        bad = os.path.join(dev.root, "a b;touch x")
-        os.makedirs(bad)
-        dev.start(env={"TAVEL_ROOT": bad})
-        self.assertEqual(dev.wait_exit(), 0)
-        err = dev.read("agent.stderr")
-        self.assertEqual(len(err.strip().split("\n")), 1)
-        self.assertIn("TAVEL_ROOT", err)
-        self.assertFalse(os.path.exists(os.path.join(bad, "iptables.log")))
-        self.assertFalse(os.path.exists(os.path.join(dev.root, "x")))
+        # Shell words, an option-like relative root, a relative directory.
+        for bad in ("a b;touch x", "-r", "relative/root"):
+            with self.subTest(root=bad):
+                dev = self.device()
+                cwd = os.path.join(dev.root, "cwd")
+                os.makedirs(os.path.join(cwd, bad.split(";")[0]))
+                with open(dev.path("agent.stdout"), "wb") as out, open(dev.path("agent.stderr"), "wb") as err:
+                    dev.proc = subprocess.Popen(command(AGENT), env=dev.env({"TAVEL_ROOT": bad}), cwd=cwd,
+                                                stdout=out, stderr=err, stdin=subprocess.DEVNULL)
+                self.assertEqual(dev.wait_exit(), 0)
+                err = dev.read("agent.stderr")
+                self.assertEqual(len(err.strip().split("\n")), 1)
+                self.assertIn("TAVEL_ROOT must be an absolute path", err)
+                self.assertEqual(sorted(os.listdir(cwd)), sorted({bad.split("/")[0].split(";")[0]}))
+                self.assertFalse(os.path.exists(os.path.join(cwd, "x")))
 
     def test_factory_device_onboards_even_with_all_markers(self):
         dev = self.device({"Device.X_TAVEL_WiFiService.WorkMode": "CFG"},

@@ -214,12 +214,23 @@ TEST_F(CurlTest, GetSurvivesHostileReplies)
     EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
     EXPECT_STREQ(g_serverData.mgmtUrl, "before-big");
 
-    // Ten thousand header lines are read one by one; the later url wins.
+    // Seven thousand header lines (170 KB, 2000 of them time-zone headers) are
+    // read one by one and the later url wins, but the log keeps only the
+    // head of the trace and a count: a server repeating such a reply must not
+    // fill the device's log.
     tls_.setScript(
-        R"({"get": {"status": 200, "headers": ["url: first\r\n", {"line": "x-pad: p\r\n", "repeat": 10000},
-                   "url: last\r\n"]}})");
+        R"({"get": {"status": 200, "headers": ["url: first\r\n", {"line": "x-pad: p\r\n", "repeat": 5000},
+                   {"line": "timezone: {\"code\":\"CET\",\"x\":\"y\",\"id\":\"Europe\\/Paris\"}\r\n",
+                    "repeat": 2000}, "url: last\r\n"]}})");
+    size_t mark = tavelTestLog().size();
     EXPECT_EQ(httpGetUrlFromServer(&info_, ""), 200);
     EXPECT_STREQ(g_serverData.mgmtUrl, "last");
+    EXPECT_STREQ(g_timezoneData.cityname, "Paris") << "untraced headers are still parsed";
+    std::string log = tavelTestLog().substr(mark);
+    EXPECT_LT(log.size(), 16u * 1024u);
+    EXPECT_NE(log.find(" header value is url: first"), std::string::npos);
+    EXPECT_EQ(log.find(" header value is url: last"), std::string::npos);
+    EXPECT_NE(log.find("more lines ("), std::string::npos);
 
     // Reply cut off inside the header block: libcurl takes the close as the
     // end of the block and drops the partial line; whole lines are stored.

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -238,10 +240,32 @@ TEST_F(TimezoneTest, LookupWithoutUsableFile)
     EXPECT_EQ(lookup(), "<none>");
     EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
 
-    std::filesystem::remove(tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE));
-    std::filesystem::create_directories(tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE));
-    EXPECT_EQ(lookup(), "<none>");
-    EXPECT_TRUE(tavelTestLogHas("error", "fgets error "));
+    /* What could hang the agent or feed it without end fails the lookup with
+     * one line that says why, and the agent goes on. */
+    const std::string path = tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE);
+    const struct {
+        const char *what;
+        void (*make)(const std::string &);
+        const char *why;
+    } refused[] = {
+        {"directory", [](const std::string &p) { std::filesystem::create_directories(p); },
+         "not a regular file"},
+        {"FIFO", [](const std::string &p) { ASSERT_EQ(mkfifo(p.c_str(), 0600), 0); }, "not a regular file"},
+        {"link to /dev/zero", [](const std::string &p) { ASSERT_EQ(symlink("/dev/zero", p.c_str()), 0); },
+         "not a regular file"},
+        {"over 1 MiB", [](const std::string &p) { std::ofstream(p) << std::string((1 << 20) + 1, '\n'); },
+         "over 1 MiB"},
+    };
+    for (const auto &c : refused) {
+        std::filesystem::remove_all(path);
+        c.make(path);
+        int before = tavelTestCount(tavelTestLog(), "refused: ");
+        EXPECT_EQ(lookup(), "<none>") << c.what;
+        EXPECT_EQ(tavelTestCount(tavelTestLog(), "refused: "), before + 1) << c.what;
+        EXPECT_TRUE(tavelTestLogHas(
+            "error", std::string("timezone mapping file " TAVEL_TIMEZONE_MAPPING_FILE " refused: ") + c.why))
+            << c.what;
+    }
 }
 
 TEST_F(TimezoneTest, LookupSkipsOverlongAndBinaryLines)

@@ -1,12 +1,99 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <string>
+
+#include "test_env.h"
 #include "util.h"
 
-TEST(ShellQuote, QuotesEmbeddedQuotes)
+// The file operations that replaced shell commands: the same effects on the
+// device's files as mkdir -p, touch, rm, rm -rf and "> file".
+TEST(DeviceFiles, HaveTheShellCommandsEffects)
 {
-    char out[64];
-    ASSERT_EQ(tavel_shellQuote("a'b", out, sizeof(out)), 0);
-    EXPECT_STREQ(out, "'a'\\''b'");
-    EXPECT_EQ(tavel_shellQuote("abcdef", out, 5), -1);
-    EXPECT_STREQ(out, "");
+    tavelTestCleanRoot();
+    ASSERT_EQ(tavel_makeDirs("/a/b/c"), 0);
+    EXPECT_EQ(tavel_makeDirs("/a/b/c"), 0) << "existing directories are no error";
+    tavelTestWriteFile("/a/file", "x");
+    EXPECT_EQ(tavel_makeDirs("/a/file/d"), -1) << "a file in the way is";
+
+    const std::string marker = tavelTestPath("/a/b/c/marker");
+    ASSERT_EQ(tavel_touch("/a/b/c/marker"), 0);
+    EXPECT_TRUE(tavelTestExists("/a/b/c/marker"));
+    struct timespec old[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, marker.c_str(), old, 0), 0);
+    tavelTestWriteFile("/a/b/c/marker", "kept");
+    ASSERT_EQ(utimensat(AT_FDCWD, marker.c_str(), old, 0), 0);
+    ASSERT_EQ(tavel_touch("/a/b/c/marker"), 0);
+    struct stat st;
+    ASSERT_EQ(stat(marker.c_str(), &st), 0);
+    EXPECT_GT(st.st_mtime, 1000) << "touch renews the time";
+    EXPECT_EQ(tavelTestReadFile("/a/b/c/marker"), "kept") << "and keeps the content";
+
+    ASSERT_EQ(tavel_writeFile("/a/b/c/marker", "US\n", 3), 0);
+    EXPECT_EQ(tavelTestReadFile("/a/b/c/marker"), "US\n");
+
+    EXPECT_EQ(tavel_remove("/a/missing", false), 0) << "a missing file is not an error";
+    EXPECT_EQ(tavel_remove("/a/b", false), -1) << "rm leaves a directory alone";
+    EXPECT_TRUE(tavelTestExists("/a/b/c/marker"));
+    EXPECT_EQ(tavel_remove("/a/b", true), 0);
+    EXPECT_FALSE(tavelTestExists("/a/b"));
+    EXPECT_EQ(tavel_remove("/a/file", false), 0);
+    EXPECT_FALSE(tavelTestExists("/a/file"));
+}
+
+TEST(OpenRegular, RefusesWhatCouldStallOrFloodTheAgent)
+{
+    tavelTestCleanRoot();
+    tavelTestWriteFile("/f", "12345");
+    const std::string dir = tavelTestPath("/d");
+    const std::string fifo = tavelTestPath("/p");
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int fd = tavel_openRegular(tavelTestPath("/f").c_str(), 5);
+    EXPECT_GE(fd, 0);
+    FdGuard guard(fd);
+    const struct {
+        std::string path;
+        size_t max;
+        int err;
+    } cases[] = {
+        {tavelTestPath("/f"), 4, EFBIG},
+        {dir, 1 << 20, EINVAL},
+        {fifo, 1 << 20, EINVAL},
+        {"/dev/zero", 1 << 20, EINVAL},
+        {tavelTestPath("/none"), 1 << 20, ENOENT},
+    };
+    for (const auto &c : cases) {
+        errno = 0;
+        EXPECT_EQ(tavel_openRegular(c.path.c_str(), c.max), -1) << c.path;
+        EXPECT_EQ(errno, c.err) << c.path;
+    }
+}
+
+// Commands run without a shell: arguments reach the program as they are,
+// and the child does not inherit the agent's blocked signals.
+TEST(Spawn, PassesArgumentsVerbatimWithSignalsUnblocked)
+{
+    tavelTestCleanRoot();
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigset_t old;
+    pthread_sigmask(SIG_BLOCK, &set, &old);
+    const std::string out = tavelTestPath("/out");
+    const std::string script =
+        "printf '%s|' \"$@\" > " + out + "; grep -q '^SigBlk:[[:space:]]*0*$' /proc/$$/status";
+    const char *argv[] = {"sh", "-c", script.c_str(), "sh", "a b", "$(x)", ";", nullptr};
+    int status = tavel_spawn(argv);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "the child started with signals blocked";
+    EXPECT_EQ(tavelTestReadFile("/out"), "a b|$(x)|;|");
+    const char *missing[] = {"tavel-no-such-command", nullptr};
+    EXPECT_EQ(tavel_spawn(missing), -1);
 }

@@ -1,0 +1,175 @@
+"""Stopping the real agent as a service manager does, with the real iptables
+in a network namespace of the test's own: whenever the stop comes, no rule is
+left, the store stays well-formed, the management account is never left
+empty, and the agent exits 0.  And one status upload at a time."""
+import ctypes
+import os
+import random
+import re
+import shutil
+import signal
+import subprocess
+import time
+import unittest
+
+from harness import (AGENT, CC_FILE, FIREWALL_INSERT, FIREWALL_REMOVE, NEW_ACCOUNT, ONBOARDING_IN_PROGRESS,
+                     TZ_PARIS, command, reply)
+from test_flow import FlowCase
+
+CHAINS = ("INPUT_WAN_REMOTE_ACCESS", "INPUT_FW_LEVEL")
+CLONE_NEWNET = 0x40000000
+FACTORY_ACCOUNT = ("https://acs.tavel.invalid:7754", "", "")
+NEW = dict(NEW_ACCOUNT)
+NEW_ACCOUNT_VALUES = (NEW["url"], NEW["name"], NEW["pwd"])
+CC_STORE = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1", "Device.DeviceInfo.X_TAVEL_SupportedCountries": "US,DE"}
+STOP_LINE = "stopped by signal 15 !!!!"
+RULES = sorted("-A %s -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT" % c for c in CHAINS)
+
+
+def private_netns():
+    """Moves this test process into a network namespace of its own, with its
+    loopback up; False where that is not allowed (not root)."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.unshare(CLONE_NEWNET) != 0:
+        return False
+    return subprocess.run(["ip", "link", "set", "lo", "up"]).returncode == 0
+
+
+def iptables(*args):
+    return subprocess.run(["iptables"] + list(args), capture_output=True, text=True, check=True).stdout
+
+
+class StopTest(FlowCase):
+    @classmethod
+    def setUpClass(cls):
+        if os.geteuid() != 0 or not private_netns() or subprocess.run(["iptables", "-S"],
+                                                                       capture_output=True).returncode != 0:
+            raise unittest.SkipTest("needs root, a private network namespace and iptables")
+        for chain in CHAINS:
+            iptables("-N", chain)
+
+    def device(self, extra=None, **kw):
+        dev = super().device(extra, **kw)
+        # The real iptables, in this namespace only: no recording stand-in.
+        os.unlink(os.path.join(dev.bin, "iptables"))
+        return dev
+
+    def rules(self):
+        return [l for l in iptables("-S").splitlines() if l.startswith("-A ")]
+
+    def stop_at(self, dev, what):
+        dev.proc.send_signal(signal.SIGTERM)
+        self.assertEqual(dev.wait_exit(20), 0, "%s: %s" % (what, dev.log()[-3000:]))
+        self.assertEqual(self.rules(), [], what)
+        store = dev.read("flash/dml/datamodel.conf")
+        for line in store.split("\n"):
+            self.assertTrue(line == "" or line.startswith("#") or re.match(r"^[^=\n]+=", line), (what, line))
+        self.assertEqual([f for f in os.listdir(dev.path("flash/dml")) if "tmp" in f], [], what)
+        values = dev.store()
+        account = tuple(values.get("Device.ManagementServer." + k, "") for k in ("URL", "Username", "Password"))
+        self.assertIn(account, (FACTORY_ACCOUNT, NEW_ACCOUNT_VALUES), what)
+        log = dev.log()
+        if "Sleeping tavelAgent for 5 seconds" in log and "End of tavelAgent sleep" not in log:
+            # Caught between emptying the account and writing the new one.
+            self.assertIn("restoring the previous account", log, what)
+            self.assertEqual(account, FACTORY_ACCOUNT, what)
+        return log
+
+    def test_stop_at_any_point_of_an_onboarding(self):
+        rng = random.Random(os.environ.get("TAVEL_STOP_SEED", "stop"))
+        scale = 20  # pauses: account 0.25 s, time zone 3 s
+        slow_get = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS], delay=1.5), "put": reply(200)}
+        slow_put = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS]), "put": reply(200, delay=1.5)}
+        parked = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, ("countrycode", "US")]), "put": reply(200)}
+
+        def during_get(dev):
+            self.server.wait_requests("GET", dev=dev)
+            time.sleep(rng.uniform(0, 1.2))
+
+        def account_pause(dev):
+            dev.wait_log("Sleeping tavelAgent for 5 seconds")
+            time.sleep(rng.uniform(0, 0.2))
+
+        def timezone_pause(dev):
+            dev.wait_log("final timezone =")
+            time.sleep(rng.uniform(0, 2.5))
+
+        def during_put(dev):
+            dev.wait_log("Capability: country code sync is not applicable", timeout=30)
+            self.send("bootstrap", "1")
+            self.server.wait_requests("PUT", dev=dev)
+            time.sleep(rng.uniform(0, 1.2))
+
+        def parked_wait(dev):
+            # The report succeeds, but the parked code keeps the agent alive.
+            dev.wait_log("MAPP onboarding started wait for 30 min", timeout=30)
+            self.send("bootstrap", "1")
+            dev.wait_log("Not exiting Tavle, as timer is running", timeout=30)
+            time.sleep(rng.uniform(0, 0.5))
+
+        points = [("GET", slow_get, {}, during_get), ("account pause", slow_get, {}, account_pause),
+                  ("time-zone pause", slow_get, {}, timezone_pause), ("PUT", slow_put, {}, during_put),
+                  ("parked-code wait", parked, CC_STORE, parked_wait)]
+        outcomes = []
+        for i in range(20):
+            name, script, store, wait = points[i % len(points)]
+            with self.subTest(point=name, run=i):
+                self.script(script)
+                dev = self.device(store)
+                if name == "parked-code wait":
+                    dev.touch(ONBOARDING_IN_PROGRESS)
+                self.start(dev, scale)
+                wait(dev)
+                # A refused exit has taken the rules away already; otherwise
+                # both are in place when the stop comes.
+                self.assertEqual(sorted(self.rules()), [] if name == "parked-code wait" else RULES, name)
+                log = self.stop_at(dev, name)
+                self.assertIn(STOP_LINE, log, name)
+                outcomes.append("restoring the previous account" in log)
+                if name == "parked-code wait":
+                    self.assertTrue(dev.exists(CC_FILE), "the parked code stays for the next start")
+        print("account writes rolled back by a stop: %d of 20 runs" % outcomes.count(True))
+
+    @unittest.skipUnless(shutil.which("strace"), "needs strace")
+    def test_a_whole_onboarding_runs_no_program_but_iptables(self):
+        self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS]), "put": reply(200)})
+        dev = self.device()
+        trace = dev.path("execve.trace")
+        with open(dev.path("agent.stdout"), "wb") as out, open(dev.path("agent.stderr"), "wb") as err:
+            dev.proc = subprocess.Popen(["strace", "-f", "-qq", "-e", "trace=execve", "-e", "signal=none", "-o",
+                                         trace] + command(AGENT),
+                                        env=dev.env(dict(self.bus.env(), TAVEL_TIME_SCALE="100")), stdout=out,
+                                        stderr=err, stdin=subprocess.DEVNULL)
+        dev.wait_log("Capability: country code sync is not applicable", timeout=60)
+        self.send("bootstrap", "1")
+        self.assertEqual(dev.wait_exit(30), 0, dev.log()[-3000:])
+        # Only successful calls: posix_spawnp tries each PATH entry in turn.
+        runs = [re.search(r'execve\("([^"]*)", \[(.*)\]', l).groups()
+                for l in dev.read("execve.trace").splitlines() if "execve(" in l and l.endswith("= 0")]
+        self.assertEqual(os.path.basename(runs[0][0]), os.path.basename(command(AGENT)[0]))
+        self.assertEqual([os.path.basename(path) for path, _ in runs[1:]], ["iptables"] * 6)
+        self.assertEqual([" ".join(a.strip('"') for a in args.split(", ")[1:]) for _, args in runs[1:]],
+                         FIREWALL_INSERT + FIREWALL_REMOVE)
+        print("programs executed by a whole onboarding: %d (%s)" % (len(runs) - 1, ", ".join(
+            os.path.basename(p) for p, _ in runs[1:])))
+
+    def test_one_status_upload_at_a_time(self):
+        # The first report fails, so the status timer is armed (5-9 s nominal,
+        # 1-1.8 s here); a second bootstrap signal starts an upload that the
+        # server answers only after 3 s, while that timer expires.
+        self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS]), "put": [reply(503), reply(200, delay=3)]})
+        dev = self.device()
+        self.start(dev, 5)
+        dev.wait_log("Capability: country code sync is not applicable", timeout=60)
+        self.send("bootstrap", "1")
+        dev.wait_log("Response code received from tavel server 503")
+        self.send("bootstrap", "1")
+        dev.wait_log("status upload already under way; not starting another", timeout=20)
+        self.assertEqual(dev.wait_exit(30), 0, dev.log()[-3000:])
+        self.assertEqual(len(self.server.requests("PUT")), 2)
+        self.assertEqual(dev.log().count("exitTavel !!!!"), 1)
+        self.assertEqual(self.rules(), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
