@@ -44,7 +44,8 @@ MEMBERS = [
     ("sendDbgCmd", lambda who, i: ["dbg", "probe-" + who], "stdout", lambda who, i: "cmdLine = probe-%s.\n" % who),
     ("tavelCfgmgrSignal", lambda who, i: ["signal", "tavelCfgmgrSignal", "--size", str(i)], "log",
      lambda who, i: "signal ignored: payload of %d bytes, 4 needed\n" % i),
-    ("tavelSyngMgrSignal", lambda who, i: ["sync", str(100 + i)], "log", lambda who, i: "] type = %d, len = 0\n" % (100 + i)),
+    ("tavelSyngMgrSignal", lambda who, i: ["sync", str(100 + i)], "log",
+     lambda who, i: "] type = %d, len = 0\n" % (100 + i)),
     ("notifyNTPTimezoneUpdate", lambda who, i: ["ntp", "ntp-" + who], "log",
      lambda who, i: "value received from hmsd module is ntp-%s.\n" % who),
     ("dummyFunction", lambda who, i: ["call", "dummyFunction", str(i)], "reply", None),
@@ -126,8 +127,8 @@ class PolicyTest(BusCase):
             matrix[member] = ["served" if s else "refused" for s in row]
 
         table = ["bus policy: shipped velka.tavel.conf, group \"tavel\" played by gid %d" % self.gid,
-                 "%-24s %-8s %-8s %-8s" % ("member", "root", "group", "nobody")]
-        table += ["%-24s %-8s %-8s %-8s" % (m, r[2], r[1], r[0]) for m, r in matrix.items()]
+                 "%-24s %-8s %-8s %s" % ("member", "root", "group", "nobody")]
+        table += ["%-24s %-8s %-8s %s" % (m, r[2], r[1], r[0]) for m, r in matrix.items()]
         sys.stderr.write("\n" + "\n".join(table) + "\n")
         self.assertEqual(matrix, {m[0]: ["refused", "served", "served"] for m in MEMBERS})
         self.assertIsNone(dev.proc.poll())

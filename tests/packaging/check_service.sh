@@ -56,7 +56,11 @@ mkdir -p "$tmp/bin" "$tmp/run"
 # Records each run, marked when the stand-in agent was still alive then.
 cat >"$tmp/bin/iptables" <<EOF
 #!/bin/sh
-if kill -0 "\$(cat "$tmp/agent.pid" 2>/dev/null)" 2>/dev/null; then echo "while running: \$*"; else echo "\$*"; fi >>"$tmp/iptables.log"
+if kill -0 "\$(cat "$tmp/agent.pid" 2>/dev/null)" 2>/dev/null; then
+    echo "while running: \$*"
+else
+    echo "\$*"
+fi >>"$tmp/iptables.log"
 EOF
 # The stand-in runs until TERM, taking a moment to end, or crashes at once.
 cat >"$tmp/bin/tavelAgent" <<EOF
