@@ -17,6 +17,8 @@ else()
   set(_tavel_sysconfdir "${_tavel_prefix}/etc")
 endif()
 
+# The unit's ExecStopPost= names iptables by absolute path, as older systemd needs.
+set(TAVEL_IPTABLES "/usr/sbin/iptables")
 set(_tavel_gen "${TAVEL_PACKAGING_BINARY_DIR}/generated")
 configure_file("${TAVEL_PACKAGING_SOURCE_DIR}/systemd/tavelagent.service" "${_tavel_gen}/tavelagent.service" @ONLY)
 configure_file("${TAVEL_PACKAGING_SOURCE_DIR}/init.d/tavelagent" "${_tavel_gen}/tavelagent" @ONLY)

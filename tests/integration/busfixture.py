@@ -29,9 +29,10 @@ OPEN_POLICY = """<policy context="default">
     <allow own="*"/>
   </policy>"""
 
-# Like a system bus: nothing may be owned and no method called unless another
-# rule allows it.
+# Like a system bus: any local user may connect, but nothing may be owned and
+# no method called unless another rule allows it.
 CLOSED_POLICY = """<policy context="default">
+    <allow user="*"/>
     <deny own="*"/>
     <deny send_type="method_call"/>
     <allow send_type="signal"/>

@@ -1,0 +1,138 @@
+"""The shipped bus policy on a private bus closed like a system bus: every
+signal member the agent handles and its method, sent once by nobody, once by a
+member of the modules' group and once by root."""
+import grp
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from busfixture import CLOSED_POLICY
+from harness import SOURCE_DIR, TAVELCTL, command, wait_until
+from test_bus import BusCase
+
+POLICY = os.path.join(SOURCE_DIR, "packaging", "dbus", "velka.tavel.conf")
+
+
+def modules_gid():
+    """The gid that plays the modules' group.  dbus-daemon drops the rules of a
+    group missing from the group database, and the test must not add one to
+    the host, so unless the host has "tavel" the rules go to another existing
+    group; setpriv sets the senders' exact groups, so no sender holds it by
+    accident."""
+    try:
+        return grp.getgrnam("tavel").gr_gid
+    except KeyError:
+        nogroup = grp.getgrnam("nogroup").gr_gid
+        return next(g.gr_gid for g in grp.getgrall() if g.gr_gid not in (0, nogroup))
+
+
+def listened(member):
+    return (member, lambda who, i: ["signal", member, "--hex", who.encode().hex()], "listener",
+            lambda who, i: 'member=%s\n   array of bytes "%s"' % (member, who))
+
+
+# member, the tavelctl arguments of sender number i named who, where a
+# delivered one shows (the agent's stdout or log, the method's reply, or a
+# plain subscriber on the bus for the two handlers that do nothing) and the
+# trace itself.
+MEMBERS = [
+    listened("setLogLevel"),
+    listened("setLogDestination"),
+    ("sendDbgCmd", lambda who, i: ["dbg", "probe-" + who], "stdout", lambda who, i: "cmdLine = probe-%s.\n" % who),
+    ("tavelCfgmgrSignal", lambda who, i: ["signal", "tavelCfgmgrSignal", "--size", str(i)], "log",
+     lambda who, i: "signal ignored: payload of %d bytes, 4 needed\n" % i),
+    ("tavelSyngMgrSignal", lambda who, i: ["sync", str(100 + i)], "log",
+     lambda who, i: "] type = %d, len = 0\n" % (100 + i)),
+    ("notifyNTPTimezoneUpdate", lambda who, i: ["ntp", "ntp-" + who], "log",
+     lambda who, i: "value received from hmsd module is ntp-%s.\n" % who),
+    ("dummyFunction", lambda who, i: ["call", "dummyFunction", str(i)], "reply", None),
+]
+
+
+@unittest.skipUnless(os.geteuid() == 0, "senders of other users are made with setpriv, which needs root")
+@unittest.skipUnless(shutil.which("setpriv"), "setpriv (util-linux) is not installed")
+class PolicyTest(BusCase):
+    def setUp(self):
+        with open(POLICY) as f:
+            shipped = f.read()
+        self.assertIn('<policy group="tavel">', shipped)
+        self.gid = modules_gid()
+        tmp = tempfile.mkdtemp(prefix="tavel-policy-")
+        self.addCleanup(shutil.rmtree, tmp, True)
+        policy = os.path.join(tmp, "velka.tavel.conf")
+        with open(policy, "w") as f:
+            f.write(shipped.replace('group="tavel"', 'group="%d"' % self.gid))
+        self.bus = self.private_bus(policy=CLOSED_POLICY, include=policy)
+        # The other users reach the socket through its directory.
+        os.chmod(self.bus.dir, 0o755)
+        nobody = ["setpriv", "--reuid=nobody", "--regid=nogroup"]
+        self.senders = [("nobody", nobody + ["--clear-groups"]), ("group", nobody + ["--groups=%d" % self.gid]),
+                        ("root", [])]
+
+    def send(self, prefix, args):
+        return subprocess.run(prefix + command(TAVELCTL, *args), env=dict(os.environ, **self.bus.env()),
+                              capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL)
+
+    def listen(self):
+        """dbus-monitor as nobody: denied BecomeMonitor, it subscribes like any
+        module.  A monitor (root) would be shown even the messages the policy
+        then refuses."""
+        out = open(os.path.join(self.bus.dir, "listener.out"), "w+")
+        self.addCleanup(out.close)
+        rules = ["type='signal',member='%s'" % m for m, _, where, _ in MEMBERS if where == "listener"]
+        proc = subprocess.Popen(self.senders[0][1] + ["dbus-monitor", "--address", self.bus.address] + rules,
+                                stdout=out, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
+        self.addCleanup(proc.wait, 10)
+        self.addCleanup(proc.terminate)
+
+        def ready():
+            self.send([], ["signal", "setLogLevel", "--hex", b"ready".hex()])
+            return '"ready"' in self.read(out)
+
+        wait_until(ready, 10, "the listener's subscription")
+        return out
+
+    @staticmethod
+    def read(f):
+        f.seek(0)
+        return f.read()
+
+    def test_only_root_and_the_modules_group_are_served(self):
+        dev = self.start_agent()
+        listener = self.listen()
+        traces = {"stdout": dev.stdout, "log": dev.log, "listener": lambda: self.read(listener)}
+        matrix = {}
+        for member, args, where, trace in MEMBERS:
+            row = []
+            for i, (who, prefix) in enumerate(self.senders, 1):
+                result = self.send(prefix, args(who, i))
+                if where == "reply":
+                    served = result.returncode == 0 and result.stdout == "1\n"
+                    if not served:
+                        self.assertIn("AccessDenied", result.stderr, "%s by %s" % (member, who))
+                else:
+                    # A signal leaves no error at its sender: the trace tells.
+                    self.assertEqual(result.returncode, 0, "%s by %s: %s" % (member, who, result.stderr))
+                row.append(served if where == "reply" else None)
+            if where != "reply":
+                # Root sends last; once its signal is through, the earlier ones
+                # are through too or were refused.
+                last = len(self.senders)
+                wait_until(lambda: trace("root", last) in traces[where](), 10, "root's %s" % member)
+                text = traces[where]()
+                row = [trace(who, i) in text for i, (who, _) in enumerate(self.senders, 1)]
+            matrix[member] = ["served" if s else "refused" for s in row]
+
+        table = ["bus policy: shipped velka.tavel.conf, group \"tavel\" played by gid %d" % self.gid,
+                 "%-24s %-8s %-8s %s" % ("member", "root", "group", "nobody")]
+        table += ["%-24s %-8s %-8s %s" % (m, r[2], r[1], r[0]) for m, r in matrix.items()]
+        sys.stderr.write("\n" + "\n".join(table) + "\n")
+        self.assertEqual(matrix, {m[0]: ["refused", "served", "served"] for m in MEMBERS})
+        self.assertIsNone(dev.proc.poll())
+
+
+if __name__ == "__main__":
+    unittest.main()
