@@ -34,7 +34,6 @@ sys.path.insert(0, os.path.join(SOURCE, "tests", "integration"))
 os.environ.setdefault("TAVEL_BUILD_DIR", os.path.join(SOURCE, "build"))
 
 import harness  # noqa: E402
-from busfixture import PrivateBus  # noqa: E402
 
 AGENT = os.path.abspath(harness.AGENT)
 ARM_DIR = os.environ.get("TAVEL_ARM_BUILD_DIR", os.path.join(SOURCE, "build-arm"))
@@ -65,7 +64,7 @@ class Bench:
         self.args = args
         self.work = tempfile.mkdtemp(prefix="tavel-bench-")
         self.onb = harness.Server(harness.FULL_SCRIPT)
-        self.bus = PrivateBus()
+        self.bus = harness.PrivateBus()
         self.ref_min = os.path.join(self.work, "ref_min")
         subprocess.run(["cc", "-O2", "-o", self.ref_min, os.path.join(HERE, "ref_min.c"), "-lcurl"], check=True)
         self.ref_curl = os.path.join(HERE, "ref_curl.sh")
@@ -134,8 +133,6 @@ class Bench:
         running alongside) is retried after a pause."""
         for attempt in range(6):
             dev = self.onb.device()
-            # Known to the harness, which checks them when the device closes.
-            dev.stdout_path, dev.stderr_path = dev.path("agent.stdout"), dev.path("agent.stderr")
             self.onb.sim.clear_requests()
             argv = list(prefix) + [AGENT]
             if rss:
@@ -160,9 +157,9 @@ class Bench:
             ticks = None
             if idle > 0:
                 time.sleep(0.2)
-                before = cpu_ticks(apid)
+                before = harness.cpu_ticks(apid)
                 time.sleep(idle)
-                ticks = cpu_ticks(apid) - before
+                ticks = harness.cpu_ticks(apid) - before
             hwm = vm_hwm(apid)
             if not harness.bootstrap(self.bus.env()):
                 raise RuntimeError("bootstrap signal not sent")
@@ -239,8 +236,6 @@ class Bench:
     def agent_to_get(self):
         for attempt in range(6):
             dev = self.onb.device()
-            # Known to the harness, which checks them when the device closes.
-            dev.stdout_path, dev.stderr_path = dev.path("agent.stdout"), dev.path("agent.stderr")
             self.onb.sim.clear_requests()
             env = self.agent_env(dev)
             start = time.time()
@@ -305,12 +300,6 @@ def read(path):
             return f.read()
     except FileNotFoundError:
         return ""
-
-
-def cpu_ticks(pid):
-    with open("/proc/%d/stat" % pid) as f:
-        fields = f.read().rsplit(")", 1)[1].split()
-    return int(fields[11]) + int(fields[12])
 
 
 def vm_hwm(pid):
