@@ -6,10 +6,11 @@ import os
 import re
 import shutil
 import socket
+import struct
 import time
 import unittest
 
-from harness import (CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE,
+from harness import (AGENT, CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE,
                      NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, cert_dir, reply,
                      wait_until)
 
@@ -18,7 +19,29 @@ LAST_STEP = "Capability: country code sync is not applicable"
 DAY = 86400
 # Bounds of the non-transient delay: the base plus a jitter of 0 to 254 s.
 DAY_MAX = DAY + 254
-FAKETIME_LIB = next(iter(sorted(glob.glob("/usr/lib/*/faketime/libfaketime.so.1"))), None)
+
+
+def elf_target(path):
+    """What a library must share with a program to be loaded into it: ELF
+    class, byte order, machine and, on ARM, the float ABI (armel and armhf
+    differ there only).  None for a file that is not ELF."""
+    try:
+        with open(path, "rb") as f:
+            head = f.read(52)
+    except OSError:
+        return None
+    if len(head) < 52 or head[:4] != b"\x7fELF":
+        return None
+    order = "<" if head[5] == 1 else ">"
+    machine = struct.unpack_from(order + "H", head, 18)[0]
+    flags = struct.unpack_from(order + "I", head, 48 if head[4] == 2 else 36)[0]
+    return head[4], head[5], machine, flags & 0x600 if machine == 40 else 0
+
+
+# A multiarch host may hold libfaketime for several architectures: the one
+# preloaded must be the agent's own (under TAVEL_EMULATOR, the target's).
+FAKETIME_LIB = next((lib for lib in sorted(glob.glob("/usr/lib/*/faketime/libfaketime.so.1"))
+                     if elf_target(AGENT) is not None and elf_target(lib) == elf_target(AGENT)), None)
 
 
 def account(**override):
