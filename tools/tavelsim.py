@@ -75,9 +75,9 @@ def unescape(raw):
 
 
 def valid_name(name):
-    """Readers skip a line whose name is empty, a comment, or holds anything
-    but printable ASCII without blanks."""
-    return bool(name) and name[0] != "#" and all("!" <= c <= "~" and c != "=" for c in name)
+    """Readers skip a line whose name (all before the first "=") is empty, a
+    comment, or holds anything but printable ASCII without blanks."""
+    return bool(name) and name[0] != "#" and all("!" <= c <= "~" for c in name)
 
 
 def read_store(path):
