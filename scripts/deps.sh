@@ -10,7 +10,7 @@ TAVEL_DEPS="build-essential cmake ninja-build g++ clang libclang-rt-14-dev pkg-c
 # to run the target's tests on this host.  The host tools it also needs are in
 # TAVEL_DEPS.
 TAVEL_ARM_DEPS="crossbuild-essential-armhf libcurl4-openssl-dev:armhf libdbus-1-dev:armhf
-  libgtest-dev:armhf libstdc++6:armhf qemu-user"
+  libgtest-dev:armhf libstdc++6:armhf libfaketime:armhf qemu-user"
 
 tavel_missing_packages() {
     local missing="" p

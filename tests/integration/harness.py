@@ -1,43 +1,33 @@
 """A simulated device for integration tests of the real tavelAgent binary.
 
-Device() makes a fresh TAVEL_ROOT with a data-model store, a recording
-`iptables` first in PATH (the host firewall is never touched), and helpers to
-start the agent, wait for log lines and read what it left behind.
+Device() is a tavelsim.Sandbox (tools/tavelsim.py: the store, TAVEL_ROOT, the
+recording `iptables`, the emulator prefix) in its factory state, with helpers
+to start the agent, wait for log lines and read what it left behind.
 """
 import atexit
 import json
 import os
 import re
-import shlex
 import shutil
 import signal
-import subprocess
 import sys
 import tempfile
 import time
 import unittest
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+# Re-exported: the tests import these names from here.
+import tavelsim  # noqa: E402,F401
+from tavelsim import (CC_CONFIGURED_BY, CC_FILE, CLOSED_POLICY, CLOUD_MARKER, EMULATOR,  # noqa: E402,F401
+                      CA_PATH_MAX, FACTORY_ACS_URL, MAPPING_FILE, ONBOARDING_IN_PROGRESS, OPEN_POLICY, TZ_MARKER, PrivateBus,
+                      Sandbox, command, cpu_ticks, run_binary)
+
 BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
 SOURCE_DIR = os.environ.get("TAVEL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
 AGENT = os.path.join(BUILD_DIR, "tavelAgent")
 TAVELCTL = os.path.join(BUILD_DIR, "tavelctl")
-# Words put in front of every tavelAgent and tavelctl command line, so the same
-# tests drive binaries built for another architecture through a user-mode
-# emulator, e.g. TAVEL_EMULATOR="qemu-arm -L /".  The emulator runs the target
-# in its own process, so pids and signals still reach the agent itself.
-EMULATOR = shlex.split(os.environ.get("TAVEL_EMULATOR", ""))
-
-
-def command(binary, *args):
-    """The command line that runs one of the project's binaries on this host."""
-    return EMULATOR + [binary] + list(args)
-
-TZ_MARKER = "flash/mcq/tavel/timezoneconfigdone.txt"
-CLOUD_MARKER = "flash/mcq/tavel/KPRCConfigdone.txt"
-CC_CONFIGURED_BY = "configs/cc_configured_by"
-CC_FILE = "flash/cc_from_tavel"
-ONBOARDING_IN_PROGRESS = "tmp/onboarding_in_progress"
-MAPPING_FILE = "usr/configs/timezonemapping.csv"
+# The fixed local ports the agent binds for its transfers.
+LOCAL_PORTS = (47777, 47778, 47779)
 
 # A device in its factory state: enabled agent, no management account, no
 # cloud settings, root role.
@@ -45,7 +35,7 @@ FACTORY_STORE = {
     "Device.X_TAVEL_Agent.Enable": "1",
     "Device.X_TAVEL_Agent.URL": "https://127.0.0.1:1/onboard",
     "Device.X_TAVEL_Agent.APIKey": "test-api-key",
-    "Device.ManagementServer.URL": "https://acs.tavel.invalid:7754",
+    "Device.ManagementServer.URL": FACTORY_ACS_URL,
     "Device.ManagementServer.Username": "",
     "Device.ManagementServer.Password": "",
     "Device.X_TAVEL_WiFiService.WorkMode": "RGW",
@@ -55,92 +45,31 @@ FACTORY_STORE = {
     "Device.DeviceInfo.X_TAVEL_Country": "DE",
 }
 
-RECORDING_IPTABLES = """#!/bin/sh
-printf '%s\\n' "$*" >> "$TAVEL_ROOT/iptables.log"
-exit 0
-"""
+
+def _wait(read, text, timeout, count, proc, what):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        exited = proc is not None and proc.poll() is not None
+        out = read()
+        if out.count(text) >= count:
+            return out
+        if exited:
+            raise AssertionError("agent exited (%s) before %r on its %s:\n%s" %
+                                 (proc.returncode, text, what, out[-4000:]))
+        time.sleep(0.05)
+    raise AssertionError("timed out waiting for %r on the %s:\n%s" % (text, what, read()[-4000:]))
 
 
-UNESCAPE = {"\\": "\\", "n": "\n", "r": "\r", "t": "\t"}
-
-
-def escape(value):
-    return re.sub(r"[\\\n\r\t]", lambda m: "\\" + {v: k for k, v in UNESCAPE.items()}[m.group(0)], value)
-
-
-class Device:
+class Device(Sandbox):
     def __init__(self, store=None, keep=False):
-        self.root = tempfile.mkdtemp(prefix="tavel-it-")
+        super().__init__(dict(FACTORY_STORE, **(store or {})), prefix="tavel-it-")
         self.keep = keep
-        self.proc = None
         self._sanitizer_reports = []
-        self.bin = os.path.join(self.root, "test-bin")
-        os.makedirs(self.bin)
-        # The directories a device has from its image: the agent creates
-        # only its own marker directory.
-        for d in ("configs", "tmp", "usr/configs", "var/log"):
-            os.makedirs(self.path(d), exist_ok=True)
-        ipt = os.path.join(self.bin, "iptables")
-        with open(ipt, "w") as f:
-            f.write(RECORDING_IPTABLES)
-        os.chmod(ipt, 0o755)
-        values = dict(FACTORY_STORE)
-        values.update(store or {})
-        self.write_store(values)
-
-    # ---- files ----
-    def path(self, rel):
-        return os.path.join(self.root, rel)
-
-    def write_store(self, values):
-        os.makedirs(self.path("flash/dml"), exist_ok=True)
-        with open(self.path("flash/dml/datamodel.conf"), "w") as f:
-            f.write("# simulated device\n")
-            for k, v in values.items():
-                f.write("%s=%s\n" % (k, escape(v)))
-
-    def store(self):
-        """The store as a dict of decoded values (the first line of a name wins)."""
-        out = {}
-        for line in self.read("flash/dml/datamodel.conf", "rb").decode("utf-8", "replace").split("\n"):
-            if line and not line.startswith("#") and "=" in line:
-                k, v = line.split("=", 1)
-                out.setdefault(k, re.sub(r"\\([\\nrt])", lambda m: UNESCAPE[m.group(1)], v))
-        return out
-
-    def touch(self, rel, content=b""):
-        p = self.path(rel)
-        os.makedirs(os.path.dirname(p), exist_ok=True)
-        with open(p, "wb") as f:
-            f.write(content)
-
-    def exists(self, rel):
-        return os.path.exists(self.path(rel))
-
-    def read(self, rel, mode="r"):
-        try:
-            with open(self.path(rel), mode) as f:
-                return f.read()
-        except FileNotFoundError:
-            return b"" if "b" in mode else ""
-
-    def log(self):
-        return self.read("var/log/tavel.log")
-
-    def history(self):
-        return self.read("var/log/history.log")
-
-    def iptables(self):
-        return [l for l in self.read("iptables.log").split("\n") if l]
 
     # ---- the agent ----
     def env(self, extra=None):
-        env = dict(os.environ)
-        env["TAVEL_ROOT"] = self.root
-        env["PATH"] = self.bin + os.pathsep + env.get("PATH", "")
+        env = super().env()
         env.setdefault("TAVEL_TIME_SCALE", "1")
-        # Never the host's system bus: a test that wants a bus passes its own.
-        env["DBUS_SYSTEM_BUS_ADDRESS"] = "unix:path=" + self.path("no-bus")
         env.update(extra or {})
         return env
 
@@ -148,30 +77,18 @@ class Device:
         # A second start on the same root rewrites the output files: keep what
         # the sanitizers said about the previous run first.
         self._collect_sanitizer_reports()
-        with open(self.path("agent.stdout"), "wb") as out, open(self.path("agent.stderr"), "wb") as err:
-            self.proc = subprocess.Popen(command(agent or AGENT), env=self.env(env), stdout=out, stderr=err,
-                                         stdin=subprocess.DEVNULL)
-        return self.proc
+        return self.spawn(agent or AGENT, env)
 
     def wait_exit(self, timeout=30):
         return self.proc.wait(timeout=timeout)
 
     def wait_log(self, text, timeout=20, count=1):
         """Waits until text occurs count times in the log; returns the log."""
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            exited = self.proc is not None and self.proc.poll() is not None
-            log = self.log()
-            if log.count(text) >= count:
-                return log
-            if exited:
-                raise AssertionError("agent exited (%s) before logging %r; log:\n%s" %
-                                     (self.proc.returncode, text, log[-4000:]))
-            time.sleep(0.05)
-        raise AssertionError("timed out waiting for %r; log:\n%s" % (text, self.log()[-4000:]))
+        return _wait(self.log, text, timeout, count, self.proc, "log")
 
-    def stdout(self):
-        return self.read("agent.stdout")
+    def wait_stdout(self, text, timeout=10, count=1):
+        """Waits until text occurs count times on standard output; returns it."""
+        return _wait(self.stdout, text, timeout, count, self.proc, "standard output")
 
     def stop(self):
         if self.proc is not None and self.proc.poll() is None:
@@ -191,7 +108,7 @@ class Device:
         reports = self._sanitizer_reports
         # With a finding the root is kept: the log around it explains it.
         if not self.keep and not reports:
-            shutil.rmtree(self.root, ignore_errors=True)
+            self.remove()
         if reports:
             raise AssertionError("sanitizer report from the agent (root kept at %s):\n%s" %
                                  (self.root, "\n----\n".join(r[-12000:] for r in reports)))
@@ -232,8 +149,8 @@ _cert_dir = None
 def cert_dir():
     """A directory of obsim certificates shared by every server of this test
     process.  Generating them takes a second or more, and the directory must
-    sit at a short path: the agent cuts the CA path at 27 characters, so a
-    longer one would name a file that does not exist."""
+    sit at a short path: the agent cuts the CA path at CA_PATH_MAX
+    characters, so a longer one would name a file that does not exist."""
     global _cert_dir
     if _cert_dir is None:
         if OBSIM_DIR not in sys.path:
@@ -248,8 +165,7 @@ def cert_dir():
 
 
 def short_path(path):
-    # The agent keeps 27 characters of the CA certificate path.
-    assert len(path) <= 27, "CA path %r is longer than the agent keeps" % path
+    assert len(path) <= CA_PATH_MAX, "CA path %r is longer than the agent keeps" % path
     return path
 
 
@@ -431,13 +347,33 @@ def applied(dev):
 
 
 def ctl(bus_env, *args, timeout=30):
-    return subprocess.run(command(TAVELCTL, *args), env=dict(os.environ, **bus_env), capture_output=True,
-                          text=True, timeout=timeout, stdin=subprocess.DEVNULL)
+    return run_binary(TAVELCTL, *args, env=dict(os.environ, **bus_env), timeout=timeout)
+
+
+def wait_owner(dev, bus_env, timeout=10):
+    """Waits until the agent answers dummyFunction on the bus."""
+    deadline = time.monotonic() + timeout
+    while ctl(bus_env, "call", "dummyFunction", "0").returncode != 0:
+        if dev.proc.poll() is not None or time.monotonic() > deadline:
+            raise AssertionError("agent never answered on the bus; log:\n" + dev.log()[-3000:])
+        time.sleep(0.05)
 
 
 def bootstrap(bus_env, status="1"):
     """Sends the configuration manager's bootstrap outcome; True when sent."""
     return ctl(bus_env, "bootstrap", status).returncode == 0
+
+
+def retry_lines(log, code):
+    """(retryCount, nominal seconds) of every back-off line for code."""
+    return [(int(c), int(s)) for c, s in
+            re.findall(r"\] ret %d retryCount value is (-?\d+) retryCount seconds is (-?\d+)\n" % code, log)]
+
+
+def gaps(requests):
+    """Seconds between successive recorded requests."""
+    times = [r["received"] for r in requests]
+    return [b - a for a, b in zip(times, times[1:])]
 
 
 def build_sanitizer():

@@ -1,14 +1,14 @@
 """Time zone and country code from the server's reply to the data model, the
 marker files and the history log, with the real agent over real TLS."""
 import os
-import re
 import time
 import unittest
 
 from busfixture import PrivateBus
 
 from harness import (CC_CONFIGURED_BY, CC_FILE, FIREWALL_REMOVE, MAPPING, NEW_ACCOUNT, ONBOARDING_IN_PROGRESS,
-                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, ctl, reply, wait_until)
+                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, ctl, gaps, reply, retry_lines,
+                     wait_until)
 
 # A decoy before the Paris line: the city matches, the code does not.
 ZONES = ('WET,Europe,Paris,"WET0","Wrong/Paris"\n' + MAPPING +
@@ -89,14 +89,13 @@ class TimeZoneTest(SettingsCase):
         self.assertEqual(log.count("history event send: event[TZ Config] Timezone Configuration failed from "
                                    "Velka WiFi Cloud, Reason[Service Unavailable]"), 1)
         self.assertEqual(log.count(" IP Stack is down going for retry exponetial \n"), 2)
-        retries = [(int(c), int(s)) for c, s in
-                   re.findall(r"\] ret 5001 retryCount value is (\d+) retryCount seconds is (\d+)\n", log)]
+        retries = retry_lines(log, 5001)
         self.assertEqual([c for c, _ in retries], [1, 2])
         self.assertTrue(5 <= retries[0][1] <= 9 and 10 <= retries[1][1] <= 19, retries)
         gets = self.server.requests("GET")
         self.assertEqual(len(gets), 3)
-        for (_, nominal), a, b in zip(retries, gets, gets[1:]):
-            self.assertGreaterEqual(b["received"] - a["received"], nominal / scale - 0.002)
+        for (_, nominal), gap in zip(retries, gaps(gets)):
+            self.assertGreaterEqual(gap, nominal / scale - 0.002)
         # No zone was applied; only the last reply left the marker.
         self.assertNotIn("Device.Time.LocalTimeZone", dev.store())
         self.assertTrue(dev.exists(TZ_MARKER))
@@ -133,14 +132,25 @@ class TimeZoneTest(SettingsCase):
 
 
 class CountryCodeTest(SettingsCase):
-    def test_code_is_applied_at_once(self):
-        self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", "US")])})
-        dev = self.device(CC_STORE)
-        log = self.run_to_exit(dev)
-        self.assertIn("update cc since MAPP didn't set\n", log)
-        self.assertEqual(dev.read(CC_CONFIGURED_BY, "rb"), b"TAVEL,US\0\0")
-        self.assertEqual(dev.store()["Device.DeviceInfo.X_TAVEL_CountryCode"], "US")
-        self.assertFalse(dev.exists(CC_FILE))
+    def test_received_code_is_applied_unless_refused(self):
+        # code received, cc_configured_by before the run, applied
+        for code, mark, applied in (("US", None, True),
+                                    # Set by the mobile app.
+                                    ("US", b"MAPP", False), ("US", b"mapp,FR\n", False),
+                                    # Not supported.
+                                    ("FR", None, False), ("USA", None, False)):
+            with self.subTest(code=code, mark=mark):
+                self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", code)])})
+                dev = self.device(CC_STORE)
+                if mark is not None:
+                    dev.touch(CC_CONFIGURED_BY, mark)
+                log = self.run_to_exit(dev)
+                self.assertIn("update cc since MAPP didn't set\n" if applied else
+                              "country code from tavel %s is not valid\n" % code[:3], log)
+                marked = dev.read(CC_CONFIGURED_BY, "rb") if dev.exists(CC_CONFIGURED_BY) else None
+                self.assertEqual(marked, b"TAVEL,US\0\0" if applied else mark)
+                self.assertEqual(dev.store().get("Device.DeviceInfo.X_TAVEL_CountryCode"), "US" if applied else None)
+                self.assertFalse(dev.exists(CC_FILE))
 
     def test_code_is_parked_while_the_app_onboards_and_applied_later(self):
         bus = PrivateBus()
@@ -177,27 +187,6 @@ class CountryCodeTest(SettingsCase):
         # The flag that refused the exit stays set for good.
         time.sleep(0.3)
         self.assertIsNone(dev.proc.poll())
-
-    def test_mobile_app_mark_refuses_the_code(self):
-        for mark in (b"MAPP", b"mapp,FR\n"):
-            with self.subTest(mark=mark):
-                self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", "US")])})
-                dev = self.device(CC_STORE)
-                dev.touch(CC_CONFIGURED_BY, mark)
-                log = self.run_to_exit(dev)
-                self.assertIn("country code from tavel US is not valid\n", log)
-                self.assertEqual(dev.read(CC_CONFIGURED_BY, "rb"), mark)
-                self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
-
-    def test_unsupported_code_is_not_applied(self):
-        for code in ("FR", "USA"):
-            with self.subTest(code=code):
-                self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", code)])})
-                dev = self.device(CC_STORE)
-                log = self.run_to_exit(dev)
-                self.assertIn("country code from tavel %s is not valid\n" % code[:3], log)
-                self.assertFalse(dev.exists(CC_CONFIGURED_BY))
-                self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
 
 
 if __name__ == "__main__":

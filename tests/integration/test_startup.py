@@ -4,21 +4,40 @@ import os
 import subprocess
 import unittest
 
-from harness import (AGENT, CC_CONFIGURED_BY, CC_FILE, CLOUD_MARKER, FIREWALL_INSERT, FIREWALL_REMOVE, TZ_MARKER,
-                     Device, command)
+from harness import (AGENT, CC_CONFIGURED_BY, CC_FILE, CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT,
+                     FIREWALL_REMOVE, TZ_MARKER, Device, command)
 
-CONFIGURED = {
-    "Device.ManagementServer.URL": "https://acs.example.test:7547/cwmp",
-    "Device.ManagementServer.Username": "cpe",
-    "Device.ManagementServer.Password": "secret",
-    "Device.X_TAVEL_Cloud.L1URL": "https://l1.example.test",
-}
 NEEDED = "Connect to onBoardServer  ...  "
-EXIT_LINE = "Valid Management URL is present ... EXIT TavelAgent!!"
+CONFIGURED_EXIT = "Valid Management URL is present ... EXIT TavelAgent!!"
+# No role yet: a run that starts keeps polling for one, so the decision is all
+# a test sees of it.
+NO_ROLE = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
+CC_SYNC = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
+           "Device.DeviceInfo.X_TAVEL_SupportedCountries": "US,CA;DE"}
+MARKERS = (TZ_MARKER, CLOUD_MARKER)
+
+# name, store on top of the factory one, files present (a name, or a name and
+# its content), onboarding needed, a line the log must hold besides.
+DECISIONS = [
+    ("configured", CONFIGURED_STORE, MARKERS, False, "No Polling .... VALID URL Config preset Already ... EXIT"),
+    ("one cloud setting, factory management URL", {"Device.X_TAVEL_Cloud.RemoteAccessURL": "https://mapp.test"},
+     MARKERS, False, None),
+    ("no time-zone marker", CONFIGURED_STORE, (CLOUD_MARKER,), True, None),
+    ("no cloud marker", CONFIGURED_STORE, (TZ_MARKER,), True, None),
+    # The 300 s grace period for the ACS connection is 0.3 s here.
+    ("ACS connection failed", dict(CONFIGURED_STORE, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed"}),
+     MARKERS, True, " sleep for 5 mins over check cdp connectoin "),
+    ("country code sync, code not configured", dict(CONFIGURED_STORE, **CC_SYNC), MARKERS, True,
+     "dml get supported list success"),
+    ("country code sync, code configured", dict(CONFIGURED_STORE, **CC_SYNC), MARKERS + (CC_CONFIGURED_BY,), False,
+     None),
+    # Without the capability a parked code is not even looked at.
+    ("parked code, no sync capability", CONFIGURED_STORE, MARKERS + ((CC_FILE, b"US\n"),), False, None),
+]
 
 
 class StartupTest(unittest.TestCase):
-    def device(self, store=None, markers=(TZ_MARKER, CLOUD_MARKER)):
+    def device(self, store=None, markers=MARKERS):
         dev = Device(store)
         self.addCleanup(dev.close)
         for m in markers:
@@ -26,11 +45,9 @@ class StartupTest(unittest.TestCase):
         return dev
 
     def assert_onboarding_started(self, dev):
-        # A device without a role yet keeps the run polling, so the decision is
-        # all this test sees of it.
         log = dev.wait_log("TAVEL work mode is CFG... Waiting to take Role !!")
         self.assertIn(NEEDED, log)
-        self.assertNotIn(EXIT_LINE, log)
+        self.assertNotIn(CONFIGURED_EXIT, log)
         self.assertEqual(dev.iptables(), FIREWALL_INSERT)
         return log
 
@@ -65,8 +82,7 @@ class StartupTest(unittest.TestCase):
                 self.assertFalse(os.path.exists(os.path.join(cwd, "x")))
 
     def test_factory_device_onboards_even_with_all_markers(self):
-        dev = self.device({"Device.X_TAVEL_WiFiService.WorkMode": "CFG"},
-                          markers=(TZ_MARKER, CLOUD_MARKER, CC_CONFIGURED_BY))
+        dev = self.device(NO_ROLE, markers=MARKERS + (CC_CONFIGURED_BY,))
         dev.start()
         log = self.assert_onboarding_started(dev)
         order = ["TAVEL: Start", "TAVELAgent start...", "tavelInit Start", "Establishing handler for signal 10",
@@ -77,79 +93,46 @@ class StartupTest(unittest.TestCase):
         self.assertNotIn(-1, positions, positions)
         self.assertEqual(positions, sorted(positions))
 
-    def test_one_cloud_setting_without_management_url_exits(self):
-        dev = self.device({"Device.X_TAVEL_Cloud.RemoteAccessURL": "https://mapp.example.test"})
-        dev.start()
-        self.assertEqual(dev.wait_exit(), 0)
-        log = dev.log()
-        self.assertIn(EXIT_LINE, log)
-        self.assertIn("exitTavel !!!!", log)
-        self.assertNotIn(NEEDED, log)
-        self.assertEqual(dev.iptables(), FIREWALL_INSERT + FIREWALL_REMOVE)
-
-    def test_configured_device_exits(self):
-        dev = self.device(CONFIGURED)
-        dev.start()
-        self.assertEqual(dev.wait_exit(), 0)
-        self.assertIn("No Polling .... VALID URL Config preset Already ... EXIT", dev.log())
-        self.assertIn(EXIT_LINE, dev.log())
-
-    def test_failed_acs_connection_onboards_after_its_grace_period(self):
-        store = dict(CONFIGURED, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed",
-                                    "Device.X_TAVEL_WiFiService.WorkMode": "CFG"})
-        dev = self.device(store)
-        dev.start(env={"TAVEL_TIME_SCALE": "1000"})
-        log = self.assert_onboarding_started(dev)
-        self.assertIn(" sleep for 5 mins over check cdp connectoin ", log)
+    def test_onboarding_needed_decision(self):
+        for name, store, files, needed, line in DECISIONS:
+            with self.subTest(name):
+                dev = self.device(dict(store, **NO_ROLE), markers=())
+                for f in files:
+                    dev.touch(*((f,) if isinstance(f, str) else f))
+                dev.start(env={"TAVEL_TIME_SCALE": "1000"})
+                if needed:
+                    log = self.assert_onboarding_started(dev)
+                else:
+                    self.assertEqual(dev.wait_exit(), 0)
+                    log = dev.log()
+                    self.assertIn(CONFIGURED_EXIT, log)
+                    self.assertIn("exitTavel !!!!", log)
+                    self.assertNotIn(NEEDED, log)
+                    self.assertNotIn("Country code file is present", log)
+                    self.assertEqual(dev.iptables(), FIREWALL_INSERT + FIREWALL_REMOVE)
+                if line:
+                    self.assertIn(line, log)
+                dev.close()
 
     def test_acs_recovering_during_grace_period_means_no_onboarding(self):
-        store = dict(CONFIGURED, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSRetryReq"})
+        store = dict(CONFIGURED_STORE, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSRetryReq"})
         dev = self.device(store)
         # 300 s at this scale is 3 s: time enough to mend the status.
         dev.start(env={"TAVEL_TIME_SCALE": "100"})
         dev.wait_log(" sleep for 5 mins to give time for CDP connetion to complete")
-        dev.write_store(dict(CONFIGURED, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnected"}))
+        dev.write_store(dict(store, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnected"}))
         self.assertEqual(dev.wait_exit(), 0)
-        self.assertIn(EXIT_LINE, dev.log())
-
-    def test_missing_marker_onboards(self):
-        for present in ((CLOUD_MARKER,), (TZ_MARKER,)):
-            with self.subTest(present=present):
-                dev = self.device(dict(CONFIGURED, **{"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}),
-                                  markers=present)
-                dev.start()
-                self.assert_onboarding_started(dev)
-
-    def test_country_code_sync_decides_by_marks(self):
-        store = dict(CONFIGURED, **{"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
-                                    "Device.DeviceInfo.X_TAVEL_SupportedCountries": "US,CA;DE",
-                                    "Device.X_TAVEL_WiFiService.WorkMode": "CFG"})
-        dev = self.device(store)
-        dev.start()
-        log = self.assert_onboarding_started(dev)
-        self.assertIn("dml get supported list success", log)
-
-        dev = self.device(store, markers=(TZ_MARKER, CLOUD_MARKER, CC_CONFIGURED_BY))
-        dev.start()
-        self.assertEqual(dev.wait_exit(), 0)
-        self.assertIn(EXIT_LINE, dev.log())
-
-    def test_country_files_ignored_without_sync_capability(self):
-        dev = self.device(CONFIGURED)
-        dev.touch(CC_FILE, b"US\n")
-        dev.start()
-        self.assertEqual(dev.wait_exit(), 0)
-        self.assertNotIn("Country code file is present", dev.log())
+        self.assertIn(CONFIGURED_EXIT, dev.log())
 
     def test_parked_country_code_is_read_back_and_agent_stays(self):
-        store = dict(CONFIGURED, **{"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
-                                    "Device.DeviceInfo.X_TAVEL_SupportedCountries": "us,CA;DE"})
+        store = dict(CONFIGURED_STORE, **{"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
+                                          "Device.DeviceInfo.X_TAVEL_SupportedCountries": "us,CA;DE"})
         dev = self.device(store)
         dev.touch(CC_FILE, b"US\n")
         dev.start()
         log = dev.wait_log("valid country code = US!!")
         self.assertIn("Country code file is present, Reading from the file!!", log)
-        self.assertNotIn(EXIT_LINE, log)
+        self.assertNotIn(CONFIGURED_EXIT, log)
         self.assertIsNone(dev.proc.poll())
 
 

@@ -1,15 +1,13 @@
-"""tavelctl dml get/set/unset/dump against a store under a temporary TAVEL_ROOT."""
+"""tavelctl dml get/set/unset/dump against a store under a temporary TAVEL_ROOT,
+and the same store read and written by tools/tavelsim.py, which the other
+tests and the demo use."""
 
 import os
 import shutil
-import subprocess
 import tempfile
 import unittest
 
-from harness import command
-
-BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
-TAVELCTL = os.path.join(BUILD_DIR, "tavelctl")
+from harness import TAVELCTL, run_binary, tavelsim
 
 
 class TavelctlDmlTest(unittest.TestCase):
@@ -19,8 +17,7 @@ class TavelctlDmlTest(unittest.TestCase):
         self.store = os.path.join(self.root, "flash", "dml", "datamodel.conf")
 
     def run_ctl(self, *args):
-        env = dict(os.environ, TAVEL_ROOT=self.root)
-        return subprocess.run(command(TAVELCTL, "dml", *args), env=env, capture_output=True, timeout=30)
+        return run_binary(TAVELCTL, "dml", *args, env=dict(os.environ, TAVEL_ROOT=self.root), text=False)
 
     def write_store(self, text):
         os.makedirs(os.path.dirname(self.store), exist_ok=True)
@@ -35,6 +32,7 @@ class TavelctlDmlTest(unittest.TestCase):
         r = self.run_ctl("get", "Device.B")
         self.assertEqual(r.returncode, 0, r.stderr)
         self.assertEqual(r.stdout, value.encode() + b"\n")
+        self.assertEqual(tavelsim.read_store(self.store), {"Device.A": "1", "Device.B": value})
 
         r = self.run_ctl("dump")
         self.assertEqual(r.returncode, 0, r.stderr)
@@ -45,6 +43,17 @@ class TavelctlDmlTest(unittest.TestCase):
         self.assertEqual(self.run_ctl("unset", "Device.A").returncode, 0)
         self.assertEqual(self.run_ctl("get", "Device.A").stdout, b"\n")
         self.assertEqual(self.run_ctl("dump").stdout.count(b"\n"), 1)
+
+        # The store of the other tests and the demo (tools/tavelsim.py) against
+        # the stand-in's: what one writes the other reads alike, and both skip
+        # malformed lines and the later lines of a name.
+        tavelsim.write_store(self.store, {"Device.C": value})
+        with open(self.store, "a") as f:
+            f.write("bad name=1\n=2\nDevice.C=later\nDevice.E=a\\x\\\n")
+        read = tavelsim.read_store(self.store)
+        self.assertEqual(read, {"Device.C": value, "Device.E": "a\\x\\"})
+        for name, stored in read.items():
+            self.assertEqual(self.run_ctl("get", name).stdout, stored.encode() + b"\n")
 
     def test_absent_parameter_and_missing_store_print_an_empty_line(self):
         r = self.run_ctl("get", "Device.Missing")

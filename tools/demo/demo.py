@@ -17,7 +17,6 @@ import argparse
 import json
 import os
 import re
-import shlex
 import shutil
 import signal
 import subprocess
@@ -28,17 +27,16 @@ import time
 
 SOURCE_DIR = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 OBSIM = os.path.join(SOURCE_DIR, "tools", "obsim", "obsim.py")
-# Words put in front of the agent's and tavelctl's command lines, as in the
-# integration tests, so binaries built for another architecture run through a
-# user-mode emulator (e.g. TAVEL_EMULATOR="qemu-arm -L /").
-EMULATOR = shlex.split(os.environ.get("TAVEL_EMULATOR", ""))
+sys.path.insert(0, os.path.join(SOURCE_DIR, "tools"))
+from tavelsim import (AGENT_LOG, CA_PATH_MAX, CC_CONFIGURED_BY, CC_FILE, CLOUD_MARKER,  # noqa: E402
+                      FACTORY_ACS_URL, HISTORY_LOG, IPTABLES_LOG, MAPPING_FILE, ONBOARDING_IN_PROGRESS, STORE_FILE,
+                      TZ_MARKER, PrivateBus, Sandbox, run_binary)
 
 DEFAULT_SCALE = 600  # the 1800-s country-code wait takes 3 s, the 60-s time-zone pause 0.1 s
 DEFAULT_TIMEOUT = 25.0
 FAILING_WATCH = 6.0  # how long a failing server is watched before the demo stops the agent
 MAPP_GRACE = 0.5  # how long the agent is watched still refusing to exit after the parked code is applied
 
-FACTORY_ACS_URL = "https://acs.tavel.invalid:7754"
 API_KEY = "obk-7f3a9c21d4e85b60"
 SERIAL = "TVG4A2190013"
 ACS_URL = "https://acs.operator.example:7547/cwmp"
@@ -76,42 +74,7 @@ REPLY_HEADERS = [
     "kprconfigapikey: %s\r\n" % CONFIG_API_KEY,
 ]
 
-TZ_MARKER = "flash/mcq/tavel/timezoneconfigdone.txt"
-CLOUD_MARKER = "flash/mcq/tavel/KPRCConfigdone.txt"
-CC_CONFIGURED_BY = "configs/cc_configured_by"
-CC_PARKED = "flash/cc_from_tavel"
-MAPP_IN_PROGRESS = "tmp/onboarding_in_progress"
-MAPPING_FILE = "usr/configs/timezonemapping.csv"
-STORE_FILE = "flash/dml/datamodel.conf"
-AGENT_LOG = "var/log/tavel.log"
-HISTORY_LOG = "var/log/history.log"
-IPTABLES_LOG = "iptables.log"
-MARKERS = [TZ_MARKER, CLOUD_MARKER, CC_CONFIGURED_BY, CC_PARKED, MAPP_IN_PROGRESS]
-
-# Each command is stamped with the wall clock when it runs, so the timeline
-# can place it exactly among the agent's log lines.
-RECORDING_IPTABLES = """#!/bin/sh
-# Records what the agent asks of the firewall; the host's is never touched.
-printf '%s %s\\n' "$(date +%s.%N)" "$*" >> "$TAVEL_ROOT/iptables.log"
-exit 0
-"""
-
-BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-"""
-
-ROOT_CHARS = re.compile(r"^[A-Za-z0-9/._-]{1,256}$")
-CA_PATH_MAX = 27  # the agent keeps the CA path in a 28-byte field
+MARKERS = [TZ_MARKER, CLOUD_MARKER, CC_CONFIGURED_BY, CC_FILE, ONBOARDING_IN_PROGRESS]
 
 
 class DemoError(Exception):
@@ -204,48 +167,6 @@ class Masker:
         return text
 
 
-# ---------------------------------------------------------------- store
-
-def escape_store(value):
-    return value.replace("\\", "\\\\").replace("\n", "\\n").replace("\r", "\\r").replace("\t", "\\t")
-
-
-def unescape_store(raw):
-    out, i = [], 0
-    while i < len(raw):
-        if raw[i] == "\\" and i + 1 < len(raw) and raw[i + 1] in "\\nrt":
-            out.append({"\\": "\\", "n": "\n", "r": "\r", "t": "\t"}[raw[i + 1]])
-            i += 2
-        else:
-            out.append(raw[i])
-            i += 1
-    return "".join(out)
-
-
-def read_store(path):
-    """The store as an ordered dict of decoded values (first line of a name wins)."""
-    values = {}
-    try:
-        with open(path, "rb") as f:
-            text = f.read().decode("utf-8", "replace")
-    except FileNotFoundError:
-        return values
-    for line in text.split("\n"):
-        if not line or line.startswith("#") or "=" not in line:
-            continue
-        name, raw = line.split("=", 1)
-        values.setdefault(name, unescape_store(raw))
-    return values
-
-
-def write_store(path, values):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w") as f:
-        f.write("# simulated gateway, factory state\n")
-        for name, value in values.items():
-            f.write("%s=%s\n" % (name, escape_store(value)))
-
-
 # ---------------------------------------------------------------- watching
 
 class Tail:
@@ -325,7 +246,7 @@ class Watcher(threading.Thread):
             if after != before:
                 self.files[rel] = after
                 self.add("file", (rel, before, after), now)
-                if rel == CC_PARKED and after is not None:
+                if rel == CC_FILE and after is not None:
                     self.parked_seen = after
 
     def run(self):
@@ -346,33 +267,6 @@ class Watcher(threading.Thread):
 
 
 # ---------------------------------------------------------------- the world around the agent
-
-class PrivateBus:
-    """A dbus-daemon of the demo's own; the agent takes it for its system bus."""
-
-    def __init__(self, directory):
-        os.makedirs(directory, exist_ok=True)
-        config = os.path.join(directory, "bus.conf")
-        with open(config, "w") as f:
-            f.write(BUS_CONFIG.format(socket=os.path.join(directory, "bus")))
-        try:
-            self.proc = subprocess.Popen(["dbus-daemon", "--config-file=" + config, "--nofork", "--print-address"],
-                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
-        except FileNotFoundError:
-            raise DemoError("dbus-daemon is not installed (scripts/demo.sh installs it)")
-        self.address = self.proc.stdout.readline().decode().strip()
-        if not self.address:
-            err = self.proc.stderr.read().decode().strip()
-            self.close()
-            raise DemoError("dbus-daemon did not start: " + err)
-
-    def close(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            self.proc.wait(timeout=10)
-        self.proc.stdout.close()
-        self.proc.stderr.close()
-
 
 class Server:
     """obsim in a process of its own, answering with a scripted reply."""
@@ -462,6 +356,7 @@ class Demo:
         self.tavelctl = os.path.join(self.build_dir, "tavelctl")
         self.failing = args.server_status != 200
         self.bootstrap_status = 0 if args.bootstrap_fail else 1
+        self.device = None
         self.root = None
         self.ca_dir = None
         self.server = None
@@ -484,10 +379,12 @@ class Demo:
         for binary in (self.agent, self.tavelctl):
             if not os.access(binary, os.X_OK):
                 raise DemoError("%s is missing: build first (scripts/demo.sh does)" % binary)
-        self.root = tempfile.mkdtemp(prefix="tavel-demo-")
-        if not ROOT_CHARS.match(self.root):
-            raise DemoError("temporary directory %s is not a valid TAVEL_ROOT (A-Za-z0-9/._- only); "
-                            "set TMPDIR to a plain path" % self.root)
+        try:
+            self.device = Sandbox(prefix="tavel-demo-", stamped_iptables=True,
+                                  comment="simulated gateway, factory state")
+        except RuntimeError as err:
+            raise DemoError(str(err))
+        self.root = self.device.root
         # The CA path is cut at 27 characters by the agent, hence a short
         # directory of its own rather than one inside the device root.
         self.ca_dir = tempfile.mkdtemp(prefix="tvd", dir="/tmp")
@@ -499,40 +396,33 @@ class Demo:
         shutil.copyfile(os.path.join(self.server.dir, "ca.pem"), ca_path)
 
         self.before = factory_store(self.server.url(), ca_path)
-        write_store(self.path(STORE_FILE), self.before)
-        # Directories every device has; the agent creates only its own marker directory.
-        for d in ("configs", "tmp", "usr/configs", "var/log"):
-            os.makedirs(self.path(d), exist_ok=True)
-        with open(self.path(MAPPING_FILE), "w") as f:
-            f.write(MAPPING)
+        self.device.write_store(self.before)
+        self.device.touch(MAPPING_FILE, MAPPING.encode())
         if self.args.mapp:
-            open(self.path(MAPP_IN_PROGRESS), "w").close()
-        os.makedirs(self.path("bin"))
-        with open(self.path("bin/iptables"), "w") as f:
-            f.write(RECORDING_IPTABLES)
-        os.chmod(self.path("bin/iptables"), 0o755)
-        self.bus = PrivateBus(self.path("run/dbus"))
+            self.device.touch(ONBOARDING_IN_PROGRESS)
+        try:
+            self.bus = PrivateBus(directory=self.path("run/dbus"))
+        except FileNotFoundError:
+            raise DemoError("dbus-daemon is not installed (scripts/demo.sh installs it)")
+        except RuntimeError as err:
+            raise DemoError(str(err))
 
     def env(self):
-        env = dict(os.environ)
-        env["TAVEL_ROOT"] = self.root
-        env["PATH"] = self.path("bin") + os.pathsep + env.get("PATH", "")
-        env["TAVEL_TIME_SCALE"] = str(self.args.time_scale)
-        env["DBUS_SYSTEM_BUS_ADDRESS"] = self.bus.address
-        return env
+        """The agent's and tavelctl's variables on top of the device's own."""
+        return {"TAVEL_TIME_SCALE": str(self.args.time_scale), "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
 
     # ---- the run
 
     def account_arrived(self):
-        url = read_store(self.path(STORE_FILE)).get("Device.ManagementServer.URL", "")
+        url = self.device.store().get("Device.ManagementServer.URL", "")
         return url not in ("", FACTORY_ACS_URL)
 
     def send_bootstrap(self):
         """What the configuration manager does once the TR-069 client has its account."""
         self.watcher.add("demo", ("cfgmgr", "ACS account seen in the store: bootstrap status %d sent on the bus"
                                  % self.bootstrap_status))
-        result = subprocess.run(EMULATOR + [self.tavelctl, "bootstrap", str(self.bootstrap_status)], env=self.env(),
-                                capture_output=True, text=True, timeout=10, stdin=subprocess.DEVNULL)
+        result = run_binary(self.tavelctl, "bootstrap", str(self.bootstrap_status),
+                            env=self.device.env(self.env()), timeout=10)
         self.bootstrap_at = time.monotonic() - self.t0
         if result.returncode != 0:
             self.bootstrap_error = result.stderr.strip() or "tavelctl exited %d" % result.returncode
@@ -557,19 +447,12 @@ class Demo:
             self.proc.wait()
 
     def run(self):
-        out = open(self.path("agent.stdout"), "wb")
-        err = open(self.path("agent.stderr"), "wb")
         self.t0 = time.monotonic()
         self.t0_wall = time.time()
         self.watcher = Watcher(self.root, self.t0, self.t0_wall)
         self.watcher.add("demo", ("demo", "agent started (TAVEL_TIME_SCALE=%d)" % self.args.time_scale), 0.0)
         self.watcher.start()
-        try:
-            self.proc = subprocess.Popen(EMULATOR + [self.agent], env=self.env(), stdout=out, stderr=err,
-                                         stdin=subprocess.DEVNULL)
-        finally:
-            out.close()
-            err.close()
+        self.proc = self.device.spawn(self.agent, self.env())
         settled_at = None
         try:
             while True:
@@ -619,7 +502,7 @@ class Demo:
 
     def verdict(self, requests):
         """None when the onboarding really completed, else the reason."""
-        store = read_store(self.path(STORE_FILE))
+        store = self.device.store()
         gets = [r for r in requests if r.get("method") == "GET"]
         puts = [r for r in requests if r.get("method") == "PUT"]
         tls_errors = [r for r in requests if r.get("event") == "tls_error"]
@@ -848,7 +731,7 @@ def report(demo, out):
     mask = Masker([(API_KEY, "key"), (CONFIG_API_KEY, "key"), (ACS_PASSWORD, "password")])
     w = lambda text="": out.write(text + "\n")  # noqa: E731
     requests = demo.server.requests()
-    store = read_store(demo.path(STORE_FILE))
+    store = demo.device.store()
     args = demo.args
 
     def title(text):
@@ -924,8 +807,8 @@ def report(demo, out):
     title("Marker files")
     for rel, what in ((TZ_MARKER, "time zone configured"), (CLOUD_MARKER, "cloud settings configured"),
                       (CC_CONFIGURED_BY, "who set the country code"),
-                      (CC_PARKED, "country code parked for later"),
-                      (MAPP_IN_PROGRESS, "mobile-app onboarding running; the demo sets it with --mapp")):
+                      (CC_FILE, "country code parked for later"),
+                      (ONBOARDING_IN_PROGRESS, "mobile-app onboarding running; the demo sets it with --mapp")):
         p = demo.path(rel)
         if os.path.exists(p):
             with open(p, "rb") as f:
@@ -935,7 +818,7 @@ def report(demo, out):
             state = s("absent", "dim")
         w("  /%-42s %s  (%s)" % (rel, state, what))
     if demo.watcher.parked_seen is not None:
-        w("  the parked /%s held %s while the agent waited" % (CC_PARKED, show_bytes(demo.watcher.parked_seen)))
+        w("  the parked /%s held %s while the agent waited" % (CC_FILE, show_bytes(demo.watcher.parked_seen)))
 
     title("Firewall commands recorded (the host's firewall is never touched)")
     fw = [p for _, _, src, p in demo.watcher.events if src == "firewall"]
