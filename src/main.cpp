@@ -1,6 +1,7 @@
 // Process entry of tavelAgent: start-up, the onboarding-needed decision, and
 // the idle loop.  Everything after the decision runs on the timer thread
 // (main_timers.cpp) or on the bus thread (intf/tavel_service.cpp).
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
@@ -110,6 +111,12 @@ void tavelInit(void)
 
 int main()
 {
+#ifdef M_ARENA_MAX
+    // Three threads that mostly sleep need no arena each: the per-thread
+    // arenas would reserve 64 MiB of address space apiece on a 64-bit build
+    // (1 MiB on 32-bit) for a few kilobytes of use.
+    mallopt(M_ARENA_MAX, 1);
+#endif
     // The timer and stop signals are taken by the timer thread alone; every
     // thread created from here on (bus, libraries) inherits them blocked.
     tavel_blockAgentSignals();
@@ -138,7 +145,7 @@ int main()
         TAVEL_LOGD("tavelInit End ...  \n");
 
         pthread_t busThread;
-        if (pthread_create(&busThread, nullptr, busThreadMain, nullptr) != 0) {
+        if (tavel_startThread(&busThread, busThreadMain) != 0) {
             TAVEL_LOGE("PM pthread_create failed\n");
             exit(0);
         }

@@ -164,6 +164,9 @@ void connectToOnBoardServer(void)
 
     applyTimezone();
     applyCountryCode();
+    // The reply's buffers and the TLS session are gone; what follows may be
+    // days of waiting for the bootstrap signal.
+    tavel_releaseMemory();
 
     if (g_serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 && g_timerAliveFlag == 0) {
         TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_timerAliveFlag);
@@ -229,6 +232,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
     uploading = true;
     int code = httpPutToServer(&info);
     uploading = false;
+    tavel_releaseMemory();
     TAVEL_LOGN("Response code received from tavel server %d\n", code);
 
     if (code == 200) {

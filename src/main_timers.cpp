@@ -118,8 +118,7 @@ void initTimerSig(void)
     g_stopFd = signalfd(-1, &stopSet, SFD_CLOEXEC | SFD_NONBLOCK);
 
     pthread_mutex_lock(&g_startMutex);
-    if (g_timerFd >= 0 && g_stopFd >= 0 &&
-        pthread_create(&g_timerThread, nullptr, timerThreadMain, nullptr) == 0) {
+    if (g_timerFd >= 0 && g_stopFd >= 0 && tavel_startThread(&g_timerThread, timerThreadMain) == 0) {
         g_timerThreadStarted = true;
         while (g_timerThreadTid == 0) {
             pthread_cond_wait(&g_startCond, &g_startMutex);

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <ftw.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
@@ -103,6 +104,46 @@ DevicePath::DevicePath(const char *devicePath)
 int tavel_access(const char *devicePath)
 {
     return access(DevicePath(devicePath).c_str(), F_OK);
+}
+
+namespace
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TAVEL_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TAVEL_SANITIZED 1
+#endif
+#endif
+#ifdef TAVEL_SANITIZED
+// The sanitizers' instrumentation needs many times the stack of a plain
+// build; their builds keep the C library's default.
+constexpr size_t kThreadStack = 0;
+#else
+constexpr size_t kThreadStack = 256 * 1024;
+#endif
+} // namespace
+
+int tavel_startThread(pthread_t *thread, void *(*run)(void *))
+{
+    pthread_attr_t attr;
+    int rc = pthread_attr_init(&attr);
+    if (rc != 0) {
+        return rc;
+    }
+    if (kThreadStack != 0) {
+        pthread_attr_setstacksize(&attr, kThreadStack);
+    }
+    rc = pthread_create(thread, &attr, run, nullptr);
+    pthread_attr_destroy(&attr);
+    return rc;
+}
+
+void tavel_releaseMemory(void)
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 FdGuard::~FdGuard()

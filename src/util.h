@@ -6,6 +6,7 @@
 #ifndef TAVEL_UTIL_H
 #define TAVEL_UTIL_H
 
+#include <pthread.h>
 #include <stddef.h>
 #include <time.h>
 
@@ -112,6 +113,19 @@ public:
 private:
     int fd_;
 };
+
+/* ---- threads and memory ---- */
+
+/* Starts a thread of the agent with a stack sized to what its steps use:
+ * measured at about 20 KiB at the deepest (a TLS handshake, the largest
+ * platform records), so 256 KiB leaves ample headroom while reserving a
+ * thirtieth of the C library's default.  pthread_create's result. */
+int tavel_startThread(pthread_t *thread, void *(*run)(void *));
+
+/* Gives freed heap memory back to the system: called once the received
+ * settings are applied and once the status is reported, before the agent
+ * may idle for days on a device with little memory. */
+void tavel_releaseMemory(void);
 
 /* ---- bounded text ---- */
 
