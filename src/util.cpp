@@ -16,8 +16,6 @@
 
 #include <initializer_list>
 
-extern char **environ;
-
 void parseTimetoHourMinSec(const char *text, int *hour, int *minute, int *second)
 {
     char buf[64] = {0};
@@ -120,7 +118,7 @@ namespace
 // build; their builds keep the C library's default.
 constexpr size_t kThreadStack = 0;
 #else
-constexpr size_t kThreadStack = 256 * 1024;
+constexpr size_t kThreadStack = size_t{256} * 1024;
 #endif
 } // namespace
 
