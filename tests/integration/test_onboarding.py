@@ -1,7 +1,7 @@
 """The onboarding run of the real agent over real TLS against the server
 simulator: what a reply leads to, the request as the server sees it, the
 retry decisions for failed fetches, and the waits before the first fetch."""
-import glob
+import calendar
 import os
 import re
 import shutil
@@ -10,15 +10,14 @@ import time
 import unittest
 
 from harness import (CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE,
-                     NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, cert_dir, reply,
-                     wait_until)
+                     NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, cert_dir, clock_env, reply,
+                     set_clock, wait_until)
 
 FACTORY_ACS = "https://acs.tavel.invalid:7754"
 LAST_STEP = "Capability: country code sync is not applicable"
 DAY = 86400
 # Bounds of the non-transient delay: the base plus a jitter of 0 to 254 s.
 DAY_MAX = DAY + 254
-FAKETIME_LIB = next(iter(sorted(glob.glob("/usr/lib/*/faketime/libfaketime.so.1"))), None)
 
 
 def account(**override):
@@ -29,12 +28,6 @@ def account(**override):
         if value is not None:
             out.append((name, value))
     return out
-
-
-def set_clock(path, spec):
-    with open(path + ".tmp", "w") as f:
-        f.write(spec + "\n")
-    os.replace(path + ".tmp", path)
 
 
 def gaps(requests):
@@ -338,24 +331,19 @@ class FailureTest(OnboardingCase):
 
 
 class WaitTest(OnboardingCase):
-    @unittest.skipUnless(FAKETIME_LIB, "needs libfaketime (package faketime)")
     def test_no_fetch_while_the_clock_shows_1970(self):
         self.script({"get": reply(200, [("url", "NA"), ("timezone", "101")])})
         dev = self.device()
-        # The clock is read from a file the test rewrites, as NTP would set
-        # it; the real time afterwards keeps the server certificate valid.
-        clock = dev.path("clock")
-        set_clock(clock, "@1970-06-01 00:00:00")
-        env = {"TZ": "UTC", "LD_PRELOAD": FAKETIME_LIB, "FAKETIME_TIMESTAMP_FILE": clock, "FAKETIME_NO_CACHE": "1",
-               # libfaketime comes ahead of an ASan runtime in the preload order.
-               "ASAN_OPTIONS": (os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":")}
+        # The agent's clock is set as NTP would set it; the real time
+        # afterwards keeps the server certificate valid.
+        env = clock_env(dev, calendar.timegm((1970, 6, 1, 0, 0, 0)))
         self.start(dev, 1000, env=env)
         wait_until(lambda: dev.log().count("TAVEL Waiting for system time !!\n") >= 20, 10, "clock polls")
         self.assertNotIn("TAVEL Got Valid Time", dev.log())
         self.assertEqual(self.server.requests(), [])
         self.assertIsNone(dev.proc.poll())
 
-        set_clock(clock, "+0")
+        set_clock(dev, None)
         self.assert_exits(dev, timeout=20)
         log = dev.log()
         self.assertGreater(log.find("TAVEL Got Valid Time ... Connecting to Ob Server !!\n"),
