@@ -1,8 +1,12 @@
-# Installs the systemd unit and the init script.  Runs at install time because
-# only then is the final prefix known (cmake --install --prefix, CPack), and
-# both files must name the directory the agent really lands in.
+# Installs the bus policy, the systemd unit and the init script.  Runs at
+# install time because only then is the final prefix known (cmake --install
+# --prefix, CPack): the unit and the init script must name the directory the
+# agent really lands in, and /usr keeps its configuration in /etc.  DESTDIR
+# staging is applied by file(INSTALL) and never appears in the files.
 # Set by the install(CODE) rule: TAVEL_PACKAGING_SOURCE_DIR,
-# TAVEL_PACKAGING_BINARY_DIR, TAVEL_INSTALL_SBINDIR (relative or absolute).
+# TAVEL_PACKAGING_BINARY_DIR, TAVEL_INSTALL_SBINDIR and TAVEL_INSTALL_DATADIR
+# (relative or absolute), TAVEL_DBUS_POLICY_DIR (empty: by version),
+# TAVEL_DBUS_LEGACY_POLICY (the bus reads SYSCONFDIR only).
 string(REGEX REPLACE "(.)/+$" "\\1" _tavel_prefix "${CMAKE_INSTALL_PREFIX}")
 if(IS_ABSOLUTE "${TAVEL_INSTALL_SBINDIR}")
   set(TAVEL_SBINDIR "${TAVEL_INSTALL_SBINDIR}")
@@ -16,6 +20,19 @@ if(_tavel_prefix STREQUAL "/usr")
 else()
   set(_tavel_sysconfdir "${_tavel_prefix}/etc")
 endif()
+if(TAVEL_DBUS_POLICY_DIR)
+  set(_tavel_policy_dir "${TAVEL_DBUS_POLICY_DIR}")
+elseif(TAVEL_DBUS_LEGACY_POLICY)
+  set(_tavel_policy_dir "${_tavel_sysconfdir}/dbus-1/system.d")
+else()
+  set(_tavel_policy_dir "${TAVEL_INSTALL_DATADIR}/dbus-1/system.d")
+endif()
+if(NOT IS_ABSOLUTE "${_tavel_policy_dir}")
+  set(_tavel_policy_dir "${_tavel_prefix}/${_tavel_policy_dir}")
+endif()
+file(INSTALL DESTINATION "${_tavel_policy_dir}" TYPE FILE
+     PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+     FILES "${TAVEL_PACKAGING_SOURCE_DIR}/dbus/velka.tavel.conf")
 
 # The unit's ExecStopPost= names iptables by absolute path, as older systemd needs.
 set(TAVEL_IPTABLES "/usr/sbin/iptables")

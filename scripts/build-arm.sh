@@ -6,8 +6,10 @@
 #   scripts/build-arm.sh            build
 #   scripts/build-arm.sh --test     build and test
 # TAVEL_ARM_IT="test_a test_b" names the integration test modules to run
-# (default: test_startup, and test_onboarding: the onboarding over TLS against
-# the server simulator, its happy path included).
+# (default: test_startup; test_onboarding: the onboarding over TLS against
+# the server simulator, its happy path included; test_y2038: a complete
+# onboarding with the clock in 2038 and 2040, which needs the 64-bit time_t
+# the project sets for 32-bit targets).
 #
 # MinSizeRel (-Os): the agent's work is network- and timer-bound, and the
 # device's flash is what is scarce; -O2 only buys speed nobody waits for.
@@ -28,17 +30,27 @@ start=$SECONDS
 phase() { echo "== $1 ($((SECONDS - start)) s)"; }
 
 phase "packages"
+# Host tools of the build and of the tests (integration: python3, dbus-daemon,
+# openssl; packaging: systemd-analyze, dpkg-shlibdeps).
+host_deps="cmake ninja-build pkg-config python3 dbus-daemon openssl systemd dpkg-dev"
+# shellcheck disable=SC2086
+missing=$(tavel_missing_packages $host_deps $TAVEL_ARM_DEPS)
+if [ -z "$missing" ]; then
+    echo "host packages: all present"
+else
+    echo "host packages to install:$missing"
+    if ! dpkg --print-foreign-architectures | grep -qx armhf; then
+        echo "enabling the armhf architecture in dpkg (dpkg --add-architecture armhf)"
+    fi
+fi
 if ! dpkg --print-foreign-architectures | grep -qx armhf; then
     [ "$(id -u)" -eq 0 ] || sudo=sudo
     ${sudo:-} dpkg --add-architecture armhf
     # The new architecture has no package lists yet.
     ${sudo:-} apt-get update -qq || true
 fi
-# Host tools of the build and of the tests (integration: python3, dbus-daemon,
-# openssl; packaging: systemd-analyze, dpkg-shlibdeps).
-host_deps="cmake ninja-build pkg-config python3 dbus-daemon openssl systemd dpkg-dev"
 # shellcheck disable=SC2086
-if ! tavel_ensure_packages $host_deps $TAVEL_ARM_DEPS; then
+if [ -n "$missing" ] && ! tavel_ensure_packages $missing; then
     # Multi-Arch "same" libraries must have one version on amd64 and armhf.
     # When the armhf lists of the security suite could not be fetched, the
     # amd64 candidates are newer than any armhf one and apt refuses; taking
@@ -46,7 +58,7 @@ if ! tavel_ensure_packages $host_deps $TAVEL_ARM_DEPS; then
     # shellcheck disable=SC1091
     codename=$(. /etc/os-release && echo "$VERSION_CODENAME")
     # shellcheck disable=SC2086
-    missing=$(tavel_missing_packages $host_deps $TAVEL_ARM_DEPS)
+    missing=$(tavel_missing_packages $missing)
     echo "retrying from the $codename suite:$missing" >&2
     [ "$(id -u)" -eq 0 ] || sudo=sudo
     # shellcheck disable=SC2086
@@ -73,8 +85,8 @@ else
     cmake --build "$dir" -j "$jobs" --target tavelAgent tavelctl
 fi
 
-# The record layouts asserted in dml.h, hbus.h and main.h hold for this
-# target only if it really is 32-bit ARM.
+# The record layouts asserted in src/platform_layout.cpp and main.h hold for
+# this target only if it really is 32-bit ARM.
 for bin in tavelAgent tavelctl; do
     header=$(arm-linux-gnueabihf-readelf -h "$dir/$bin")
     if ! grep -q 'Class:[[:space:]]*ELF32' <<<"$header" || ! grep -q 'Machine:[[:space:]]*ARM' <<<"$header"; then
@@ -107,7 +119,7 @@ ctest --test-dir "$dir" -L unit -j "$jobs" --output-on-failure || status=1
 phase "packaging check"
 ctest --test-dir "$dir" -L packaging --output-on-failure || status=1
 
-read -r -a modules <<<"${TAVEL_ARM_IT:-test_startup test_onboarding}"
+read -r -a modules <<<"${TAVEL_ARM_IT:-test_startup test_onboarding test_y2038}"
 phase "integration tests under qemu-arm: ${modules[*]}"
 regex="^it\\.($(IFS='|'; echo "${modules[*]}"))\$"
 if [ "$(ctest --test-dir "$dir" -N -R "$regex" | sed -n 's/^Total Tests: //p')" != "${#modules[@]}" ]; then

@@ -3,7 +3,11 @@
 # something has to be installed.
 TAVEL_DEPS="build-essential cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
   libcurl4-openssl-dev libdbus-1-dev dbus-daemon libgtest-dev googletest
-  openssl python3 faketime cppcheck clang-tidy clang-format systemd"
+  openssl python3 cppcheck clang-tidy clang-format systemd"
+
+# The toolchain matrix (scripts/matrix.sh): older and newer compilers than
+# the default ones, as vendor SDKs ship them.
+TAVEL_MATRIX_DEPS="g++-11 g++-12 clang-13 clang-16"
 
 # The 32-bit ARM cross build (scripts/build-arm.sh): Debian's cross compiler,
 # the target's libraries from the armhf multiarch archive, and user-mode qemu

@@ -2,9 +2,10 @@
  * Device data-model layer (dml_*) as the agent sees it.
  *
  * The records below are exchanged with the platform byte for byte, so their
- * sizes and field offsets are fixed; the asserts at the end pin them.  A real
- * platform supplies its own implementation of these functions; the project's
- * stand-in keeps the data model in a text file (see platform/dml).
+ * sizes and field offsets are fixed (the agent asserts them in
+ * src/platform_layout.cpp).  A real platform supplies its own implementation
+ * of these functions; the project's stand-in keeps the data model in a text
+ * file (see platform/dml).
  *
  * Every operation returns 0 on success and non-zero on failure.  On failure
  * the output record or buffer is left untouched.  Text outputs are always
@@ -138,37 +139,6 @@ void dmlLogError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 #ifdef __cplusplus
 }
-
-#include <cstddef>
-static_assert(sizeof(ManagementServerInfo) == 1537, "ManagementServerInfo layout");
-static_assert(offsetof(ManagementServerInfo, Username) == 1025, "ManagementServerInfo layout");
-static_assert(offsetof(ManagementServerInfo, Password) == 1281, "ManagementServerInfo layout");
-static_assert(sizeof(OnBoardingServerInfo) == 2215, "OnBoardingServerInfo layout");
-static_assert(offsetof(OnBoardingServerInfo, URL) == 1, "OnBoardingServerInfo layout");
-static_assert(offsetof(OnBoardingServerInfo, onBoardStatus) == 1026, "OnBoardingServerInfo layout");
-static_assert(offsetof(OnBoardingServerInfo, opDesc) == 1091, "OnBoardingServerInfo layout");
-static_assert(offsetof(OnBoardingServerInfo, subnetDesc) == 1124, "OnBoardingServerInfo layout");
-static_assert(offsetof(OnBoardingServerInfo, apiKey) == 1157, "OnBoardingServerInfo layout");
-static_assert(offsetof(OnBoardingServerInfo, acsConnStatus) == 2182, "OnBoardingServerInfo layout");
-static_assert(sizeof(NodeInfo) == 552, "NodeInfo layout");
-static_assert(offsetof(NodeInfo, serialNumber) == 83, "NodeInfo layout");
-static_assert(offsetof(NodeInfo, operatorId) == 472, "NodeInfo layout");
-static_assert(offsetof(NodeInfo, country) == 505, "NodeInfo layout");
-static_assert(sizeof(ModelCapability) == 68, "ModelCapability layout");
-static_assert(offsetof(ModelCapability, isCCSyncRequired) == 66, "ModelCapability layout");
-static_assert(sizeof(CountryEntry) == 69, "CountryEntry layout");
-static_assert(offsetof(CountryEntry, code) == 64, "CountryEntry layout");
-static_assert(offsetof(CountryGroup, countryCount) == 8, "CountryGroup layout");
-static_assert(sizeof(void *) != 4 || sizeof(CountryGroup) == 16, "CountryGroup layout (32-bit)");
-static_assert(sizeof(void *) != 4 || offsetof(CountryGroup, countries) == 12, "CountryGroup layout (32-bit)");
-static_assert(sizeof(void *) != 4 || offsetof(SupportedCountryList, groups) == 4,
-              "SupportedCountryList layout (32-bit)");
-static_assert(sizeof(KPRCConfigServer) == 1793, "KPRCConfigServer layout");
-static_assert(offsetof(KPRCConfigServer, URL) == 256, "KPRCConfigServer layout");
-static_assert(offsetof(KPRCConfigServer, flags) == 1792, "KPRCConfigServer layout");
-static_assert(sizeof(KPRCRAccessConfig) == 1024, "KPRCRAccessConfig layout");
-static_assert(sizeof(KPRCZoragentConfig) == 2048, "KPRCZoragentConfig layout");
-static_assert(offsetof(KPRCZoragentConfig, apiKey) == 1024, "KPRCZoragentConfig layout");
 #endif
 
 #endif

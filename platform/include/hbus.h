@@ -76,12 +76,6 @@ void hbusLogFatalReal(int line, const char *func, const char *fmt, ...) __attrib
 
 #ifdef __cplusplus
 }
-
-#include <cstddef>
-static_assert(offsetof(hbusSignalEntry, member) == 64, "hbusSignalEntry layout");
-static_assert(offsetof(hbusSignalEntry, handler) == 128, "hbusSignalEntry layout");
-static_assert(sizeof(void *) != 4 || sizeof(hbusSignalEntry) == 136, "hbusSignalEntry layout (32-bit)");
-static_assert(sizeof(void *) != 4 || offsetof(hbusSignalEntry, id) == 132, "hbusSignalEntry layout (32-bit)");
 #endif
 
 #endif

@@ -1,4 +1,5 @@
-// Stand-in for the platform log and the history-event log.
+// Stand-in for the platform log and the history-event log (platform_log.h).
+// The data-model and bus stand-ins define their own log calls on top of it.
 //
 // With TAVEL_ROOT set, records are appended to files under it so tests and
 // the demo can read them; otherwise they go to syslog as on a device without
@@ -17,9 +18,8 @@
 
 #include <string>
 
-#include "dml.h"
-#include "hbus.h"
 #include "platform_log.h"
+#include "vformat.h"
 
 namespace
 {
@@ -68,28 +68,9 @@ void appendRecord(const char *file, const std::string &record)
     close(fd);
 }
 
-std::string format(const char *fmt, va_list ap)
+__attribute__((format(printf, 3, 0))) void emit(int priority, const char *word, const char *fmt, va_list ap)
 {
-    va_list copy;
-    va_copy(copy, ap);
-    char small[512];
-    int n = vsnprintf(small, sizeof(small), fmt, copy);
-    va_end(copy);
-    if (n < 0) {
-        return std::string();
-    }
-    if (static_cast<size_t>(n) < sizeof(small)) {
-        return std::string(small, static_cast<size_t>(n));
-    }
-    std::string out(static_cast<size_t>(n) + 1, '\0');
-    vsnprintf(&out[0], out.size(), fmt, ap);
-    out.resize(static_cast<size_t>(n));
-    return out;
-}
-
-void emit(int priority, const char *word, const char *fmt, va_list ap)
-{
-    std::string msg = format(fmt, ap);
+    std::string msg = tavel::platform::vformat(fmt, ap);
     if (rootDir() == nullptr) {
         openlog("tavelAgent", LOG_PID | LOG_NDELAY, LOG_DAEMON);
         syslog(priority, "%s", msg.c_str());
@@ -124,30 +105,6 @@ const char *levelWord(int level)
 
 extern "C" {
 
-void dmlLogDebug(const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    emit(LOG_DEBUG, "debug", fmt, ap);
-    va_end(ap);
-}
-
-void dmlLogNotice(const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    emit(LOG_NOTICE, "notice", fmt, ap);
-    va_end(ap);
-}
-
-void dmlLogError(const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    emit(LOG_ERR, "error", fmt, ap);
-    va_end(ap);
-}
-
 void log_log(int level, const char * /*func*/, int /*line*/, const char *fmt, ...)
 {
     int priority = level < LOG_EMERG ? LOG_EMERG : (level > LOG_DEBUG ? LOG_DEBUG : level);
@@ -157,19 +114,11 @@ void log_log(int level, const char * /*func*/, int /*line*/, const char *fmt, ..
     va_end(ap);
 }
 
-void hbusLogFatalReal(int /*line*/, const char * /*func*/, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    emit(LOG_CRIT, "fatal", fmt, ap);
-    va_end(ap);
-}
-
 void event_log_log(int /*type*/, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    std::string msg = format(fmt, ap);
+    std::string msg = tavel::platform::vformat(fmt, ap);
     va_end(ap);
     if (rootDir() == nullptr) {
         openlog("tavelAgent", LOG_PID | LOG_NDELAY, LOG_DAEMON);

@@ -250,69 +250,59 @@ namespace
 struct CloudCheck {
     int (*get)(char *, size_t);
     size_t bufSize;
-    const char *current;
-    const char *empty;
-    const char *present;
-    const char *unreadable;
+    const char *name;    // as the "current" line names the setting
+    const char *what;    // as the other lines name it
+    const char *present; // what a set value is: "url" or "Apikey"
 };
 
 // A failed read counts as "not empty": onboarding is not started on the
-// strength of a data model that could not be read.
+// strength of a data model that could not be read.  The names go in as
+// arguments, so every format stays a literal the compiler checks.
 int isCloudSettingEmpty(const CloudCheck &c, const char *func)
 {
     char buf[1024] = {0};
     if (c.get(buf, c.bufSize) == 0) {
-        dmlLogNotice(c.unreadable, func, TAVEL_FILE, __LINE__);
+        dmlLogNotice(TAVEL_LOG_PREFIX "unable to get %s\n", func, TAVEL_FILE, __LINE__, c.what);
         return 0;
     }
-    dmlLogNotice(c.current, func, TAVEL_FILE, __LINE__, buf);
+    dmlLogNotice(TAVEL_LOG_PREFIX "current %s is [%s]\n", func, TAVEL_FILE, __LINE__, c.name, buf);
     if (buf[0] == '\0') {
-        dmlLogNotice(c.empty, func, TAVEL_FILE, __LINE__, buf);
+        dmlLogNotice(TAVEL_LOG_PREFIX " default value present go for polling ...%s %s\n", func, TAVEL_FILE,
+                     __LINE__, c.what, buf);
         return 1;
     }
-    dmlLogNotice(c.present, func, TAVEL_FILE, __LINE__, buf);
+    dmlLogNotice(TAVEL_LOG_PREFIX " valid %s present no need to poll ...%s %s\n", func, TAVEL_FILE,
+                 __LINE__, c.present, c.what, buf);
     return 0;
 }
 
 } // namespace
 
-// The formats are built here, literal by literal, so the compiler still checks
-// them against their single argument.
-#define CLOUD_CHECK(getter, size, name, what)                                                                \
-    CloudCheck                                                                                               \
-    {                                                                                                        \
-        getter, size, TAVEL_LOG_PREFIX "current " name " is [%s]\n",                                         \
-            TAVEL_LOG_PREFIX " default value present go for polling ..." what " %s\n",                       \
-            TAVEL_LOG_PREFIX " valid url present no need to poll ..." what " %s\n",                          \
-            TAVEL_LOG_PREFIX "unable to get " what "\n"                                                      \
-    }
-
 int tavel_isL1ClouldUrlEmpty(void)
 {
-    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getL1ClouldURL, 1024, "L1ClouldURL", "l1ClouldUrl"),
+    return isCloudSettingEmpty({tavel_intf_getL1ClouldURL, 1024, "L1ClouldURL", "l1ClouldUrl", "url"},
                                __func__);
 }
 
 int tavel_isL2ClouldUrlEmpty(void)
 {
-    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getL2ClouldURL, 1024, "L2ClouldURL", "l2ClouldUrl"),
+    return isCloudSettingEmpty({tavel_intf_getL2ClouldURL, 1024, "L2ClouldURL", "l2ClouldUrl", "url"},
                                __func__);
 }
 
 int tavel_isRMAPPUrlEmpty(void)
 {
-    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getRMAPPURL, 1024, "mappUrl", "mappUrl"), __func__);
+    return isCloudSettingEmpty({tavel_intf_getRMAPPURL, 1024, "mappUrl", "mappUrl", "url"}, __func__);
 }
 
 int tavel_isKPRconfigUrlEmpty(void)
 {
-    return isCloudSettingEmpty(CLOUD_CHECK(tavel_intf_getkprconfigUrl, 256, "kprConfigUrl", "kprConfigUrl"),
+    return isCloudSettingEmpty({tavel_intf_getkprconfigUrl, 256, "kprConfigUrl", "kprConfigUrl", "url"},
                                __func__);
 }
 
 int tavel_isKPRconfigApikeyEmpty(void)
 {
-    CloudCheck c = CLOUD_CHECK(tavel_intf_getkprconfigApikey, 256, "kprConfigApikey", "kprConfigApikey");
-    c.present = TAVEL_LOG_PREFIX " valid Apikey present no need to poll ...kprConfigApikey %s\n";
-    return isCloudSettingEmpty(c, __func__);
+    return isCloudSettingEmpty(
+        {tavel_intf_getkprconfigApikey, 256, "kprConfigApikey", "kprConfigApikey", "Apikey"}, __func__);
 }

@@ -1,5 +1,6 @@
 // The agent's presence on the device bus: its name, the dummyFunction method
 // and the signal table that routes the six subscribed signals.
+#include <cstddef>
 #include <new>
 
 #include "tavel_service.h"

@@ -386,3 +386,40 @@ def build_sanitizer():
     except OSError:
         pass
     return ""
+
+
+# ---- the agent's clock ----
+# tests/tools/clockshift.c, built for the target: moves the wall clock of the
+# agent's own code by the seconds in a file, read again on every read of the
+# clock; libraries such as OpenSSL keep the real clock.
+CLOCK_SHIFT_LIB = os.path.join(BUILD_DIR, "tests", "clockshift.so")
+
+
+def set_clock(dev, when):
+    """Sets the agent's clock to `when` (seconds since the epoch; None: the
+    real time) from now on, as NTP would."""
+    path = dev.path("clock.shift")
+    with open(path + ".tmp", "w") as f:
+        f.write("0\n" if when is None else "%d\n" % (when - int(time.time())))
+    os.replace(path + ".tmp", path)
+
+
+def clock_env(dev, when):
+    """The environment that starts the agent with its clock at `when`."""
+    set_clock(dev, when)
+    env = {"TZ": "UTC", "TAVEL_CLOCK_SHIFT_FILE": dev.path("clock.shift"),
+           "TAVEL_CLOCK_TRACE": dev.path("clock.trace"),
+           # The shim comes ahead of an ASan runtime in the preload order.
+           "ASAN_OPTIONS": (os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":")}
+    # Under a user-mode emulator the shim must reach the target process, not
+    # the emulator.
+    if EMULATOR and os.path.basename(EMULATOR[0]).startswith("qemu-"):
+        env["QEMU_SET_ENV"] = "LD_PRELOAD=" + CLOCK_SHIFT_LIB
+    else:
+        env["LD_PRELOAD"] = CLOCK_SHIFT_LIB
+    return env
+
+
+def clock_reads(dev):
+    """The seconds the agent read first through each clock entry point."""
+    return [int(line.split()[1]) for line in dev.read("clock.trace").splitlines()]

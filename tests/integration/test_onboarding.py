@@ -1,44 +1,20 @@
 """The onboarding run of the real agent over real TLS against the server
 simulator: what a reply leads to, the request as the server sees it, the
 retry decisions for failed fetches, and the waits before the first fetch."""
-import glob
+import calendar
 import os
 import shutil
 import socket
-import struct
 import time
 import unittest
 
-from harness import (AGENT, CLOUD_MARKER, CONFIGURED_STORE, FACTORY_ACS_URL as FACTORY_ACS, FIREWALL_INSERT,
+from harness import (CLOUD_MARKER, CONFIGURED_STORE, FACTORY_ACS_URL as FACTORY_ACS, FIREWALL_INSERT,
                      FIREWALL_REMOVE, LAST_STEP, LOCAL_PORTS, NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS,
-                     ServerCase, cert_dir, gaps, reply, retry_lines, wait_until)
+                     ServerCase, cert_dir, clock_env, gaps, reply, retry_lines, set_clock, wait_until)
 
 DAY = 86400
 # Bounds of the non-transient delay: the base plus a jitter of 0 to 254 s.
 DAY_MAX = DAY + 254
-
-
-def elf_target(path):
-    """What a library must share with a program to be loaded into it: ELF
-    class, byte order, machine and, on ARM, the float ABI (armel and armhf
-    differ there only).  None for a file that is not ELF."""
-    try:
-        with open(path, "rb") as f:
-            head = f.read(52)
-    except OSError:
-        return None
-    if len(head) < 52 or head[:4] != b"\x7fELF":
-        return None
-    order = "<" if head[5] == 1 else ">"
-    machine = struct.unpack_from(order + "H", head, 18)[0]
-    flags = struct.unpack_from(order + "I", head, 48 if head[4] == 2 else 36)[0]
-    return head[4], head[5], machine, flags & 0x600 if machine == 40 else 0
-
-
-# A multiarch host may hold libfaketime for several architectures: the one
-# preloaded must be the agent's own (under TAVEL_EMULATOR, the target's).
-FAKETIME_LIB = next((lib for lib in sorted(glob.glob("/usr/lib/*/faketime/libfaketime.so.1"))
-                     if elf_target(AGENT) is not None and elf_target(lib) == elf_target(AGENT)), None)
 
 
 def account(**override):
@@ -49,12 +25,6 @@ def account(**override):
         if value is not None:
             out.append((name, value))
     return out
-
-
-def set_clock(path, spec):
-    with open(path + ".tmp", "w") as f:
-        f.write(spec + "\n")
-    os.replace(path + ".tmp", path)
 
 
 class OnboardingCase(ServerCase):
@@ -348,24 +318,19 @@ class FailureTest(OnboardingCase):
 
 
 class WaitTest(OnboardingCase):
-    @unittest.skipUnless(FAKETIME_LIB, "needs libfaketime (package faketime)")
     def test_no_fetch_while_the_clock_shows_1970(self):
         self.script({"get": reply(200, [("url", "NA"), ("timezone", "101")])})
         dev = self.device()
-        # The clock is read from a file the test rewrites, as NTP would set
-        # it; the real time afterwards keeps the server certificate valid.
-        clock = dev.path("clock")
-        set_clock(clock, "@1970-06-01 00:00:00")
-        env = {"TZ": "UTC", "LD_PRELOAD": FAKETIME_LIB, "FAKETIME_TIMESTAMP_FILE": clock, "FAKETIME_NO_CACHE": "1",
-               # libfaketime comes ahead of an ASan runtime in the preload order.
-               "ASAN_OPTIONS": (os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":")}
+        # The agent's clock is set as NTP would set it; the real time
+        # afterwards keeps the server certificate valid.
+        env = clock_env(dev, calendar.timegm((1970, 6, 1, 0, 0, 0)))
         self.start(dev, 1000, env=env)
         wait_until(lambda: dev.log().count("TAVEL Waiting for system time !!\n") >= 20, 10, "clock polls")
         self.assertNotIn("TAVEL Got Valid Time", dev.log())
         self.assertEqual(self.server.requests(), [])
         self.assertIsNone(dev.proc.poll())
 
-        set_clock(clock, "+0")
+        set_clock(dev, None)
         self.assert_exits(dev, timeout=20)
         log = dev.log()
         self.assertGreater(log.find("TAVEL Got Valid Time ... Connecting to Ob Server !!\n"),

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Installs a build tree into a temporary prefix and checks what lands there:
-# the files and their modes, the systemd unit (systemd-analyze verify and the
-# settings the agent relies on), the init script driven against a stand-in
-# daemon, and the Debian package.  Nothing outside a temporary directory is
-# touched.
+# Installs a build tree into temporary staging directories (DESTDIR) and
+# checks what lands there: the files, their modes and the final paths they
+# name, the systemd unit (systemd-analyze verify and the settings the agent
+# relies on), the init script driven against a stand-in daemon, and the
+# Debian package.  Nothing outside a temporary directory is touched.
 #   tests/packaging/check_install.sh BUILD_DIR
 set -euo pipefail
 build=$(cd "${1:?usage: check_install.sh BUILD_DIR}" && pwd)
@@ -20,20 +20,42 @@ fail() {
     failures=$((failures + 1))
 }
 
-# ---- staged install ----
+# ---- staged installs ----
+# As a packager stages: DESTDIR, with the final prefix.  The files land under
+# the staging directory but name the final paths only; a /usr installation
+# keeps its init script in /etc, any other in PREFIX/etc.
+staged_install() { # stage prefix sysconfdir
+    local stage=$1 prefix=$2 etc=$3 entry mode f
+    DESTDIR="$stage" cmake --install "$build" --prefix "$prefix" >"$tmp/install.log"
+    for entry in "755:$prefix/sbin/tavelAgent" "755:$prefix/bin/tavelctl" \
+        "644:$prefix/share/dbus-1/system.d/velka.tavel.conf" "644:$prefix/lib/systemd/system/tavelagent.service" \
+        "755:$etc/init.d/tavelagent"; do
+        mode=$(stat -c %a "$stage/${entry#*:}" 2>/dev/null) || mode=missing
+        [ "$mode" = "${entry%%:*}" ] || fail "${entry#*:} has mode $mode, expected ${entry%%:*} (prefix $prefix)"
+    done
+    [ -z "$(find "$stage" -type f ! -path "$stage$prefix/*" ! -path "$stage$etc/*")" ] ||
+        fail "files outside $prefix and $etc: $(find "$stage" -type f ! -path "$stage$prefix/*" ! -path "$stage$etc/*")"
+    [ "$(sed -n 's/^ExecStart=//p' "$stage$prefix/lib/systemd/system/tavelagent.service")" = "$prefix/sbin/tavelAgent" ] ||
+        fail "unit does not start $prefix/sbin/tavelAgent (prefix $prefix)"
+    grep -qx "DAEMON=\${DAEMON:-$prefix/sbin/tavelAgent}" "$stage$etc/init.d/tavelagent" ||
+        fail "init script does not run $prefix/sbin/tavelAgent (prefix $prefix)"
+    for f in "$stage$prefix/lib/systemd/system/tavelagent.service" "$stage$etc/init.d/tavelagent"; do
+        if grep -Fq "$stage" "$f"; then fail "$f names the staging directory"; fi
+    done
+}
+staged_install "$tmp/opt" /opt/tavel /opt/tavel/etc
 stage="$tmp/stage"
-cmake --install "$build" --prefix "$stage" >"$tmp/install.log"
-for entry in 755:sbin/tavelAgent 755:bin/tavelctl 644:share/dbus-1/system.d/velka.tavel.conf \
-    644:lib/systemd/system/tavelagent.service 755:etc/init.d/tavelagent; do
-    mode=$(stat -c %a "$stage/${entry#*:}" 2>/dev/null) || mode=missing
-    [ "$mode" = "${entry%%:*}" ] || fail "${entry#*:} has mode $mode, expected ${entry%%:*}"
-done
+staged_install "$stage" /usr /etc
 
 # ---- systemd unit ----
-unit="$stage/lib/systemd/system/tavelagent.service"
+unit="$stage/usr/lib/systemd/system/tavelagent.service"
 if [ -f "$unit" ]; then
-    # verify exits 0 on settings it merely ignores; any message counts.
-    if ! out=$(systemd-analyze verify "$unit" 2>&1) || [ -n "$out" ]; then
+    # verify exits 0 on settings it merely ignores; any message counts.  It
+    # also wants the agent at the path the unit names: a copy names the
+    # staged one.
+    mkdir -p "$tmp/verify"
+    sed "s|^ExecStart=/usr/|ExecStart=$stage/usr/|" "$unit" >"$tmp/verify/tavelagent.service"
+    if ! out=$(systemd-analyze verify "$tmp/verify/tavelagent.service" 2>&1) || [ -n "$out" ]; then
         fail "systemd-analyze verify: ${out:-non-zero exit}"
     fi
     # The last assignment of a key is the one systemd uses.
@@ -41,7 +63,7 @@ if [ -f "$unit" ]; then
     [ "$(setting Type)" = simple ] || fail "Type is '$(setting Type)', expected simple"
     # The agent exits 0 when done: restarting on success would loop for ever.
     [ "$(setting Restart)" = on-failure ] || fail "Restart is '$(setting Restart)', expected on-failure"
-    [ "$(setting ExecStart)" = "$stage/sbin/tavelAgent" ] ||
+    [ "$(setting ExecStart)" = /usr/sbin/tavelAgent ] ||
         fail "ExecStart is '$(setting ExecStart)', expected the installed agent without arguments"
     for dep in dbus.service network-online.target; do
         grep -Eq "^After=(.* )?$dep( |$)" "$unit" || fail "unit is not ordered after $dep"
@@ -54,7 +76,6 @@ fi
 # ---- init script, driven against a stand-in daemon ----
 init="$stage/etc/init.d/tavelagent"
 if [ -f "$init" ]; then
-    grep -q "^DAEMON=\${DAEMON:-$stage/sbin/tavelAgent}$" "$init" || fail "init script does not run the installed agent"
     if command -v dash >/dev/null; then dash -n "$init" || fail "init script is not POSIX sh"; fi
 
     # The stand-in behaves as $tmp/mode says: run until stopped, exit 0 at
@@ -73,6 +94,11 @@ while :; do sleep 1; done
 STUB
     chmod 755 "$daemon"
     export DAEMON="$daemon" PIDFILE="$tmp/run/tavelagent.pid" STOP_TIMEOUT=5
+    # stop removes the firewall rules through PATH: never the host's firewall.
+    mkdir -p "$tmp/fw"
+    printf '#!/bin/sh\nexit 0\n' >"$tmp/fw/iptables"
+    chmod 755 "$tmp/fw/iptables"
+    export PATH="$tmp/fw:$PATH"
     mkdir -p "$tmp/run"
     run_init() { # expected-status action
         local rc=0
@@ -142,6 +168,17 @@ if command -v dpkg-deb >/dev/null; then
             grep -qx 'ExecStart=/usr/sbin/tavelAgent' || fail "packaged unit does not start /usr/sbin/tavelAgent"
         dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/init.d/tavelagent ||
             fail "the init script is not a conffile"
+        # The packaged (stripped) binaries keep the build's hardening.
+        if grep -q '^TAVEL_HARDEN:BOOL=ON$' "$build/CMakeCache.txt" &&
+            grep -q '^TAVEL_SANITIZE:STRING=$' "$build/CMakeCache.txt" &&
+            grep -Eq '^CMAKE_BUILD_TYPE:STRING=(Release|RelWithDebInfo|MinSizeRel)$' "$build/CMakeCache.txt"; then
+            readelf=$(sed -n 's/^CMAKE_READELF:FILEPATH=//p' "$build/CMakeCache.txt")
+            mkdir -p "$tmp/unpacked"
+            dpkg-deb -x "$deb" "$tmp/unpacked"
+            bash "$(dirname "$0")/check_hardening.sh" --readelf "${readelf:-readelf}" \
+                "$tmp/unpacked/usr/sbin/tavelAgent" "$tmp/unpacked/usr/bin/tavelctl" >"$tmp/hardening.log" ||
+                fail "packaged binaries lack hardening: $(grep MISSING "$tmp/hardening.log")"
+        fi
     else
         fail "cpack produced no package"
     fi

@@ -1,0 +1,50 @@
+// The data-model layer's log calls (dml.h).  On the device this layer owns
+// them; the stand-in hands each formatted message to the platform log, which
+// writes the level word the agent's log readers expect.
+#include <stdarg.h>
+#include <syslog.h>
+
+#include <string>
+
+#include "dml.h"
+#include "platform_log.h"
+#include "vformat.h"
+
+namespace
+{
+
+__attribute__((format(printf, 2, 0))) void dmlLog(int level, const char *fmt, va_list ap)
+{
+    std::string msg = tavel::platform::vformat(fmt, ap);
+    log_log(level, "dml", 0, "%s", msg.c_str());
+}
+
+} // namespace
+
+extern "C" {
+
+void dmlLogDebug(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    dmlLog(LOG_DEBUG, fmt, ap);
+    va_end(ap);
+}
+
+void dmlLogNotice(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    dmlLog(LOG_NOTICE, fmt, ap);
+    va_end(ap);
+}
+
+void dmlLogError(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    dmlLog(LOG_ERR, fmt, ap);
+    va_end(ap);
+}
+
+} // extern "C"
