@@ -64,8 +64,8 @@ constexpr const char kConfigApiKey[] = "Device.X_TAVEL_Cloud.ConfigAPIKey";
 
 // Runs fill on the store for one operation; -1 without calling it when the
 // store cannot be read or the operation's fault line is set.  Other threads'
-// calls wait while fill runs.
-template <typename Fill> int read(const char *operation, Fill &&fill)
+// calls wait while fill runs.  Not a template: one copy for every getter.
+int readWith(const char *operation, void (*fill)(const Store &, void *), void *context)
 {
     std::string error;
     {
@@ -74,12 +74,19 @@ template <typename Fill> int read(const char *operation, Fill &&fill)
             if (store->faultSet(operation)) {
                 return -1;
             }
-            fill(*store);
+            fill(*store, context);
             return 0;
         }
     }
     dmlLogError("dml: %s: %s\n", operation, error.c_str());
     return -1;
+}
+
+template <typename Fill> int read(const char *operation, Fill &&fill)
+{
+    return readWith(
+        operation, [](const Store &store, void *f) { (*static_cast<Fill *>(f))(store); },
+        static_cast<void *>(&fill));
 }
 
 int save(const char *operation, const std::vector<Change> &changes)

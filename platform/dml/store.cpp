@@ -638,8 +638,13 @@ Store::Plan Store::plan(const std::vector<Change> &changes) const
             plan.appends.push_back(&change);
         }
     }
-    std::sort(plan.edits.begin(), plan.edits.end(),
-              [](const Plan::Edit &a, const Plan::Edit &b) { return a.line < b.line; });
+    // In line order.  Edits are few (a line per change, more only for a
+    // removed parameter that has duplicates), so an insertion sort does.
+    for (size_t i = 1; i < plan.edits.size(); ++i) {
+        for (size_t j = i; j > 0 && plan.edits[j - 1].line > plan.edits[j].line; --j) {
+            std::swap(plan.edits[j - 1], plan.edits[j]);
+        }
+    }
     return plan;
 }
 
