@@ -6,12 +6,17 @@ header lines and CA file against the same local server simulator:
   min   bench/ref_min.c: libcurl and the two transfers, nothing else
   curl  bench/ref_curl.sh: the curl command-line tool, once per request
 
-Figures: peak RSS (ru_maxrss from wait4), instructions executed (callgrind's
-total, children not followed), time from exec to the GET reaching the server
-(median), CPU ticks while idling for the bootstrap signal, processes forked
-during one onboarding (strace), stripped binary size.
+Headline figures (instruction counts and memory: stable on a shared host):
+instructions executed per onboarding with child processes (callgrind,
+--trace-children=yes), processes started (strace), private dirty memory and
+virtual size while the agent waits for the bootstrap signal (the minimal
+program's just before it exits), bytes written to the data-model store.
+Also: peak RSS, exec to GET (as ratios of medians from the same run), idle
+CPU ticks, stripped sizes.  Then a scale table: the onboarding with a store
+of 100 to 100,000 lines, and the time-zone lookup with a mapping file of 100
+to 100,000 lines.
 
-Prints a table and writes bench/results.json (or --json PATH).
+Prints markdown tables and writes bench/results.json (or --json PATH).
 Environment: TAVEL_BUILD_DIR (default build/), TAVEL_ARM_BUILD_DIR (default
 build-arm/, used for the ARM size when it holds a tavelAgent).
 """
@@ -34,12 +39,13 @@ sys.path.insert(0, os.path.join(SOURCE, "tests", "integration"))
 os.environ.setdefault("TAVEL_BUILD_DIR", os.path.join(SOURCE, "build"))
 
 import harness  # noqa: E402
+from busfixture import PrivateBus  # noqa: E402
 
 AGENT = os.path.abspath(harness.AGENT)
 ARM_DIR = os.environ.get("TAVEL_ARM_BUILD_DIR", os.path.join(SOURCE, "build-arm"))
 
-# Deliberate waits shrink below a millisecond: the 60 s time-zone pause takes
-# 0.6 ms, a 5 s poll 0.05 ms.
+# Deliberate waits (the 60 s time-zone pause, 5 s polls, back-off) shrink to
+# well under a millisecond.
 FAST_SCALE = "100000"
 GET_DONE = "httpGetUrlFromServer ret: "
 
@@ -50,9 +56,20 @@ def port_trouble(dev):
     return GET_DONE + "5000" in dev.log()
 
 
-TARGET_EXEC_TO_GET_MS = 20.0
-TARGET_INSTR_RATIO = 1.10
+TARGET_INSTR_RATIO = 1.15          # instructions with children, x min
+TARGET_DIRTY_RATIO = 1.05          # idle private dirty, x min at its exit
+TARGET_VMSIZE_KIB = 32 * 1024      # virtual size during the idle wait
+TARGET_EXEC_TO_GET_RATIO = 1.7     # x min
+TARGET_PROCESSES = 6               # the iptables runs
 TARGET_ARM_BYTES = 200 * 1024
+TARGET_STORE_PER_LINE = 3000       # instructions per store line per onboarding
+TARGET_STORE_100K = 400_000_000    # instructions per onboarding, 100,000-line store
+TARGET_MAPPING_100K = 150_000_000  # instructions of the lookup, 100,000 lines
+
+STORE_SIZES = (100, 1000, 10000, 100000)
+MAPPING_SIZES = (100, 10000, 100000)
+# The time-zone lookup, profiled on its own (callgrind --toggle-collect).
+LOOKUP_FUNCTION = "gettimezonecmd*"
 
 
 def log(msg):
@@ -64,7 +81,7 @@ class Bench:
         self.args = args
         self.work = tempfile.mkdtemp(prefix="tavel-bench-")
         self.onb = harness.Server(harness.FULL_SCRIPT)
-        self.bus = harness.PrivateBus()
+        self.bus = PrivateBus()
         self.ref_min = os.path.join(self.work, "ref_min")
         subprocess.run(["cc", "-O2", "-o", self.ref_min, os.path.join(HERE, "ref_min.c"), "-lcurl"], check=True)
         self.ref_curl = os.path.join(HERE, "ref_curl.sh")
@@ -127,12 +144,16 @@ class Bench:
             time.sleep(0.002)
         raise RuntimeError("no %s in %s" % (key, path))
 
-    def onboard_agent(self, prefix=(), idle=0.0, timeout=60, rss=False):
-        """One complete onboarding; returns (rusage, idle ticks, device).  A
-        fetch that failed at the transfer level (local port taken by a test
-        running alongside) is retried after a pause."""
+    def onboard_agent(self, prefix=(), idle=0.0, timeout=60, rss=False, prepare=None):
+        """One complete onboarding; returns a dict (maxrss, idle ticks,
+        VmHWM, private dirty and VmSize after the idle wait, the device).
+        prepare(dev) may change the device before the agent starts.  A fetch
+        that failed at the transfer level (local port taken by a test running
+        alongside) is retried after a pause."""
         for attempt in range(6):
             dev = self.onb.device()
+            if prepare is not None:
+                prepare(dev)
             self.onb.sim.clear_requests()
             argv = list(prefix) + [AGENT]
             if rss:
@@ -142,7 +163,7 @@ class Bench:
             apid = self.report(report, "pid") if rss else pid
             try:
                 harness.wait_until(lambda: harness.applied(dev) or port_trouble(dev) or os.waitpid(pid, os.WNOHANG)[0],
-                              timeout, "the account in the store")
+                                   timeout, "the account in the store")
             except BaseException:
                 os.kill(pid, signal.SIGKILL)
                 os.waitpid(pid, 0)
@@ -154,13 +175,16 @@ class Bench:
                 log("  local ports busy (another test?); waiting 5 s")
                 time.sleep(5)
                 continue
-            ticks = None
+            res = {"dev": dev, "ticks": None, "private_dirty": None, "vmsize": None}
             if idle > 0:
                 time.sleep(0.2)
-                before = harness.cpu_ticks(apid)
+                before = cpu_ticks(apid)
                 time.sleep(idle)
-                ticks = harness.cpu_ticks(apid) - before
-            hwm = vm_hwm(apid)
+                res["ticks"] = cpu_ticks(apid) - before
+                # Well into the wait for the bootstrap signal.
+                res["private_dirty"] = private_dirty(apid)
+                res["vmsize"] = status_kib(apid, "VmSize")
+            res["hwm"] = status_kib(apid, "VmHWM")
             if not harness.bootstrap(self.bus.env()):
                 raise RuntimeError("bootstrap signal not sent")
             status, usage = self.reap(pid, timeout)
@@ -169,12 +193,15 @@ class Bench:
             methods = [r.get("method") for r in self.onb.requests()]
             if methods != ["GET", "PUT"]:
                 raise RuntimeError("unexpected requests %r" % methods)
-            maxrss = self.report(report, "maxrss") if rss else None
-            return maxrss, ticks, hwm, dev
+            res["maxrss"] = self.report(report, "maxrss") if rss else None
+            return res
         raise RuntimeError("local ports stayed busy")
 
+    def ref_argv(self, which):
+        return ([self.ref_min] if which == "min" else ["sh", self.ref_curl]) + self.ref_args
+
     def run_ref(self, which, prefix=(), env=None, rss=False):
-        argv = list(prefix) + ([self.ref_min] if which == "min" else ["sh", self.ref_curl]) + self.ref_args
+        argv = list(prefix) + self.ref_argv(which)
         if rss:
             argv, report = self.wrapped(argv)
         for attempt in range(6):
@@ -190,37 +217,62 @@ class Bench:
             time.sleep(5)
         raise RuntimeError(which + " kept failing")
 
+    def min_at_exit(self):
+        """Private dirty and VmSize of the minimal program once its two
+        transfers are done, just before it would exit."""
+        for attempt in range(6):
+            self.onb.sim.clear_requests()
+            proc = subprocess.Popen(self.ref_argv("min"), env=dict(os.environ, REF_HOLD="1"), stdin=subprocess.PIPE,
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+            line = proc.stdout.readline().decode()
+            dirty, vmsize = private_dirty(proc.pid), status_kib(proc.pid, "VmSize")
+            proc.stdin.close()
+            proc.wait(timeout=30)
+            if line.strip() == "GET 200 PUT 200":
+                return dirty, vmsize
+            log("  min failed (ports busy?): %r; waiting 5 s" % line)
+            time.sleep(5)
+        raise RuntimeError("min kept failing")
+
     # ------------------------------------------------------------ figures
-    def peak_rss(self):
-        log("peak RSS ...")
-        maxrss, ticks, hwm, dev = self.onboard_agent(idle=self.args.idle, rss=True)
-        self.idle_ticks = ticks
-        self.agent_hwm_before_put = hwm
-        dev.close()
-        res = {"agent": maxrss}
+    def memory(self):
+        log("memory and idle (%.0f s idle) ..." % self.args.idle)
+        got = self.onboard_agent(idle=self.args.idle, rss=True)
+        got["dev"].close()
+        self.idle_ticks = got["ticks"]
+        self.agent_hwm_before_put = got["hwm"]
+        res = {"maxrss": {"agent": got["maxrss"]},
+               "private_dirty": {"agent": got["private_dirty"]}, "vmsize": {"agent": got["vmsize"]}}
         for which in ("min", "curl"):
-            res[which] = self.run_ref(which, rss=True)
+            res["maxrss"][which] = self.run_ref(which, rss=True)
+        res["private_dirty"]["min"], res["vmsize"]["min"] = self.min_at_exit()
         return res
 
-    def instructions(self):
-        log("instructions (callgrind) ...")
+    def callgrind(self, tag, children=True, toggle=None):
+        """The valgrind prefix for one profiled run under tag."""
         cg = os.path.join(self.work, "cg")
         os.makedirs(cg, exist_ok=True)
+        argv = ["valgrind", "--tool=callgrind", "--trace-children=%s" % ("yes" if children else "no"),
+                "--log-file=%s/%s.%%p.log" % (cg, tag), "--callgrind-out-file=%s/%s.%%p.out" % (cg, tag)]
+        if toggle:
+            argv.append("--toggle-collect=" + toggle)
+        return argv, lambda: collected(cg, tag)
 
-        def vg(tag):
-            return ["valgrind", "--tool=callgrind", "--trace-children=no",
-                    "--log-file=%s/%s.%%p.log" % (cg, tag), "--callgrind-out-file=%s/%s.%%p.out" % (cg, tag)]
+    def agent_instructions(self, tag, prepare=None, toggle=None):
+        prefix, total = self.callgrind(tag, toggle=toggle)
+        self.onboard_agent(prefix=prefix, timeout=900, prepare=prepare)["dev"].close()
+        return total()
 
-        res = {}
-        _, _, _, dev = self.onboard_agent(prefix=vg("agent"), timeout=300)
-        dev.close()
-        res["agent"] = collected(cg, "agent")
-        self.run_ref("min", prefix=vg("min"))
-        res["min"] = collected(cg, "min")
-        env = dict(os.environ, REF_WRAP=" ".join(vg("curl")))
-        self.run_ref("curl", env=env)
-        res["curl"] = collected(cg, "curl")
-        self.callgrind_dir = cg
+    def instructions(self):
+        log("instructions (callgrind, children followed) ...")
+        res = {"agent": self.agent_instructions("agent")}
+        prefix, total = self.callgrind("min")
+        self.run_ref("min", prefix=prefix)
+        res["min"] = total()
+        # Each curl process on its own: the shell that runs them is not curl.
+        prefix, total = self.callgrind("curl")
+        self.run_ref("curl", env=dict(os.environ, REF_WRAP=" ".join(prefix)))
+        res["curl"] = total()
         return res
 
     def exec_to_get(self, runs):
@@ -256,7 +308,7 @@ class Bench:
         raise RuntimeError("agent never reached the server")
 
     def ref_to_get(self, which):
-        argv = ([self.ref_min] if which == "min" else ["sh", self.ref_curl]) + self.ref_args
+        argv = self.ref_argv(which)
         for attempt in range(6):
             self.onb.sim.clear_requests()
             start = time.time()
@@ -268,16 +320,52 @@ class Bench:
             time.sleep(5)
         raise RuntimeError(which + " never reached the server")
 
-    def forks(self):
-        log("forks (strace) ...")
-        st = os.path.join(self.work, "strace")
+    def strace(self, tag):
+        st = os.path.join(self.work, "strace-" + tag)
         os.makedirs(st, exist_ok=True)
-        prefix = ["strace", "-f", "-ff", "-qq", "-s", "200", "-e", "trace=clone,clone3,fork,vfork,execve",
-                  "-o", os.path.join(st, "t")]
-        _, _, _, dev = self.onboard_agent(prefix=prefix, timeout=120)
+        return st, ["strace", "-f", "-ff", "-qq", "-y", "-s", "200", "-e",
+                    "trace=clone,clone3,fork,vfork,execve,write,rename,renameat,renameat2", "-o", os.path.join(st, "t")]
+
+    def processes(self):
+        """Processes each subject starts (strace), and what the agent writes
+        to its store in the same run."""
+        log("processes and store writes (strace) ...")
+        st, prefix = self.strace("agent")
+        dev = self.onboard_agent(prefix=prefix, timeout=120)["dev"]
         iptables_runs = len(dev.iptables())
         dev.close()
-        return analyse_strace(st, AGENT, iptables_runs)
+        res = {"agent": analyse_strace(st), "iptables_runs_recorded": iptables_runs}
+        for which in ("min", "curl"):
+            st, prefix = self.strace(which)
+            self.run_ref(which, prefix=prefix)
+            res[which] = analyse_strace(st)
+        return res
+
+    def store_scale(self, sizes):
+        res = []
+        for n in sizes:
+            log("store of %d lines: callgrind, then strace ..." % n)
+            prepare = lambda dev, n=n: fill_store(dev, n)  # noqa: E731
+            instr = self.agent_instructions("store%d" % n, prepare=prepare)
+            st, prefix = self.strace("store%d" % n)
+            self.onboard_agent(prefix=prefix, timeout=300, prepare=prepare)["dev"].close()
+            writes = analyse_strace(st)
+            res.append({"lines": n, "instructions": instr, "store_bytes": writes["store_bytes"],
+                        "store_rewrites": writes["store_rewrites"]})
+        base = res[0]
+        for r in res:
+            r["per_line"] = (r["instructions"] - base["instructions"]) / (r["lines"] - base["lines"]) \
+                if r["lines"] > base["lines"] else None
+        return res
+
+    def mapping_scale(self, sizes):
+        res = []
+        for n in sizes:
+            log("mapping file of %d lines: callgrind of the lookup ..." % n)
+            prepare = lambda dev, n=n: fill_mapping(dev, n)  # noqa: E731
+            res.append({"lines": n, "instructions": self.agent_instructions("map%d" % n, prepare=prepare,
+                                                                            toggle=LOOKUP_FUNCTION)})
+        return res
 
     def sizes(self):
         res = {}
@@ -302,11 +390,45 @@ def read(path):
         return ""
 
 
-def vm_hwm(pid):
+def cpu_ticks(pid):
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return int(fields[11]) + int(fields[12])
+
+
+def status_kib(pid, key):
     for line in read("/proc/%d/status" % pid).splitlines():
-        if line.startswith("VmHWM:"):
+        if line.startswith(key + ":"):
             return int(line.split()[1])
     return None
+
+
+def private_dirty(pid):
+    for line in read("/proc/%d/smaps_rollup" % pid).splitlines():
+        if line.startswith("Private_Dirty:"):
+            return int(line.split()[1])
+    return None
+
+
+def fill_store(dev, lines):
+    """Makes the device's store `lines` lines long: its own lines in the
+    middle of filler parameters of a realistic length."""
+    path = dev.path("flash/dml/datamodel.conf")
+    own = read(path)
+    n = max(0, lines - own.count("\n"))
+    filler = ["Device.X_FILL.Object.%d.Parameter=value-%06d-abcdefgh\n" % (i, i) for i in range(n)]
+    with open(path, "w") as f:
+        f.write("".join(filler[:n // 2]) + own + "".join(filler[n // 2:]))
+
+
+def fill_mapping(dev, lines):
+    """A mapping file of `lines` lines whose matching line comes last."""
+    path = dev.path(harness.MAPPING_FILE)
+    own = read(path)
+    n = max(0, lines - own.count("\n"))
+    with open(path, "w") as f:
+        f.write("".join('XYZ,Region%d,City%d,"XYZ0","Region%d/City%d"\n' % (i, i, i, i) for i in range(n)))
+        f.write(own)
 
 
 def collected(cg_dir, tag):
@@ -334,28 +456,29 @@ def stripped_size(path, strip):
 
 CLONE_RE = re.compile(r"^(clone3?|fork|vfork)\((.*)\)\s+=\s+(\d+)")
 EXEC_RE = re.compile(r'^execve\("([^"]*)", \[(.*?)\]')
+STORE_WRITE_RE = re.compile(r"^write\(\d+<[^>]*/datamodel\.conf\.tmp\.[^>]*>,.*\)\s+=\s+(\d+)")
+STORE_RENAME_RE = re.compile(r'^rename(?:at2?)?\(.*"[^"]*/datamodel\.conf\.tmp\.[^"]*",.*"[^"]*/datamodel\.conf"'
+                             r'.*\)\s+=\s+0')
 
 
-def analyse_strace(st_dir, agent_path, iptables_runs):
-    """Splits what one onboarding created into the agent's threads and the
-    processes it forked (directly, and their descendants), and lists the
-    programs those processes ran."""
+def analyse_strace(st_dir):
+    """Splits what the traced command created into its threads and the
+    processes it started (directly, and their descendants), lists the
+    programs those processes ran, and sums its writes to the store."""
     per_pid = {}
     for path in glob.glob(os.path.join(st_dir, "t.*")):
         per_pid[int(path.rsplit(".", 1)[1])] = read(path).splitlines()
-    agent_pid = None
-    for pid, lines in per_pid.items():
-        if any(l.startswith('execve("%s"' % agent_path) for l in lines):
-            agent_pid = pid
-    if agent_pid is None:
-        raise RuntimeError("agent not found in the trace")
     children = {}  # pid -> [(child, is_thread)]
     for pid, lines in per_pid.items():
         for l in lines:
             m = CLONE_RE.match(l)
             if m:
                 children.setdefault(pid, []).append((int(m.group(3)), "CLONE_THREAD" in m.group(2)))
-    group = {agent_pid}
+    born = {c for cs in children.values() for c, _ in cs}
+    roots = [p for p in per_pid if p not in born]
+    if len(roots) != 1:
+        raise RuntimeError("cannot tell the traced command in %s: %r" % (st_dir, roots))
+    group = {roots[0]}
     changed = True
     while changed:
         changed = False
@@ -377,8 +500,11 @@ def analyse_strace(st_dir, agent_path, iptables_runs):
             if m and l.rstrip().endswith("= 0"):
                 args = re.findall(r'"((?:[^"\\]|\\.)*)"', m.group(2))
                 execs.append(" ".join(args))
-    return {"threads": len(group) - 1, "forked_by_agent": len(direct), "processes_in_tree": len(tree),
-            "execs": execs, "iptables_runs_recorded": iptables_runs}
+    store_bytes = sum(int(m.group(1)) for p in group for l in per_pid.get(p, [])
+                      for m in [STORE_WRITE_RE.match(l)] if m)
+    rewrites = sum(1 for p in group for l in per_pid.get(p, []) if STORE_RENAME_RE.match(l))
+    return {"threads": len(group) - 1, "forked": len(direct), "processes": len(tree), "execs": execs,
+            "store_bytes": store_bytes, "store_rewrites": rewrites}
 
 
 def ratio(a, b):
@@ -389,26 +515,50 @@ def fmt_ratio(r):
     return "-" if r is None else "%.2f" % r
 
 
+def cell(v):
+    if v is None:
+        return "-"
+    if isinstance(v, float):
+        return "%.2f" % v
+    return "{:,}".format(v) if isinstance(v, int) else str(v)
+
+
+def markdown(head, table):
+    table = [head] + table
+    widths = [max(len(t[i]) for t in table) for i in range(len(head))]
+    out = ["| " + " | ".join(h.ljust(w) for h, w in zip(head, widths)) + " |",
+           "|" + "|".join("-" * (w + 2) for w in widths) + "|"]
+    out += ["| " + " | ".join(c.ljust(w) for c, w in zip(t, widths)) + " |" for t in table[1:]]
+    return "\n".join(out)
+
+
 def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     p.add_argument("--runs", type=int, default=10, help="exec-to-GET runs per subject (default 10)")
-    p.add_argument("--idle", type=float, default=30.0, help="idle seconds measured (default 30)")
+    p.add_argument("--idle", type=float, default=10.0, help="idle seconds before the idle figures (default 10)")
     p.add_argument("--json", default=os.path.join(HERE, "results.json"))
-    p.add_argument("--skip-callgrind", action="store_true")
+    p.add_argument("--store-sizes", default=",".join(map(str, STORE_SIZES)),
+                   help="store lines of the scale table (the first is the base of the per-line figure)")
+    p.add_argument("--mapping-sizes", default=",".join(map(str, MAPPING_SIZES)))
+    p.add_argument("--no-scale", action="store_true", help="leave out the scale table")
     p.add_argument("--keep", action="store_true", help="keep the work directory (profiles, traces)")
     args = p.parse_args()
     for tool in ("valgrind", "strace", "curl", "dbus-daemon", "cc"):
-        if shutil.which(tool) is None and not (tool == "valgrind" and args.skip_callgrind):
+        if shutil.which(tool) is None:
             sys.exit("bench: %s not found" % tool)
+    store_sizes = [int(x) for x in args.store_sizes.split(",") if x]
+    mapping_sizes = [int(x) for x in args.mapping_sizes.split(",") if x]
 
     b = Bench(args)
     try:
         started = time.monotonic()
-        rss = b.peak_rss()
-        instr = None if args.skip_callgrind else b.instructions()
+        mem = b.memory()
+        instr = b.instructions()
         exec_ms, samples = b.exec_to_get(args.runs)
-        forks = b.forks()
+        procs = b.processes()
         sizes = b.sizes()
+        stores = [] if args.no_scale else b.store_scale(store_sizes)
+        mappings = [] if args.no_scale else b.mapping_scale(mapping_sizes)
         elapsed = time.monotonic() - started
     finally:
         b.close()
@@ -416,58 +566,80 @@ def main():
     rows = []
 
     def row(name, agent, mn, cu, unit, target, met, r_min=None, r_curl=None):
-        r_min = ratio(agent, mn) if r_min is None else r_min
-        r_curl = ratio(agent, cu) if r_curl is None else r_curl
         rows.append({"figure": name, "agent": agent, "min": mn, "curl": cu, "unit": unit,
-                     "agent/min": r_min, "agent/curl": r_curl, "target": target, "met": met})
+                     "agent/min": ratio(agent, mn) if r_min is None else r_min,
+                     "agent/curl": ratio(agent, cu) if r_curl is None else r_curl, "target": target, "met": met})
 
-    row("peak RSS", rss["agent"], rss["min"], rss["curl"], "KiB", "<= curl tool", rss["agent"] <= rss["curl"])
-    if instr:
-        row("instructions", instr["agent"], instr["min"], instr["curl"], "instr",
-            "<= %.2f x min" % TARGET_INSTR_RATIO, instr["agent"] <= TARGET_INSTR_RATIO * instr["min"])
-    row("exec to GET (median)", exec_ms["agent"], exec_ms["min"], exec_ms["curl"], "ms",
-        "< %.0f ms" % TARGET_EXEC_TO_GET_MS, exec_ms["agent"] < TARGET_EXEC_TO_GET_MS)
+    row("instructions per onboarding, children included", instr["agent"], instr["min"], instr["curl"], "instr",
+        "<= %.2f x min" % TARGET_INSTR_RATIO, instr["agent"] <= TARGET_INSTR_RATIO * instr["min"])
+    pa = procs["agent"]
+    row("processes started", pa["processes"], procs["min"]["processes"], procs["curl"]["processes"], "procs",
+        "%d (iptables)" % TARGET_PROCESSES, pa["processes"] <= TARGET_PROCESSES)
+    dirty = mem["private_dirty"]
+    row("private dirty, idle wait (min: at exit)", dirty["agent"], dirty["min"], None, "KiB",
+        "<= %.2f x min" % TARGET_DIRTY_RATIO, dirty["agent"] <= TARGET_DIRTY_RATIO * dirty["min"])
+    vm = mem["vmsize"]
+    row("virtual size, idle wait (min: at exit)", vm["agent"], vm["min"], None, "KiB",
+        "< %d MiB" % (TARGET_VMSIZE_KIB // 1024), vm["agent"] < TARGET_VMSIZE_KIB)
+    # Times only as ratios of medians taken in the same run.
+    row("exec to GET, relative to min (median of %d)" % args.runs, ratio(exec_ms["agent"], exec_ms["min"]), 1.0,
+        ratio(exec_ms["curl"], exec_ms["min"]), "x", "<= %.1f x min" % TARGET_EXEC_TO_GET_RATIO,
+        exec_ms["agent"] <= TARGET_EXEC_TO_GET_RATIO * exec_ms["min"])
+    row("store bytes written per onboarding (%d rewrites)" % pa["store_rewrites"], pa["store_bytes"], None, None,
+        "bytes", "-", None)
+    rss = mem["maxrss"]
+    row("peak RSS", rss["agent"], rss["min"], rss["curl"], "KiB", "-", None)
     row("idle CPU ticks / %.0f s" % args.idle, b.idle_ticks, None, None, "ticks", "0", b.idle_ticks == 0)
-    row("processes forked", forks["processes_in_tree"], 0, 2, "procs", "inherent only",
-        None, r_min=None, r_curl=None)
     row("stripped size x86-64", sizes["agent_x86"], sizes["min_x86"], sizes["curl_x86"], "bytes", "-", None)
     if sizes.get("agent_arm"):
         row("stripped size ARM", sizes["agent_arm"], None, None, "bytes", "< 200 KiB",
             sizes["agent_arm"] < TARGET_ARM_BYTES)
 
-    def cell(v):
-        if v is None:
-            return "-"
-        if isinstance(v, float):
-            return "%.1f" % v
-        return str(v)
-
     head = ["figure", "agent", "min", "curl", "unit", "agent/min", "agent/curl", "target", "met"]
-    table = [head]
+    table = []
     for r in rows:
         met = "-" if r["met"] is None else ("yes" if r["met"] else "NO")
         table.append([r["figure"], cell(r["agent"]), cell(r["min"]), cell(r["curl"]), r["unit"],
                       fmt_ratio(r["agent/min"]), fmt_ratio(r["agent/curl"]), r["target"], met])
-    widths = [max(len(t[i]) for t in table) for i in range(len(head))]
-    print("| " + " | ".join(h.ljust(w) for h, w in zip(head, widths)) + " |")
-    print("|" + "|".join("-" * (w + 2) for w in widths) + "|")
-    for t in table[1:]:
-        print("| " + " | ".join(c.ljust(w) for c, w in zip(t, widths)) + " |")
+    print(markdown(head, table))
     print()
-    print("forks: %d threads; %d processes forked by the agent, %d in its process tree; iptables runs "
-          "recorded: %d" % (forks["threads"], forks["forked_by_agent"], forks["processes_in_tree"],
-                            forks["iptables_runs_recorded"]))
-    for e in forks["execs"]:
+
+    if stores or mappings:
+        scale = []
+        for r in stores:
+            target = "< %d M, < %s / line" % (TARGET_STORE_100K // 10**6, cell(TARGET_STORE_PER_LINE)) \
+                if r["lines"] == 100000 else "< %s / line" % cell(TARGET_STORE_PER_LINE)
+            met = None if r["per_line"] is None else r["per_line"] < TARGET_STORE_PER_LINE and \
+                (r["lines"] != 100000 or r["instructions"] < TARGET_STORE_100K)
+            scale.append(["store, %s lines: onboarding" % cell(r["lines"]), cell(r["instructions"]),
+                          "-" if r["per_line"] is None else "{:,.0f}".format(r["per_line"]),
+                          "%s (%d rewrites)" % (cell(r["store_bytes"]), r["store_rewrites"]),
+                          target if r["per_line"] is not None else "-",
+                          "-" if met is None else ("yes" if met else "NO")])
+        for r in mappings:
+            met = r["instructions"] < TARGET_MAPPING_100K if r["lines"] == 100000 else None
+            scale.append(["mapping file, %s lines: lookup" % cell(r["lines"]), cell(r["instructions"]),
+                          "{:,.0f}".format(r["instructions"] / r["lines"]), "-",
+                          "< %d M" % (TARGET_MAPPING_100K // 10**6) if r["lines"] == 100000 else "-",
+                          "-" if met is None else ("yes" if met else "NO")])
+        print(markdown(["scale", "instructions", "per line", "store bytes written", "target", "met"], scale))
+        print()
+
+    print("processes: agent %d threads, %d processes started (%d directly); iptables runs recorded: %d" %
+          (pa["threads"], pa["processes"], pa["forked"], procs["iptables_runs_recorded"]))
+    for e in pa["execs"]:
         print("  exec: " + re.sub(r"/tmp/tavel-it-[^/ ]*", "$TAVEL_ROOT", e))
+    print("exec to GET medians (ms, this host, this run): agent %.1f, min %.1f, curl %.1f" %
+          (exec_ms["agent"], exec_ms["min"], exec_ms["curl"]))
     print("agent VmHWM before the PUT: %s KiB; benchmark took %.0f s" % (b.agent_hwm_before_put, elapsed))
 
-    results = {"rows": rows, "exec_to_get_samples_s": samples, "forks": forks, "sizes": sizes,
+    results = {"rows": rows, "store_scale": stores, "mapping_scale": mappings, "exec_to_get_ms": exec_ms,
+               "exec_to_get_samples_s": samples, "processes": procs, "memory": mem, "sizes": sizes,
                "agent_vmhwm_before_put_kib": b.agent_hwm_before_put, "idle_seconds": args.idle,
-               "time_scale": FAST_SCALE, "runs": args.runs,
-               "host": os.uname().machine, "elapsed_s": elapsed}
+               "time_scale": FAST_SCALE, "runs": args.runs, "host": os.uname().machine, "elapsed_s": elapsed}
     with open(args.json, "w") as f:
         json.dump(results, f, indent=2)
-    print("results written to " + os.path.relpath(args.json))
+    print("results written to " + args.json)
 
 
 if __name__ == "__main__":

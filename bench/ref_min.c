@@ -4,9 +4,15 @@
  * cost of the transfers alone.
  *
  * usage: ref_min URL CAFILE APIKEY OPERATORID SN COUNTRY SNETDESC OPDESC
+ *
+ * With REF_HOLD set in the environment it prints its result and then waits
+ * for the end of its standard input before it exits, so that its memory can
+ * be read at the point where it would exit.
  */
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <curl/curl.h>
 
@@ -106,5 +112,11 @@ int main(int argc, char **argv)
     long g = get(a);
     long p = put(a);
     printf("GET %ld PUT %ld\n", g, p);
+    if (getenv("REF_HOLD") != NULL) {
+        fflush(stdout);
+        char c;
+        while (read(0, &c, 1) > 0) {
+        }
+    }
     return g == 200 && p == 200 ? 0 : 1;
 }

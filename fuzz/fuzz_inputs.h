@@ -314,7 +314,7 @@ inline bool storeSound(const tavel::dml::Store &store, const std::string &render
     // With no change the file comes back line for line.
     const std::string &text = store.contents();
     std::string expected = text.empty() || text.back() == '\n' ? text : text + "\n";
-    if (store.render({}) != expected) {
+    if (store.render(std::vector<tavel::dml::Change>()) != expected) {
         return false;
     }
 
@@ -329,6 +329,22 @@ inline bool storeSound(const tavel::dml::Store &store, const std::string &render
     std::string error;
     if (!reread.load(renderPath, &error)) {
         return false;
+    }
+    // The parse an update keeps must be the parse of the file it wrote.
+    tavel::dml::Store adopted = store;
+    const tavel::dml::Store::Plan plan = adopted.plan(changes);
+    size_t appendStart = 0;
+    std::string written = adopted.render(plan, &appendStart);
+    adopted.adopt(plan, written, appendStart);
+    std::vector<tavel::dml::Param> want = reread.params(), got = adopted.params();
+    if (adopted.contents() != next || got.size() != want.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < want.size(); ++i) {
+        if (got[i].name != want[i].name || got[i].raw != want[i].raw ||
+            adopted.get(want[i].name) != reread.get(want[i].name)) {
+            return false;
+        }
     }
     for (size_t i = 0; i < changes.size(); ++i) {
         const tavel::dml::Change &c = changes[i];

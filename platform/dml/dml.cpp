@@ -1,13 +1,16 @@
 // Stand-in for the platform data-model layer: every dml_ operation maps its
 // record fields onto parameters of the text store (store.h).
 //
-// Each call reads the store afresh, so another process (tavelctl, a test)
-// may change the device between two calls.  Any call fails, outputs
-// untouched, while the store holds "Fault.<operation>=1".  Texts longer than
-// their record field are cut to fit and the rest of the field is zeroed.
+// Each call sees the store as it stands, so another process (tavelctl, a
+// test) may change the device between two calls; the parse of the file is
+// reused while the file is unchanged (store.h) and dropped by
+// dml_releaseCache().  Any call fails, outputs untouched, while the store
+// holds "Fault.<operation>=1".  Texts longer than their record field are cut
+// to fit and the rest of the field is zeroed.
 //
-// Thread safety: the only state shared between calls is the supported
-// country list (behind a mutex) and the per-thread certificate path.
+// Thread safety: the state shared between calls is the parse (behind its own
+// mutex), the supported country list (behind a mutex) and the per-thread
+// certificate path.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,6 +25,7 @@
 namespace
 {
 
+using tavel::dml::CachedStore;
 using tavel::dml::Change;
 using tavel::dml::Store;
 using tavel::dml::UpdateResult;
@@ -58,16 +62,31 @@ constexpr const char kRemoteAccessUrl[] = "Device.X_TAVEL_Cloud.RemoteAccessURL"
 constexpr const char kConfigUrl[] = "Device.X_TAVEL_Cloud.ConfigURL";
 constexpr const char kConfigApiKey[] = "Device.X_TAVEL_Cloud.ConfigAPIKey";
 
-// Reads the store for one operation.  False when the store cannot be read
-// or the operation's fault line is set.
-bool load(const char *operation, Store &store)
+// Runs fill on the store for one operation; -1 without calling it when the
+// store cannot be read or the operation's fault line is set.  Other threads'
+// calls wait while fill runs.  Not a template: one copy for every getter.
+int readWith(const char *operation, void (*fill)(const Store &, void *), void *context)
 {
     std::string error;
-    if (!store.load(&error)) {
-        dmlLogError("dml: %s: %s\n", operation, error.c_str());
-        return false;
+    {
+        CachedStore store(&error);
+        if (store.ok()) {
+            if (store->faultSet(operation)) {
+                return -1;
+            }
+            fill(*store, context);
+            return 0;
+        }
     }
-    return !store.faultSet(operation);
+    dmlLogError("dml: %s: %s\n", operation, error.c_str());
+    return -1;
+}
+
+template <typename Fill> int read(const char *operation, Fill &&fill)
+{
+    return readWith(
+        operation, [](const Store &store, void *f) { (*static_cast<Fill *>(f))(store); },
+        static_cast<void *>(&fill));
 }
 
 int save(const char *operation, const std::vector<Change> &changes)
@@ -132,23 +151,21 @@ uint8_t parseFlags(const std::string &text)
 
 int getText(const char *operation, const char *name, char *out, size_t size)
 {
-    Store store;
-    if (out == nullptr || !load(operation, store)) {
+    if (out == nullptr) {
         return -1;
     }
-    copyText(out, size, store.get(name));
-    return 0;
+    return read(operation, [&](const Store &store) { copyText(out, size, store.get(name)); });
 }
 
 int getCloudServer(const char *operation, const char *urlName, const char *flagsName, KPRCConfigServer *cfg)
 {
-    Store store;
-    if (cfg == nullptr || !load(operation, store)) {
+    if (cfg == nullptr) {
         return -1;
     }
-    copyText(cfg->URL, store.get(urlName));
-    cfg->flags = parseFlags(store.get(flagsName));
-    return 0;
+    return read(operation, [&](const Store &store) {
+        copyText(cfg->URL, store.get(urlName));
+        cfg->flags = parseFlags(store.get(flagsName));
+    });
 }
 
 int setCloudServer(const char *operation, const char *urlName, const char *flagsName,
@@ -250,35 +267,39 @@ extern "C" {
 // The mode is the platform's; the stand-in only checks that the store is usable.
 int dml_init(int /*mode*/)
 {
-    Store store;
-    return load(__func__, store) ? 0 : -1;
+    return read(__func__, [](const Store &) {});
+}
+
+// Dropping the parse returns its memory; the next call parses the file again.
+void dml_releaseCache(void)
+{
+    tavel::dml::releaseCache();
 }
 
 const char *dml_getHIECertifcatePath(void)
 {
     thread_local std::string path;
-    Store store;
-    path = load(__func__, store) ? store.get(kCaCertPath) : std::string();
+    if (read(__func__, [](const Store &store) { path = store.get(kCaCertPath); }) != 0) {
+        path.clear();
+    }
     return path.c_str(); // NOLINT(clang-analyzer-cplusplus.InnerPointer): valid until this thread calls again
 }
 
 int dml_getModelCapability(ModelCapability *cap)
 {
-    Store store;
-    if (cap == nullptr || !load(__func__, store)) {
+    if (cap == nullptr) {
         return -1;
     }
-    cap->isCCSyncRequired = store.get(kCcSync) == "1" ? 1 : 0;
-    return 0;
+    return read(__func__,
+                [&](const Store &store) { cap->isCCSyncRequired = store.get(kCcSync) == "1" ? 1 : 0; });
 }
 
 int dml_getSupportedCountryList(SupportedCountryList *list)
 {
-    Store store;
-    if (list == nullptr || !load(__func__, store)) {
+    std::string source;
+    if (list == nullptr || read(__func__, [&](const Store &store) { source = store.get(kCountries); }) != 0) {
         return -1;
     }
-    std::string source = store.get(kCountries);
     CountryCache &cache = countryCache();
     std::lock_guard<std::mutex> lock(cache.mutex);
     if (!cache.built || cache.source != source) {
@@ -291,14 +312,14 @@ int dml_getSupportedCountryList(SupportedCountryList *list)
 
 int dml_getManagementServerInfo(ManagementServerInfo *info)
 {
-    Store store;
-    if (info == nullptr || !load(__func__, store)) {
+    if (info == nullptr) {
         return -1;
     }
-    copyText(info->URL, store.get(kMgmtUrl));
-    copyText(info->Username, store.get(kMgmtUser));
-    copyText(info->Password, store.get(kMgmtPassword));
-    return 0;
+    return read(__func__, [&](const Store &store) {
+        copyText(info->URL, store.get(kMgmtUrl));
+        copyText(info->Username, store.get(kMgmtUser));
+        copyText(info->Password, store.get(kMgmtPassword));
+    });
 }
 
 // Empty fields are stored too: the agent empties the object on purpose.
@@ -314,30 +335,30 @@ int dml_setManagementServerInfo(const ManagementServerInfo *info)
 
 int dml_getDefaultManagmentInfo(ManagementServerInfo *info)
 {
-    Store store;
-    if (info == nullptr || !load(__func__, store)) {
+    if (info == nullptr) {
         return -1;
     }
-    copyText(info->URL, store.get(kBackupUrl));
-    copyText(info->Username, store.get(kBackupUser));
-    copyText(info->Password, store.get(kBackupPassword));
-    return 0;
+    return read(__func__, [&](const Store &store) {
+        copyText(info->URL, store.get(kBackupUrl));
+        copyText(info->Username, store.get(kBackupUser));
+        copyText(info->Password, store.get(kBackupPassword));
+    });
 }
 
 int dml_getOnBoardingServerInfo(OnBoardingServerInfo *info)
 {
-    Store store;
-    if (info == nullptr || !load(__func__, store)) {
+    if (info == nullptr) {
         return -1;
     }
-    info->enable = isEnabled(store.get(kAgentEnable)) ? 1 : 0;
-    copyText(info->URL, store.get(kAgentUrl));
-    copyText(info->onBoardStatus, store.get(kAgentStatus));
-    copyText(info->opDesc, store.get(kAgentOpDesc));
-    copyText(info->subnetDesc, store.get(kAgentSubnetDesc));
-    copyText(info->apiKey, store.get(kAgentApiKey));
-    copyText(info->acsConnStatus, store.get(kAgentAcsStatus));
-    return 0;
+    return read(__func__, [&](const Store &store) {
+        info->enable = isEnabled(store.get(kAgentEnable)) ? 1 : 0;
+        copyText(info->URL, store.get(kAgentUrl));
+        copyText(info->onBoardStatus, store.get(kAgentStatus));
+        copyText(info->opDesc, store.get(kAgentOpDesc));
+        copyText(info->subnetDesc, store.get(kAgentSubnetDesc));
+        copyText(info->apiKey, store.get(kAgentApiKey));
+        copyText(info->acsConnStatus, store.get(kAgentAcsStatus));
+    });
 }
 
 int dml_setOnBoardStatus(const char *status)
@@ -368,14 +389,14 @@ int dml_getWorkRole(char role[DML_WORKMODE_LEN])
 
 int dml_getNodeInfo(NodeInfo *info)
 {
-    Store store;
-    if (info == nullptr || !load(__func__, store)) {
+    if (info == nullptr) {
         return -1;
     }
-    copyText(info->serialNumber, store.get(kSerial));
-    copyText(info->operatorId, store.get(kOperatorId));
-    copyText(info->country, store.get(kNodeCountry));
-    return 0;
+    return read(__func__, [&](const Store &store) {
+        copyText(info->serialNumber, store.get(kSerial));
+        copyText(info->operatorId, store.get(kOperatorId));
+        copyText(info->country, store.get(kNodeCountry));
+    });
 }
 
 int dml_getCountryID(char code[DML_COUNTRYID_LEN])
@@ -426,12 +447,10 @@ int dml_setKPRCConfigL2Server(const KPRCConfigServer *cfg)
 
 int dml_getKPRCRAccessConfig(KPRCRAccessConfig *cfg)
 {
-    Store store;
-    if (cfg == nullptr || !load(__func__, store)) {
+    if (cfg == nullptr) {
         return -1;
     }
-    copyText(cfg->URL, store.get(kRemoteAccessUrl));
-    return 0;
+    return read(__func__, [&](const Store &store) { copyText(cfg->URL, store.get(kRemoteAccessUrl)); });
 }
 
 int dml_setKPRCRAccessConfig(const KPRCRAccessConfig *cfg)
@@ -449,13 +468,13 @@ int dml_setKPRCRAccessConfig(const KPRCRAccessConfig *cfg)
 
 int dml_getKPRCZoragentConfig(KPRCZoragentConfig *cfg)
 {
-    Store store;
-    if (cfg == nullptr || !load(__func__, store)) {
+    if (cfg == nullptr) {
         return -1;
     }
-    copyText(cfg->configURL, store.get(kConfigUrl));
-    copyText(cfg->apiKey, store.get(kConfigApiKey));
-    return 0;
+    return read(__func__, [&](const Store &store) {
+        copyText(cfg->configURL, store.get(kConfigUrl));
+        copyText(cfg->apiKey, store.get(kConfigApiKey));
+    });
 }
 
 // The agent writes the URL and the key in two calls, each with the other

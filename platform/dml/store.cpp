@@ -1,5 +1,5 @@
-// The data-model store file: parsing, escaping and the locked, atomic
-// replacement described in store.h.
+// The data-model store file: parsing, escaping, the parse cache and the
+// locked, atomic replacement described in store.h.
 #include "store.h"
 
 #include <errno.h>
@@ -8,8 +8,11 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace tavel::dml
@@ -25,6 +28,16 @@ public:
     explicit Fd(int fd = -1) : fd_(fd) {}
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
+    Fd(Fd &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    Fd &operator=(Fd &&other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            fd_ = other.fd_;
+            other.fd_ = -1;
+        }
+        return *this;
+    }
     ~Fd() { reset(); }
     int get() const { return fd_; }
     // Closes now so that a failing close() can be reported.
@@ -121,47 +134,58 @@ bool writeAll(int fd, std::string_view data)
     return true;
 }
 
-// Reads a whole regular file.  A missing file reads as empty.
-bool readFile(const std::string &path, std::string *out, std::string *error)
+// Opens the store for reading and checks it is a regular file of a size we
+// read.  ENOENT is left to the caller (fd < 0, errno kept): a missing store
+// is empty, not an error.
+bool openStore(const std::string &path, Fd *fd, struct stat *st, std::string *error)
 {
     // O_NONBLOCK: a FIFO planted at the store path must not hang the caller.
-    Fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (fd.get() < 0) {
-        if (errno == ENOENT) {
-            out->clear();
-            return true;
+    Fd opened(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (opened.get() < 0) {
+        if (errno != ENOENT) {
+            setError(error, describe("cannot open", path, errno));
+            return false;
         }
-        setError(error, describe("cannot open", path, errno));
-        return false;
+        return true;
     }
-    struct stat st;
-    if (fstat(fd.get(), &st) != 0) {
+    if (fstat(opened.get(), st) != 0) {
         setError(error, describe("cannot stat", path, errno));
         return false;
     }
-    if (!S_ISREG(st.st_mode)) {
-        setError(error, describe("cannot read", path, S_ISDIR(st.st_mode) ? EISDIR : EINVAL));
+    if (!S_ISREG(st->st_mode)) {
+        setError(error, describe("cannot read", path, S_ISDIR(st->st_mode) ? EISDIR : EINVAL));
         return false;
     }
-    if (static_cast<unsigned long long>(st.st_size) > kMaxStoreSize) {
+    if (static_cast<unsigned long long>(st->st_size) > kMaxStoreSize) {
         setError(error, describe("cannot read", path, EFBIG));
         return false;
     }
+    *fd = std::move(opened);
+    return true;
+}
+
+// pread() that retries on EINTR.
+ssize_t readAt(int fd, char *buf, size_t size, size_t offset)
+{
+    ssize_t n;
+    do {
+        n = pread(fd, buf, size, static_cast<off_t>(offset));
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+constexpr size_t kPiece = size_t{64} * 1024;
+
+// Reads the whole file from its start; it may have grown since fstat().
+// Pieces are appended rather than read into a resized string, whose zero
+// fill would cost as much as the parse.
+bool readAll(int fd, const std::string &path, size_t expected, std::string *out, std::string *error)
+{
+    std::unique_ptr<char[]> buf(new char[kPiece]);
     std::string data;
-    data.resize(static_cast<size_t>(st.st_size) + 1);
-    size_t used = 0;
+    data.reserve(expected);
     for (;;) {
-        if (used == data.size()) {
-            if (data.size() > kMaxStoreSize) {
-                setError(error, describe("cannot read", path, EFBIG));
-                return false;
-            }
-            data.resize(data.size() * 2);
-        }
-        ssize_t n = read(fd.get(), &data[used], data.size() - used);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
+        ssize_t n = readAt(fd, buf.get(), kPiece, data.size());
         if (n < 0) {
             setError(error, describe("cannot read", path, errno));
             return false;
@@ -169,10 +193,152 @@ bool readFile(const std::string &path, std::string *out, std::string *error)
         if (n == 0) {
             break;
         }
-        used += static_cast<size_t>(n);
+        if (data.size() + static_cast<size_t>(n) > kMaxStoreSize) {
+            setError(error, describe("cannot read", path, EFBIG));
+            return false;
+        }
+        data.append(buf.get(), static_cast<size_t>(n));
     }
-    data.resize(used);
     *out = std::move(data);
+    return true;
+}
+
+enum class Compare { Same, Differs, Failed };
+
+// Whether the file still holds exactly text, read in pieces so that no
+// second copy of a large store is made.
+Compare sameContent(int fd, const std::string &text)
+{
+    std::unique_ptr<char[]> buf(new char[kPiece]);
+    size_t offset = 0;
+    for (;;) {
+        ssize_t n = readAt(fd, buf.get(), kPiece, offset);
+        if (n < 0) {
+            return Compare::Failed;
+        }
+        if (n == 0) {
+            return offset == text.size() ? Compare::Same : Compare::Differs;
+        }
+        size_t got = static_cast<size_t>(n);
+        if (got > text.size() - offset || memcmp(buf.get(), text.data() + offset, got) != 0) {
+            return Compare::Differs;
+        }
+        offset += got;
+    }
+}
+
+// What tells one version of the store file from another.
+struct FileId {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    int64_t mtimeSec = 0;
+    long mtimeNsec = 0;
+
+    explicit FileId(const struct stat &st)
+        : dev(st.st_dev), ino(st.st_ino), size(st.st_size), mtimeSec(st.st_mtim.tv_sec),
+          mtimeNsec(st.st_mtim.tv_nsec)
+    {
+    }
+    FileId() = default;
+    bool operator==(const FileId &o) const
+    {
+        return dev == o.dev && ino == o.ino && size == o.size && mtimeSec == o.mtimeSec &&
+               mtimeNsec == o.mtimeNsec;
+    }
+};
+
+// A file changed later than now gets a modification time of now or later
+// (file times come from the coarse real-time clock, cut to the file
+// system's granularity), so it can no longer carry the identity of a file
+// last modified well before now.  "Well": one second for nanosecond stamps,
+// two for stamps in whole seconds (FAT keeps two-second steps).  Until then,
+// a same-size rewrite in place within the same tick would keep the identity.
+bool settled(const FileId &id)
+{
+    struct timespec now;
+    if (clock_gettime(CLOCK_REALTIME_COARSE, &now) != 0) {
+        return false;
+    }
+    const int64_t margin = id.mtimeNsec == 0 ? 2 : 1;
+    const int64_t ageSec = static_cast<int64_t>(now.tv_sec) - id.mtimeSec;
+    return ageSec > margin || (ageSec == margin && now.tv_nsec > id.mtimeNsec);
+}
+
+// The one parse of the process.  Never destroyed: a thread may still use it
+// while the process exits.
+struct Cache {
+    std::mutex mutex;
+    bool valid = false;
+    bool exists = false;  // false: the file was missing (empty store)
+    bool trusted = false; // identity alone proves the parse current
+    std::string path;
+    FileId id;
+    mode_t mode = 0;
+    Store store;
+
+    void drop()
+    {
+        valid = exists = trusted = false;
+        std::string().swap(path);
+        store.clear();
+    }
+};
+
+Cache &cache()
+{
+    static Cache *instance = new Cache;
+    return *instance;
+}
+
+// Brings the cache up to date with the file at path.  Caller holds the mutex.
+bool refresh(Cache &c, const std::string &path, std::string *error)
+{
+    Fd fd;
+    struct stat st;
+    if (!openStore(path, &fd, &st, error)) {
+        c.drop();
+        return false;
+    }
+    if (fd.get() < 0) {
+        if (!c.valid || c.exists || c.path != path) {
+            c.drop();
+            c.path = path;
+            c.valid = true;
+        }
+        return true;
+    }
+    const FileId id(st);
+    if (c.valid && c.exists && c.id == id && c.path == path) {
+        if (c.trusted) {
+            return true;
+        }
+        switch (sameContent(fd.get(), c.store.contents())) {
+        case Compare::Same:
+            c.trusted = settled(id);
+            return true;
+        case Compare::Failed:
+            setError(error, describe("cannot read", path, errno));
+            c.drop();
+            return false;
+        case Compare::Differs:
+            break;
+        }
+    }
+    std::string text;
+    if (!readAll(fd.get(), path, static_cast<size_t>(st.st_size), &text, error)) {
+        c.drop();
+        return false;
+    }
+    // A text that does not match the size seen was caught mid-write: it is
+    // checked again on the next call.
+    const bool whole = text.size() == static_cast<size_t>(st.st_size);
+    c.store.parse(std::move(text));
+    c.valid = c.exists = true;
+    c.path = path;
+    c.id = id;
+    c.mode = st.st_mode;
+    c.trusted = whole && settled(id);
     return true;
 }
 
@@ -262,40 +428,142 @@ std::string decodeValue(std::string_view raw)
 
 bool Store::load(const std::string &path, std::string *error)
 {
-    std::string text;
-    if (!readFile(path, &text, error)) {
+    Fd fd;
+    struct stat st;
+    if (!openStore(path, &fd, &st, error)) {
         return false;
     }
+    std::string text;
+    if (fd.get() >= 0 && !readAll(fd.get(), path, static_cast<size_t>(st.st_size), &text, error)) {
+        return false;
+    }
+    parse(std::move(text));
+    return true;
+}
+
+void Store::parse(std::string text)
+{
     text_ = std::move(text);
     lines_.clear();
-    std::string_view all(text_);
-    size_t start = 0;
-    while (start < all.size()) {
-        size_t end = all.find('\n', start);
-        if (end == std::string_view::npos) {
-            end = all.size();
+    faults_.clear();
+    parseFrom(0);
+    buildIndex();
+}
+
+void Store::clear()
+{
+    std::string().swap(text_);
+    std::vector<Line>().swap(lines_);
+    std::vector<Slot>().swap(index_);
+    std::vector<uint32_t>().swap(faults_);
+}
+
+namespace
+{
+
+// Eight bytes a step, the last step overlapping the one before.  Not keyed:
+// a store crafted to collide only brings lookups back to the cost of a scan
+// of every line.
+uint32_t hashName(std::string_view name)
+{
+    const char *p = name.data();
+    const size_t n = name.size();
+    uint64_t h = 0x9e3779b97f4a7c15ULL ^ n;
+    uint64_t w = 0;
+    if (n < 8) {
+        for (size_t i = 0; i < n; ++i) {
+            w = (w << 8) | static_cast<unsigned char>(p[i]);
         }
-        std::string_view line = all.substr(start, end - start);
-        size_t eq = line.find('=');
-        size_t nameLength = 0;
-        if (eq != std::string_view::npos && isValidName(line.substr(0, eq))) {
-            nameLength = eq;
+    } else {
+        for (size_t i = 0; i + 8 < n; i += 8) {
+            memcpy(&w, p + i, 8);
+            h = (h ^ w) * 0xff51afd7ed558ccdULL;
+            h ^= h >> 32;
         }
-        lines_.push_back(Line{start, end - start, nameLength});
+        memcpy(&w, p + n - 8, 8);
+    }
+    h = (h ^ w) * 0xc4ceb9fe1a85ec53ULL;
+    h ^= h >> 29;
+    return static_cast<uint32_t>(h);
+}
+
+} // namespace
+
+// At most three quarters full, so that probes stay short.
+void Store::buildIndex()
+{
+    size_t capacity = 16;
+    while (capacity * 3 < lines_.size() * 4) {
+        capacity *= 2;
+    }
+    // Empty slots are not all-zero bytes: a zero fill becomes a memset,
+    // which is slower here than the store loop.
+    index_.assign(capacity, Slot{0, kEmptySlot});
+    for (size_t l = 0; l < lines_.size(); ++l) {
+        addToIndex(l);
+    }
+}
+
+// A name already indexed keeps its earlier line: the first line wins.
+void Store::addToIndex(size_t line)
+{
+    const Line &entry = lines_[line];
+    if (entry.nameLength == 0) {
+        return;
+    }
+    const std::string_view name = nameOf(entry);
+    const uint32_t hash = hashName(name);
+    const size_t mask = index_.size() - 1;
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+        Slot &slot = index_[i];
+        if (slot.line == kEmptySlot) {
+            slot = Slot{hash, static_cast<uint32_t>(line)};
+            return;
+        }
+        if (slot.hash == hash && nameOf(lines_[slot.line]) == name) {
+            return;
+        }
+    }
+}
+
+// Names are checked only when a caller asks for one (find() refuses a name
+// that is not valid, and a line can only match a name of the same bytes), so
+// the parse itself is two memchr() a line.
+void Store::parseFrom(size_t start)
+{
+    static constexpr std::string_view kFault = "Fault.";
+    const char *base = text_.data();
+    const size_t size = text_.size();
+    while (start < size) {
+        const char *nl = static_cast<const char *>(memchr(base + start, '\n', size - start));
+        size_t end = nl != nullptr ? static_cast<size_t>(nl - base) : size;
+        const char *eq = static_cast<const char *>(memchr(base + start, '=', end - start));
+        size_t nameLength = eq != nullptr ? static_cast<size_t>(eq - (base + start)) : 0;
+        if (nameLength > kFault.size() && memcmp(base + start, kFault.data(), kFault.size()) == 0) {
+            faults_.push_back(static_cast<uint32_t>(lines_.size()));
+        }
+        lines_.push_back(Line{static_cast<uint32_t>(start), static_cast<uint32_t>(end - start),
+                              static_cast<uint32_t>(nameLength)});
         start = end + 1;
     }
-    return true;
 }
 
 const Store::Line *Store::find(std::string_view name) const
 {
-    for (const Line &line : lines_) {
-        if (line.nameLength != 0 && line.nameLength == name.size() &&
-            text(line).substr(0, line.nameLength) == name) {
-            return &line;
+    if (index_.empty() || !isValidName(name)) {
+        return nullptr;
+    }
+    const uint32_t hash = hashName(name);
+    const size_t mask = index_.size() - 1;
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+        const Slot &slot = index_[i];
+        if (slot.line == kEmptySlot) {
+            return nullptr;
+        }
+        if (slot.hash == hash && nameOf(lines_[slot.line]) == name) {
+            return &lines_[slot.line];
         }
     }
-    return nullptr;
 }
 
 std::string Store::get(std::string_view name) const
@@ -311,63 +579,160 @@ bool Store::faultSet(std::string_view operation) const
 {
     std::string name = "Fault.";
     name += operation;
-    std::string value = get(name);
-    return !value.empty() && value != "0";
+    if (!isValidName(name)) {
+        return false;
+    }
+    for (uint32_t index : faults_) {
+        const Line &line = lines_[index];
+        std::string_view t = text(line);
+        if (t.substr(0, line.nameLength) == name) {
+            std::string value = decodeValue(t.substr(line.nameLength + 1));
+            return !value.empty() && value != "0";
+        }
+    }
+    return false;
 }
 
 std::vector<Param> Store::params() const
 {
     std::vector<Param> out;
     for (const Line &line : lines_) {
-        if (line.nameLength != 0) {
-            std::string_view t = text(line);
+        std::string_view t = text(line);
+        if (line.nameLength != 0 && isValidName(t.substr(0, line.nameLength))) {
             out.push_back(Param{t.substr(0, line.nameLength), t.substr(line.nameLength + 1)});
         }
     }
     return out;
 }
 
-std::string Store::render(const std::vector<Change> &changes) const
+Store::Plan Store::plan(const std::vector<Change> &changes) const
 {
-    std::vector<bool> seen(changes.size(), false);
+    Plan plan;
+    for (size_t i = 0; i < changes.size(); ++i) {
+        const Change &change = changes[i];
+        bool named = false; // an earlier change named the parameter: it decides
+        bool set = false;   // an earlier change set it: the first value wins
+        for (size_t j = 0; j < i; ++j) {
+            if (changes[j].name == change.name) {
+                named = true;
+                set = set || !changes[j].remove;
+            }
+        }
+        bool replaced = false;
+        if (!named && change.remove) {
+            const std::string_view name = change.name;
+            for (size_t l = 0; l < lines_.size(); ++l) {
+                if (text(lines_[l]).substr(0, lines_[l].nameLength) == name && isValidName(name)) {
+                    plan.edits.push_back(Plan::Edit{l, &change});
+                    plan.removes = true;
+                }
+            }
+        } else if (!named) {
+            const Line *line = find(change.name);
+            if (line != nullptr) {
+                plan.edits.push_back(Plan::Edit{static_cast<size_t>(line - lines_.data()), &change});
+                replaced = true;
+            }
+        }
+        if (!change.remove && !replaced && !set) {
+            plan.appends.push_back(&change);
+        }
+    }
+    // In line order.  Edits are few (a line per change, more only for a
+    // removed parameter that has duplicates), so an insertion sort does.
+    for (size_t i = 1; i < plan.edits.size(); ++i) {
+        for (size_t j = i; j > 0 && plan.edits[j - 1].line > plan.edits[j].line; --j) {
+            std::swap(plan.edits[j - 1], plan.edits[j]);
+        }
+    }
+    return plan;
+}
+
+namespace
+{
+
+void appendLine(std::string &out, const Change &change)
+{
+    out.append(change.name).append(1, '=').append(encodeValue(change.value)).append(1, '\n');
+}
+
+} // namespace
+
+// Lines the plan leaves alone are copied in whole runs.
+std::string Store::render(const Plan &plan, size_t *appendStart) const
+{
     std::string out;
     out.reserve(text_.size() + 256);
-    for (const Line &line : lines_) {
-        std::string_view t = text(line);
-        bool keep = true;
-        if (line.nameLength != 0) {
-            std::string_view name = t.substr(0, line.nameLength);
-            for (size_t i = 0; i < changes.size(); ++i) {
-                if (changes[i].name != name) {
-                    continue;
-                }
-                if (changes[i].remove) {
-                    keep = false;
-                } else if (!seen[i]) {
-                    seen[i] = true;
-                    out.append(name).append("=").append(encodeValue(changes[i].value)).append("\n");
-                    keep = false;
-                }
-                break;
-            }
+    size_t copied = 0;
+    for (const Plan::Edit &edit : plan.edits) {
+        const Line &line = lines_[edit.line];
+        out.append(text_, copied, line.offset - copied);
+        if (!edit.change->remove) {
+            appendLine(out, *edit.change);
         }
-        if (keep) {
-            out.append(t).append("\n");
-        }
+        copied = std::min(static_cast<size_t>(line.offset) + line.length + 1, text_.size());
     }
-    for (size_t i = 0; i < changes.size(); ++i) {
-        if (!changes[i].remove && !seen[i]) {
-            // A second change of the same name in one call: the first one wins.
-            bool repeated = false;
-            for (size_t j = 0; j < i && !repeated; ++j) {
-                repeated = !changes[j].remove && changes[j].name == changes[i].name;
-            }
-            if (!repeated) {
-                out.append(changes[i].name).append("=").append(encodeValue(changes[i].value)).append("\n");
-            }
-        }
+    out.append(text_, copied, std::string::npos);
+    if (!out.empty() && out.back() != '\n') {
+        out += '\n';
+    }
+    if (appendStart != nullptr) {
+        *appendStart = out.size();
+    }
+    for (const Change *change : plan.appends) {
+        appendLine(out, *change);
     }
     return out;
+}
+
+void Store::adopt(const Plan &plan, std::string next, size_t appendStart)
+{
+    if (plan.removes) {
+        parse(std::move(next)); // line numbers shift: rare (tavelctl unset)
+        return;
+    }
+    int64_t delta = 0;
+    auto edit = plan.edits.begin();
+    for (size_t l = plan.edits.empty() ? lines_.size() : plan.edits.front().line; l < lines_.size(); ++l) {
+        Line &line = lines_[l];
+        line.offset = static_cast<uint32_t>(line.offset + delta);
+        if (edit != plan.edits.end() && edit->line == l) {
+            const size_t end = std::string_view(next).find('\n', line.offset);
+            if (end == std::string_view::npos) { // not what render() makes
+                parse(std::move(next));
+                return;
+            }
+            const size_t length = end - line.offset;
+            delta += static_cast<int64_t>(length) - line.length;
+            line.length = static_cast<uint32_t>(length);
+            line.nameLength = static_cast<uint32_t>(edit->change->name.size());
+            ++edit;
+        }
+    }
+    text_ = std::move(next);
+    const size_t before = lines_.size();
+    parseFrom(appendStart);
+    if (lines_.size() * 4 > index_.size() * 3) {
+        buildIndex();
+    } else {
+        for (size_t l = before; l < lines_.size(); ++l) {
+            addToIndex(l);
+        }
+    }
+}
+
+CachedStore::CachedStore(const std::string &path, std::string *error) : lock_(cache().mutex)
+{
+    if (refresh(cache(), path, error)) {
+        store_ = &cache().store;
+    }
+}
+
+void releaseCache()
+{
+    Cache &c = cache();
+    std::lock_guard<std::mutex> lock(c.mutex);
+    c.drop();
 }
 
 UpdateResult update(const std::vector<Change> &changes, const char *faultOperation, std::string *error)
@@ -402,26 +767,26 @@ UpdateResult update(const std::string &path, const std::vector<Change> &changes,
     }
     // The lock is released when `lock` closes, after the rename.
 
-    Store current;
-    if (!current.load(path, error)) {
+    Cache &c = cache();
+    std::lock_guard<std::mutex> guard(c.mutex);
+    if (!refresh(c, path, error)) {
         return UpdateResult::Error;
     }
+    const Store &current = c.store;
     if (faultOperation != nullptr && current.faultSet(faultOperation)) {
         setError(error, std::string("fault injected for ") + faultOperation);
         return UpdateResult::Fault;
     }
-    const std::string next = current.render(changes);
+    const Store::Plan plan = current.plan(changes);
+    size_t appendStart = 0;
+    std::string next = current.render(plan, &appendStart);
     if (next == current.contents()) {
         return UpdateResult::Ok; // nothing changes: spare the flash a rewrite
     }
 
     // The store holds account passwords: a new one is private, an existing
     // one keeps whatever mode the integrator gave it.
-    mode_t mode = 0600;
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0) {
-        mode = st.st_mode & 07777;
-    }
+    const mode_t mode = c.exists ? (c.mode & 07777) : 0600;
     std::string tmpl = path + ".tmp.XXXXXX";
     Fd out(mkostemp(&tmpl[0], O_CLOEXEC));
     if (out.get() < 0) {
@@ -429,7 +794,9 @@ UpdateResult update(const std::string &path, const std::vector<Change> &changes,
         return UpdateResult::Error;
     }
     TempFile tmp(tmpl);
-    if (fchmod(out.get(), mode) != 0 || !writeAll(out.get(), next) || fsync(out.get()) != 0 || !out.close()) {
+    struct stat written;
+    if (fchmod(out.get(), mode) != 0 || !writeAll(out.get(), next) || fsync(out.get()) != 0 ||
+        fstat(out.get(), &written) != 0 || !out.close()) {
         setError(error, describe("cannot write", tmp.path(), errno));
         return UpdateResult::Error;
     }
@@ -438,6 +805,18 @@ UpdateResult update(const std::string &path, const std::vector<Change> &changes,
         return UpdateResult::Error;
     }
     tmp.commit();
+    // The parse follows the file just written; its identity is the one
+    // taken before the rename, so anything that touches the file after it
+    // shows as a change.
+    if (next.size() > kMaxStoreSize) {
+        c.drop(); // the next read refuses it anyway
+    } else {
+        c.store.adopt(plan, std::move(next), appendStart);
+        c.exists = true;
+        c.id = FileId(written);
+        c.mode = written.st_mode;
+        c.trusted = settled(c.id);
+    }
     // The new store is in place and visible; a directory that cannot be
     // synced only weakens durability across a power cut, so it is not an error.
     Fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -97,6 +97,16 @@ typedef struct KPRCZoragentConfig {
 
 int dml_init(int mode);
 
+/* Optional: frees whatever the layer keeps between calls (the stand-in's
+ * parse of its store) so that an idle caller holds no copy of the data
+ * model; the next call reads the data model again.  Declared weak so that
+ * the agent links against a platform without it: the agent calls it only
+ * when it is linked (a null address means absent).  A platform that defines
+ * it must define it in the same object file as its other dml_ functions, or
+ * a static link would leave it out (a weak reference pulls in no archive
+ * member). */
+void dml_releaseCache(void) __attribute__((weak));
+
 /* The CA certificate path; never NULL (empty when unknown).  The text stays
  * valid until the calling thread's next call of this function. */
 const char *dml_getHIECertifcatePath(void);

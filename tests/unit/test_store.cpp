@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -5,8 +6,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <thread>
 
+#include "dml.h"
 #include "store.h"
 #include "test_env.h"
 
@@ -21,6 +24,7 @@ using StoreParse = TavelRootTest;
 using StoreUpdate = TavelRootTest;
 using StoreRobust = TavelRootTest;
 using StoreAtomic = TavelRootTest;
+using StoreCache = TavelRootTest;
 
 UpdateResult set(const std::string &name, const std::string &value)
 {
@@ -297,6 +301,102 @@ TEST_F(StoreAtomic, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
         EXPECT_EQ(store.get("Pad" + std::to_string(w)), padding + std::to_string(kRounds - 1));
     }
     EXPECT_EQ(store.get("Sentinel"), "ok");
+}
+
+std::string cachedGet(const std::string &name)
+{
+    std::string error;
+    tavel::dml::CachedStore store(&error);
+    return store.ok() ? store->get(name) : "error: " + error;
+}
+
+struct timespec mtimeOf(const std::string &path)
+{
+    struct stat st {
+    };
+    stat(path.c_str(), &st);
+    return st.st_mtim;
+}
+
+void setMtime(const std::string &path, struct timespec t)
+{
+    const struct timespec times[2] = {t, t};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+void inPlace(const std::string &path, const std::string &text)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+const struct timespec kOld = {1500000000, 100};
+
+// Outside writers that keep the size, each leaving as little of the file's
+// identity changed as it can.
+TEST_F(StoreCache, ReadsSeeOutsideWritesThatKeepSizeAndSecond)
+{
+    const std::string path = storeFile();
+    struct Writer {
+        const char *what;
+        bool oldFile; // the file read first was last changed long ago
+        std::function<void()> write;
+    };
+    const Writer writers[] = {
+        {"replaced, other nanoseconds", true,
+         [&] {
+             std::ofstream(path + ".new") << "A=2\n";
+             setMtime(path + ".new", {kOld.tv_sec, kOld.tv_nsec + 1});
+             ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+         }},
+        {"in place, other nanoseconds", true,
+         [&] {
+             inPlace(path, "A=2\n");
+             setMtime(path, {kOld.tv_sec, kOld.tv_nsec + 2});
+         }},
+        {"in place, the same time as the read file (within one clock tick)", false,
+         [&] {
+             struct timespec t = mtimeOf(path);
+             inPlace(path, "A=2\n");
+             setMtime(path, t);
+         }},
+    };
+    for (const auto &[what, oldFile, write] : writers) {
+        writeStore("A=1\n");
+        if (oldFile) {
+            setMtime(path, kOld);
+        }
+        EXPECT_EQ(cachedGet("A"), "1") << what;
+        write();
+        EXPECT_EQ(cachedGet("A"), "2") << what;
+    }
+}
+
+TEST_F(StoreCache, UpdatesWorkOnTheFileAndReleaseDropsTheParse)
+{
+    const std::string path = storeFile();
+    writeStore("A=1\nB=1\n");
+    setMtime(path, kOld);
+    EXPECT_EQ(cachedGet("A"), "1");
+    // An outside write the parse has not seen survives an update.
+    inPlace(path, "A=1\nB=2\n");
+    setMtime(path, {kOld.tv_sec, kOld.tv_nsec + 1});
+    ASSERT_EQ(set("C", "3"), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), "A=1\nB=2\nC=3\n");
+    // The parse the update kept follows its own edits: later lines shift.
+    ASSERT_EQ(set("A", "longer"), UpdateResult::Ok);
+    EXPECT_EQ(cachedGet("B"), "2");
+    EXPECT_EQ(cachedGet("C"), "3");
+
+    // A file last changed long ago is known by its identity alone: a
+    // rewrite that keeps all of it is not seen until the parse is dropped.
+    inPlace(path, "A=longer\nB=7\nC=3\n");
+    setMtime(path, kOld);
+    EXPECT_EQ(cachedGet("B"), "7");
+    inPlace(path, "A=longer\nB=8\nC=3\n");
+    setMtime(path, kOld);
+    EXPECT_EQ(cachedGet("B"), "7");
+    dml_releaseCache();
+    EXPECT_EQ(cachedGet("B"), "8");
 }
 
 } // namespace
