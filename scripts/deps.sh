@@ -3,7 +3,7 @@
 # something has to be installed.
 TAVEL_DEPS="build-essential cmake ninja-build g++ clang libclang-rt-14-dev pkg-config
   libcurl4-openssl-dev libdbus-1-dev dbus-daemon libgtest-dev googletest
-  openssl python3 cppcheck clang-tidy clang-format systemd"
+  openssl python3 cppcheck clang-tidy clang-format systemd iptables iproute2 strace util-linux"
 
 # The toolchain matrix (scripts/matrix.sh): older and newer compilers than
 # the default ones, as vendor SDKs ship them.
@@ -14,7 +14,7 @@ TAVEL_MATRIX_DEPS="g++-11 g++-12 clang-13 clang-16"
 # to run the target's tests on this host.  The host tools it also needs are in
 # TAVEL_DEPS.
 TAVEL_ARM_DEPS="crossbuild-essential-armhf libcurl4-openssl-dev:armhf libdbus-1-dev:armhf
-  libgtest-dev:armhf libstdc++6:armhf libfaketime:armhf qemu-user"
+  libgtest-dev:armhf libstdc++6:armhf qemu-user"
 
 tavel_missing_packages() {
     local missing="" p

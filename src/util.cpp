@@ -350,6 +350,19 @@ pthread_mutex_t g_agentMutex = PTHREAD_MUTEX_INITIALIZER;
 thread_local int t_agentDepth = 0;
 } // namespace
 
+namespace
+{
+// The data-model layer may keep what it read for the duration of a step; it
+// is let go whenever the agent gives its lock up, so nothing of it stays
+// while the agent waits.  A platform without the hook leaves it undefined.
+void releaseStepCaches()
+{
+    if (dml_releaseCache != nullptr) {
+        dml_releaseCache();
+    }
+}
+} // namespace
+
 void tavel_agentLock(void)
 {
     if (t_agentDepth++ == 0) {
@@ -360,6 +373,7 @@ void tavel_agentLock(void)
 void tavel_agentUnlock(void)
 {
     if (t_agentDepth > 0 && --t_agentDepth == 0) {
+        releaseStepCaches();
         pthread_mutex_unlock(&g_agentMutex);
     }
 }
@@ -374,6 +388,7 @@ int tavel_agentLockRelease(void)
     int depth = t_agentDepth;
     if (depth > 0) {
         t_agentDepth = 0;
+        releaseStepCaches();
         pthread_mutex_unlock(&g_agentMutex);
     }
     return depth;

@@ -138,7 +138,10 @@ class StopTest(FlowCase):
         with open(dev.path("agent.stdout"), "wb") as out, open(dev.path("agent.stderr"), "wb") as err:
             dev.proc = subprocess.Popen(["strace", "-f", "-qq", "-e", "trace=execve", "-e", "signal=none", "-o",
                                          trace] + command(AGENT),
-                                        env=dev.env(dict(self.bus.env(), TAVEL_TIME_SCALE="100")), stdout=out,
+                                        env=dev.env(dict(self.bus.env(), TAVEL_TIME_SCALE="100",
+                                                         # LeakSanitizer cannot run under ptrace.
+                                                         ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") +
+                                                         ":detect_leaks=0")), stdout=out,
                                         stderr=err, stdin=subprocess.DEVNULL)
         dev.wait_log("Capability: country code sync is not applicable", timeout=60)
         self.send("bootstrap", "1")

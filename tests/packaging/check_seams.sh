@@ -24,10 +24,13 @@ declared() {
     grep -F "/$1:" "$aux" | sed -n 's/^[^*]*\*\/ *//; s/^.*[ *]\([A-Za-z_][A-Za-z0-9_]*\) (.*$/\1/p' | sort -u
 }
 
-# Strong global definitions only: weak ones (inline functions, template
-# instances of the C++ library) are merged by the linker and never clash.
+# Strong global definitions, and weak ones with C linkage (an optional
+# function the header declares weak, such as dml_releaseCache).  Weak C++
+# symbols (inline functions, template instances of the C++ library) are
+# merged by the linker and never clash, so they do not count.
 defined() {
-    "$nm" -g --defined-only "$1" | awk 'NF == 3 && $2 ~ /^[TDBRGSi]$/ { print $3 }' | sort -u
+    "$nm" -g --defined-only "$1" |
+        awk 'NF == 3 && ($2 ~ /^[TDBRGSi]$/ || ($2 ~ /^[VW]$/ && $3 ~ /^[A-Za-z][A-Za-z0-9_]*$/)) { print $3 }' | sort -u
 }
 
 words() { if [ -s "$1" ]; then tr '\n' ' ' <"$1" | sed 's/ $//'; else printf -- '-'; fi; }
