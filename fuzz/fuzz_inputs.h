@@ -26,6 +26,7 @@
 #include "dml.h"
 #include "fuzz_common.h"
 #include "main.h"
+#include "reply_fields.h"
 #include "store.h"
 #include "tavel_curl.h"
 #include "tavel_signal.h"
@@ -52,40 +53,19 @@ inline void makeDeviceDirs(const std::string &devicePath)
 
 /* ---- reply headers ---- */
 
-inline std::vector<char **> serverDataFields()
-{
-    return {&g_serverData.mgmtUrl,      &g_serverData.cdpusername,    &g_serverData.cdppassword,
-            &g_serverData.operdesc,     &g_serverData.subnetdesc,     &g_serverData.tenantID,
-            &g_serverData.l1url,        &g_serverData.l2url,          &g_serverData.remotemappurl,
-            &g_serverData.kprconfigurl, &g_serverData.kprconfigapikey};
-}
-
-// Each input starts from the state of a fresh reply: empty values, as the
-// agent's start-up leaves them.
-inline void resetServerData()
-{
-    for (char **field : serverDataFields()) {
-        free(*field);
-        *field = static_cast<char *>(calloc(1, 1));
-        if (*field == nullptr) {
-            abort();
-        }
-    }
-    memset(g_serverData.countryCode, 0, sizeof(g_serverData.countryCode));
-    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
-}
-
 // Values taken as the first word of a line never hold white space, and every
 // stored text is still terminated (strlen under ASan).
 inline bool serverDataSound()
 {
     const char *blanks = " \t\r\n\v\f";
-    for (char **field : serverDataFields()) {
+    bool sound = true;
+    forEachHeapField(g_serverData, [&](const ReplyField &f, char *field) {
         // The descriptions are raw bytes; every other value is one word.
-        bool raw = field == &g_serverData.operdesc || field == &g_serverData.subnetdesc;
-        if (*field == nullptr || (strlen(*field) > 0 && !raw && strpbrk(*field, blanks) != nullptr)) {
-            return false;
-        }
+        bool raw = f.kind == ReplyKind::RawText;
+        sound = sound && field != nullptr && (strlen(field) == 0 || raw || strpbrk(field, blanks) == nullptr);
+    });
+    if (!sound) {
+        return false;
     }
     const TimezoneData &tz = g_timezoneData;
     return terminated(g_serverData.countryCode) && strpbrk(g_serverData.countryCode, blanks) == nullptr &&
@@ -122,7 +102,9 @@ inline bool runHeaders(const uint8_t *data, size_t size)
     bool direct = (data[0] & 1) != 0;
     ++data;
     --size;
-    resetServerData();
+    // Each input starts from the state of a fresh reply, as start-up leaves it.
+    tavel_resetServerData();
+    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
     size_t start = 0;
     while (start < size) {
         const void *lf = memchr(data + start, '\n', size - start);

@@ -95,6 +95,12 @@ typedef struct AcsBootstrapStatus {
 } AcsBootstrapStatus;
 static_assert(sizeof(AcsBootstrapStatus) == 36, "AcsBootstrapStatus layout");
 
+/* The timer a retry is armed on (getTimerByType, getTimerIdForErrorCode). */
+enum TavelTimerType { TAVEL_TIMER_RETRY = 1, TAVEL_TIMER_STATUS = 2 };
+
+/* The outcome the status report carries (appendStatusSuffix). */
+enum TavelStatusValue { TAVEL_STATUS_ERROR = 2, TAVEL_STATUS_SUCCESS = 3 };
+
 /* Index into the ConnStatus name table. */
 enum ConnStatus {
     CONN_STATUS_NO_CONNECTION = 0,
@@ -131,6 +137,9 @@ extern int32_t g_retryTimeout;
 
 /* --- start-up (main.cpp) --- */
 void initAgentState(void);
+/* Every received value back to empty: the heap strings freed and allocated
+ * again empty, the country code cleared (main_state.cpp). */
+void tavel_resetServerData(void);
 void tavelInit(void);
 void *busThreadMain(void *arg);
 

@@ -23,11 +23,6 @@
 namespace
 {
 
-struct FileCloser {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
 /* The device firmware read a marker with "cat %s" in a 32-byte command
  * buffer bounded to 30 characters: a path longer than 26 characters was cut.
  * The cut is kept, so a long path reads as a missing file here too. */

@@ -25,6 +25,7 @@
 
 #include "cfgm_intf.h"
 #include "main.h"
+#include "reply_fields.h"
 #include "util.h"
 
 namespace
@@ -295,12 +296,12 @@ void exitTavel(void)
         // A status upload may run on the bus thread with the lock given up;
         // exiting under it would pull the process away mid-transfer.
         waitForTransfers(nullptr);
-        char **owned[] = {&g_serverData.mgmtUrl, &g_serverData.cdpusername, &g_serverData.cdppassword,
-                          &g_serverData.operdesc, &g_serverData.subnetdesc};
-        for (char **field : owned) {
-            free(*field);
-            *field = nullptr;
-        }
+        forEachHeapField(g_serverData, [](const ReplyField &f, char *&field) {
+            if (f.freedAtExit) {
+                free(field);
+                field = nullptr;
+            }
+        });
         TAVEL_LOGE("exitTavel !!!!");
         fflush(stdout);
         exit(0);

@@ -13,11 +13,6 @@
 namespace
 {
 
-const char *text(const char *s)
-{
-    return s != nullptr ? s : "";
-}
-
 bool isEmpty(const char *s)
 {
     return s == nullptr || s[0] == '\0';
@@ -127,7 +122,7 @@ void connectToOnBoardServer(void)
             TAVEL_LOGE("certificate not EXIST !!!!\n");
             exitTavel();
         }
-        armRetry(code, 1);
+        armRetry(code, TAVEL_TIMER_RETRY);
         return;
     }
 
@@ -146,7 +141,7 @@ void connectToOnBoardServer(void)
                isEmpty(g_serverData.cdppassword)) {
         // An incomplete account is as good as none: ask again in about a day.
         g_tavelCtrl.retryCount = 0;
-        armRetry(204, 1);
+        armRetry(204, TAVEL_TIMER_RETRY);
         return;
     } else if (isSameManagementAccount(&g_serverData) != 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGE("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n");
@@ -216,7 +211,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
         TAVEL_LOGN("status upload already under way; not starting another\n");
         return;
     }
-    int statusValue = g_acsBootstrapStatus.status == 1 ? 3 : 2;
+    int statusValue = g_acsBootstrapStatus.status == 1 ? TAVEL_STATUS_SUCCESS : TAVEL_STATUS_ERROR;
 
     HttpInfo info;
     memset(&info, 0, sizeof(info));
@@ -245,7 +240,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
     g_statusRetryPending = 1;
     int seconds = 0;
     timer_t timer = nullptr;
-    int rc = getTimerIdForErrorCode(code, &seconds, &timer, 2);
+    int rc = getTimerIdForErrorCode(code, &seconds, &timer, TAVEL_TIMER_STATUS);
     TAVEL_LOGE("Error code [%d] for timerId\n", rc);
     if (rc == 0) {
         startTimer(seconds, timer);
@@ -254,9 +249,9 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 
 void appendStatusSuffix(char *url, int statusValue)
 {
-    const char *suffix = statusValue == 3   ? "?status=SUCCESS"
-                         : statusValue == 2 ? "?status=ERROR:CONN_FAILED"
-                                            : "";
+    const char *suffix = statusValue == TAVEL_STATUS_SUCCESS ? "?status=SUCCESS"
+                         : statusValue == TAVEL_STATUS_ERROR ? "?status=ERROR:CONN_FAILED"
+                                                             : "";
     // The field is 256 bytes; a URL too long for its suffix is cut, never
     // overrun.
     size_t used = strnlen(url, 255);
@@ -276,9 +271,9 @@ struct DumpLine {
 void dumpDetails(const char *func, const char *banner, const DumpLine *lines, size_t count,
                  const char *closing)
 {
-    dmlLogNotice(TAVEL_LOG_PREFIX "%s\n", func, TAVEL_FILE, __LINE__, banner);
+    TAVEL_LOGN_AS(func, "%s\n", banner);
     for (size_t i = 0; i < count; ++i) {
-        dmlLogNotice(TAVEL_LOG_PREFIX "%s%s\n", func, TAVEL_FILE, __LINE__, lines[i].label, lines[i].value);
+        TAVEL_LOGN_AS(func, "%s%s\n", lines[i].label, lines[i].value);
     }
     printf("%s\n", banner);
     for (size_t i = 0; i < count; ++i) {
@@ -315,11 +310,11 @@ void dumpAcsConnectionDetails(void)
 {
     // The password and the cloud settings are never shown.
     const DumpLine lines[] = {
-        {"g_serverData.mgmtUrl ", text(g_serverData.mgmtUrl)},
-        {"g_serverData.cdpusername ", text(g_serverData.cdpusername)},
-        {"g_serverData.operdesc ", text(g_serverData.operdesc)},
-        {"g_serverData.subnetdesc ", text(g_serverData.subnetdesc)},
-        {"g_serverData.tenantID ", text(g_serverData.tenantID)},
+        {"g_serverData.mgmtUrl ", tavel_text(g_serverData.mgmtUrl)},
+        {"g_serverData.cdpusername ", tavel_text(g_serverData.cdpusername)},
+        {"g_serverData.operdesc ", tavel_text(g_serverData.operdesc)},
+        {"g_serverData.subnetdesc ", tavel_text(g_serverData.subnetdesc)},
+        {"g_serverData.tenantID ", tavel_text(g_serverData.tenantID)},
     };
     dumpDetails(__func__, "******************** ACS Connection Details ***********************", lines,
                 sizeof(lines) / sizeof(lines[0]),

@@ -199,9 +199,9 @@ int getRetryExpTimerValue(void)
 
 void getTimerByType(int type, timer_t *timer)
 {
-    if (type == 1) {
+    if (type == TAVEL_TIMER_RETRY) {
         *timer = g_tavelCtrl.retryTimer;
-    } else if (type == 2) {
+    } else if (type == TAVEL_TIMER_STATUS) {
         *timer = g_tavelCtrl.statusUpdateTimer;
     }
 }

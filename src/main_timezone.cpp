@@ -23,10 +23,6 @@
 namespace
 {
 
-struct FreeDeleter {
-    void operator()(char *p) const { free(p); }
-};
-
 constexpr int kHistoryEvent = 6;
 constexpr size_t kFieldMax = 49;
 /* Longest mapping line taken into account, line feed not counted. */
@@ -386,7 +382,7 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
         TAVEL_LOGN(" IP Stack is down going for retry exponetial \n");
         int seconds = 0;
         timer_t timer{};
-        if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, 1) == 0) {
+        if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, TAVEL_TIMER_RETRY) == 0) {
             startTimer(seconds, timer);
         }
         TAVEL_LOGN("started exponential retry timer \n");

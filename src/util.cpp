@@ -325,11 +325,6 @@ void tavel_agentUnlock(void)
     }
 }
 
-int tavel_agentLockDepth(void)
-{
-    return t_agentDepth;
-}
-
 int tavel_agentLockRelease(void)
 {
     int depth = t_agentDepth;
