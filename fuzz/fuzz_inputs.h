@@ -123,15 +123,14 @@ inline bool runHeaders(const uint8_t *data, size_t size)
 inline bool runTimezoneHeader(const uint8_t *data, size_t size)
 {
     memset(&g_timezoneData, 0, sizeof(g_timezoneData));
-    memset(g_timezoneCode, 0, sizeof(g_timezoneCode));
-    memset(g_continent_city, 0, sizeof(g_continent_city));
+    tavel_resetTimezoneHeaderState();
 
     ExactBuffer line(data, size);
     handle_timezoneHeader(line.data(), line.size());
 
     const TimezoneData &tz = g_timezoneData;
     if (!terminated(tz.timezone) || !terminated(tz.cityname) || !terminated(tz.errorcode) ||
-        !terminated(g_timezoneCode) || !terminated(g_continent_city)) {
+        !terminated(g_timezoneHeader.code) || !terminated(g_timezoneHeader.continentCity)) {
         return false;
     }
     // A header fills either the error word or the zone, never both.
@@ -214,8 +213,6 @@ inline bool runTimezoneMapping(const uint8_t *data, size_t size)
 
 /* ---- bus signals and debug commands ---- */
 
-constexpr int32_t kDefaultRetryTimeout = 86400;
-
 inline bool timezoneClean()
 {
     // Nothing may linger behind the terminator of a received zone.
@@ -234,9 +231,8 @@ inline bool runSignals(const uint8_t *data, size_t size)
     }
     // With no status upload pending the bootstrap handler returns before any
     // request is made: this must never reach the network.
-    g_tavelCtrl.statusUpdatePending = 0;
-    g_statusRetryPending = 0;
-    g_retryTimeout = kDefaultRetryTimeout;
+    tavel_resetOnboardingState();
+    tavel_resetRetryState();
     memset(g_timezone, 0, sizeof(g_timezone));
 
     using Handler = void (*)(void *, void *, const void *, uint32_t);
@@ -253,7 +249,7 @@ inline bool runSignals(const uint8_t *data, size_t size)
     ExactBuffer block(bytes.data(), bytes.size());
     handlers[selector % 5](nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
     const bool ok = selector % 5 != 4 || timezoneClean();
-    if (g_tavelCtrl.statusUpdatePending != 0 || g_statusRetryPending != 0) {
+    if (g_tavelCtrl.statusUpdatePending != 0 || g_onboardingState.statusRetryPending != 0) {
         abort(); // a status upload was started: stop before any request
     }
     return ok;

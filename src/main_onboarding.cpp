@@ -74,6 +74,14 @@ void applyCountryCode()
 
 } // namespace
 
+OnboardingState g_onboardingState;
+
+void tavel_resetOnboardingState(void)
+{
+    g_tavelCtrl.statusUpdatePending = 0;
+    g_onboardingState = OnboardingState{};
+}
+
 void validateSystemTimeAndStartPolling(void)
 {
     time_t now = time(nullptr);
@@ -136,7 +144,7 @@ void connectToOnBoardServer(void)
     const char *url = g_serverData.mgmtUrl;
     if (isEmpty(url) || strcmp(url, "NA") == 0) {
         TAVEL_LOGN("TavelServer send NA/NULL values no need to retry or update data model");
-        g_serverDataNotUsed = 1;
+        g_onboardingState.serverDataNotUsed = 1;
     } else if (strstr(url, "http") == nullptr || isEmpty(g_serverData.cdpusername) ||
                isEmpty(g_serverData.cdppassword)) {
         // An incomplete account is as good as none: ask again in about a day.
@@ -145,10 +153,10 @@ void connectToOnBoardServer(void)
         return;
     } else if (isSameManagementAccount(&g_serverData) != 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGE("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n");
-        g_serverDataNotUsed = 1;
+        g_onboardingState.serverDataNotUsed = 1;
     } else if (tavel_isMgmtServerUrlEmpty() == 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGN("Valid Management URL is present ... TavelServer Data not used!!\n");
-        g_serverDataNotUsed = 1;
+        g_onboardingState.serverDataNotUsed = 1;
     } else {
         TAVEL_LOGN("Valid Management URL is NOT presnt .. apply TavelServer Data\n");
         dumpHttpConnectionDetails();
@@ -160,8 +168,9 @@ void connectToOnBoardServer(void)
     applyTimezone();
     applyCountryCode();
 
-    if (g_serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 && g_timerAliveFlag == 0) {
-        TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_timerAliveFlag);
+    if (g_onboardingState.serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 &&
+        g_countryState.codeParked == 0) {
+        TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_countryState.codeParked);
         exitTavel();
     }
 }
@@ -196,7 +205,7 @@ int httpCodeToConnStatus(int code)
 
 void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 {
-    if (g_tavelCtrl.statusUpdatePending == 0 && g_statusRetryPending == 0) {
+    if (g_tavelCtrl.statusUpdatePending == 0 && g_onboardingState.statusRetryPending == 0) {
         return;
     }
     if (status != &g_acsBootstrapStatus) {
@@ -228,7 +237,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 
     if (code == 200) {
         g_tavelCtrl.statusUpdatePending = 0;
-        g_statusRetryPending = 0;
+        g_onboardingState.statusRetryPending = 0;
         // The device must not lose its time zone to an early exit.
         while (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
             tavel_sleep(5);
@@ -237,7 +246,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
         exitTavel();
         return;
     }
-    g_statusRetryPending = 1;
+    g_onboardingState.statusRetryPending = 1;
     int seconds = 0;
     timer_t timer = nullptr;
     int rc = getTimerIdForErrorCode(code, &seconds, &timer, TAVEL_TIMER_STATUS);

@@ -11,18 +11,10 @@ HttpInfo g_httpInfo;
 ServerData g_serverData;
 TimezoneData g_timezoneData;
 char g_timezone[50];
-char g_continent_city[50];
-char g_timezoneCode[50];
 ModelCapability _g_modelCapability;
 SupportedCountryList g_supportedCountryList;
 TavelCtrl g_tavelCtrl;
 AcsBootstrapStatus g_acsBootstrapStatus;
-int32_t g_timerAliveFlag;
-int32_t g_statusRetryPending;
-int32_t g_tzFailEventSent;
-int32_t g_serverDataNotUsed;
-int32_t g_lastErrorCode = TAVEL_RC_NO_RESPONSE_CODE;
-int32_t g_retryTimeout = 86400;
 
 void initAgentState(void)
 {
@@ -37,8 +29,8 @@ void initAgentState(void)
 
     tavel_resetServerData();
 
-    g_tavelCtrl.statusUpdatePending = 0;
-    g_tavelCtrl.retryCount = 0;
+    tavel_resetRetryState();
+    tavel_resetOnboardingState();
     memset(&g_acsBootstrapStatus, 0, sizeof(g_acsBootstrapStatus));
 
     tavel_makeDirs(TAVEL_MARKER_DIR);
