@@ -5,6 +5,8 @@
 
 void tavel_setCloudMAPPURL(ServerData serverData)
 {
+    // The notice shows every value, the API key included, as the device's
+    // log always has; the connection dumps leave the cloud values out.
     TAVEL_LOGN(" l1ClouldUrl %s l2ClouldUrl%s remotemappUrl %s kprConfigUrl[%s] kprConfigApikey[%s] \n",
                tavel_text(serverData.l1url), tavel_text(serverData.l2url),
                tavel_text(serverData.remotemappurl), tavel_text(serverData.kprconfigurl),

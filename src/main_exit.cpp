@@ -126,6 +126,8 @@ int msUntil(struct timespec deadline)
     return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
 }
 
+// Reads one queued timer expiry: true with the timer's value in *value,
+// false when none was read.
 bool readExpiry(void **value)
 {
     struct signalfd_siginfo si;

@@ -27,8 +27,8 @@ void armRetry(int code, int type)
     }
 }
 
-// Step 10 of a successful fetch: apply the received time zone when it has not
-// been configured yet, or when the mapped zone differs from the device's.
+// After a successful fetch: apply the received time zone when it has not been
+// configured yet, or when the mapped zone differs from the device's.
 void applyTimezone()
 {
     if (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
@@ -317,7 +317,9 @@ void dumpHttpConnectionDetails(void)
 
 void dumpAcsConnectionDetails(void)
 {
-    // The password and the cloud settings are never shown.
+    // This dump leaves out the password and the cloud settings.  The cloud
+    // values, the configuration API key among them, do reach the log: the
+    // notice tavel_setCloudMAPPURL writes when it applies them shows them.
     const DumpLine lines[] = {
         {"g_serverData.mgmtUrl ", tavel_text(g_serverData.mgmtUrl)},
         {"g_serverData.cdpusername ", tavel_text(g_serverData.cdpusername)},
