@@ -81,7 +81,7 @@ void logLookupFailed()
  * a regular file, opened without blocking, of at most this size, so a FIFO,
  * a directory or a link to a device node fails the lookup instead of hanging
  * the agent or feeding it without end. */
-constexpr size_t kMappingFileMax = 1024 * 1024; // "1 MiB" in the log
+constexpr size_t kMappingFileMax = size_t{1024} * 1024; // "1 MiB" in the log
 
 /* The whole mapping file, read with plain read() calls.  Returns its length,
  * or -1 after logging why it was refused; an I/O error is -2. */

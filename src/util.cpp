@@ -15,7 +15,8 @@
 
 #include <initializer_list>
 
-extern char **environ;
+// Not every C library declares it without _GNU_SOURCE.
+extern char **environ; // NOLINT(readability-redundant-declaration)
 
 void parseTimetoHourMinSec(const char *text, int *hour, int *minute, int *second)
 {
