@@ -30,13 +30,15 @@ std::string helpText()
 }
 
 // A zeroed heap block of exactly n bytes, nothing after it.
-std::unique_ptr<char, decltype(&free)> exactBlock(size_t n)
+using Block = std::unique_ptr<char, FreeDeleter>;
+
+Block exactBlock(size_t n)
 {
-    return std::unique_ptr<char, decltype(&free)>(static_cast<char *>(calloc(n > 0 ? n : 1, 1)), free);
+    return Block(static_cast<char *>(calloc(n > 0 ? n : 1, 1)));
 }
 
 // A debug-command payload of exactly 2,112 bytes.
-std::unique_ptr<char, decltype(&free)> dbgPayload(const std::string &module, const std::string &cmd)
+Block dbgPayload(const std::string &module, const std::string &cmd)
 {
     auto block = exactBlock(TAVEL_DBG_PAYLOAD_LEN);
     memcpy(block.get(), module.data(), std::min(module.size(), size_t{TAVEL_DBG_MODULE_LEN}));
