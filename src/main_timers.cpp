@@ -86,12 +86,14 @@ void createTimer(timer_t *handle)
 
 } // namespace
 
-RetryState g_retryState = {TAVEL_RC_NO_RESPONSE_CODE, 86400};
+// No code seen yet; the long back-off waits about a day.
+constexpr RetryState kRetryStart = {TAVEL_RC_NO_RESPONSE_CODE, 86400};
+RetryState g_retryState = kRetryStart;
 
 void tavel_resetRetryState(void)
 {
     g_tavelCtrl.retryCount = 0;
-    g_retryState = RetryState{TAVEL_RC_NO_RESPONSE_CODE, 86400};
+    g_retryState = kRetryStart;
 }
 
 void tavel_blockAgentSignals(void)
