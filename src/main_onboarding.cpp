@@ -7,6 +7,7 @@
 
 #include "cfgm_intf.h"
 #include "main.h"
+#include "reply_fields.h"
 #include "tavel_curl.h"
 #include "util.h"
 
@@ -320,14 +321,13 @@ void dumpAcsConnectionDetails(void)
     // This dump leaves out the password and the cloud settings.  The cloud
     // values, the configuration API key among them, do reach the log: the
     // notice tavel_setCloudMAPPURL writes when it applies them shows them.
-    const DumpLine lines[] = {
-        {"g_serverData.mgmtUrl ", tavel_text(g_serverData.mgmtUrl)},
-        {"g_serverData.cdpusername ", tavel_text(g_serverData.cdpusername)},
-        {"g_serverData.operdesc ", tavel_text(g_serverData.operdesc)},
-        {"g_serverData.subnetdesc ", tavel_text(g_serverData.subnetdesc)},
-        {"g_serverData.tenantID ", tavel_text(g_serverData.tenantID)},
-    };
-    dumpDetails(__func__, "******************** ACS Connection Details ***********************", lines,
-                sizeof(lines) / sizeof(lines[0]),
+    DumpLine lines[sizeof(kReplyFields) / sizeof(kReplyFields[0])] = {};
+    size_t count = 0;
+    forEachHeapField(g_serverData, [&](const ReplyField &f, const char *value) {
+        if (f.dumpLabel != nullptr) {
+            lines[count++] = DumpLine{f.dumpLabel, tavel_text(value)};
+        }
+    });
+    dumpDetails(__func__, "******************** ACS Connection Details ***********************", lines, count,
                 "\n************************************* END ***********************");
 }

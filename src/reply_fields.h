@@ -1,8 +1,8 @@
 /*
  * The values of the onboarding reply: one row per reply header, naming the
  * header, its type, how its value is cut out of the line and where it is
- * kept.  The header reader, the state reset, the exit and the tests all walk
- * this table, so a field is added or changed in one place.
+ * kept.  The header reader, the state reset, the ACS dump, the exit and the
+ * tests all walk this table, so a field is added or changed in one place.
  */
 #ifndef TAVEL_REPLY_FIELDS_H
 #define TAVEL_REPLY_FIELDS_H
@@ -28,25 +28,27 @@ struct ReplyField {
     bool freedAtExit;        /* released by exitTavel (the management account
                               * and the descriptions; the device leaves the
                               * rest to the end of the process) */
+    const char *dumpLabel;   /* its line in the ACS dump; null: not shown */
 
     bool isHeap() const { return heap != nullptr; }
 };
 
 /* In the order the header types are numbered. */
 inline constexpr ReplyField kReplyFields[] = {
-    {"url", HDR_URL, ReplyKind::Word, &ServerData::mgmtUrl, true},
-    {"name", HDR_NAME, ReplyKind::Word, &ServerData::cdpusername, true},
-    {"pwd", HDR_PWD, ReplyKind::Word, &ServerData::cdppassword, true},
-    {"opdesc", HDR_OPDESC, ReplyKind::RawText, &ServerData::operdesc, true},
-    {"snetdesc", HDR_SNETDESC, ReplyKind::RawText, &ServerData::subnetdesc, true},
-    {"tenantid", HDR_TENANTID, ReplyKind::Word, &ServerData::tenantID, false},
-    {"timezone", HDR_TIMEZONE, ReplyKind::Timezone, nullptr, false},
-    {"countrycode", HDR_COUNTRYCODE, ReplyKind::CountryCode, nullptr, false},
-    {"l1url", HDR_L1URL, ReplyKind::CloudWord, &ServerData::l1url, false},
-    {"l2url", HDR_L2URL, ReplyKind::CloudWord, &ServerData::l2url, false},
-    {"remotemappurl", HDR_REMOTEMAPPURL, ReplyKind::CloudWord, &ServerData::remotemappurl, false},
-    {"kprconfigurl", HDR_KPRCONFIGURL, ReplyKind::CloudWord, &ServerData::kprconfigurl, false},
-    {"kprconfigapikey", HDR_KPRCONFIGAPIKEY, ReplyKind::CloudWord, &ServerData::kprconfigapikey, false},
+    {"url", HDR_URL, ReplyKind::Word, &ServerData::mgmtUrl, true, "g_serverData.mgmtUrl "},
+    {"name", HDR_NAME, ReplyKind::Word, &ServerData::cdpusername, true, "g_serverData.cdpusername "},
+    {"pwd", HDR_PWD, ReplyKind::Word, &ServerData::cdppassword, true, nullptr},
+    {"opdesc", HDR_OPDESC, ReplyKind::RawText, &ServerData::operdesc, true, "g_serverData.operdesc "},
+    {"snetdesc", HDR_SNETDESC, ReplyKind::RawText, &ServerData::subnetdesc, true, "g_serverData.subnetdesc "},
+    {"tenantid", HDR_TENANTID, ReplyKind::Word, &ServerData::tenantID, false, "g_serverData.tenantID "},
+    {"timezone", HDR_TIMEZONE, ReplyKind::Timezone, nullptr, false, nullptr},
+    {"countrycode", HDR_COUNTRYCODE, ReplyKind::CountryCode, nullptr, false, nullptr},
+    {"l1url", HDR_L1URL, ReplyKind::CloudWord, &ServerData::l1url, false, nullptr},
+    {"l2url", HDR_L2URL, ReplyKind::CloudWord, &ServerData::l2url, false, nullptr},
+    {"remotemappurl", HDR_REMOTEMAPPURL, ReplyKind::CloudWord, &ServerData::remotemappurl, false, nullptr},
+    {"kprconfigurl", HDR_KPRCONFIGURL, ReplyKind::CloudWord, &ServerData::kprconfigurl, false, nullptr},
+    {"kprconfigapikey", HDR_KPRCONFIGAPIKEY, ReplyKind::CloudWord, &ServerData::kprconfigapikey, false,
+     nullptr},
 };
 
 constexpr bool replyFieldsInTypeOrder()
