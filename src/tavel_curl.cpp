@@ -105,6 +105,14 @@ void appendHeader(SlistPtr &list, const char *fmt, ...)
     }
 }
 
+// The identification texts of a request and its handle (null when libcurl
+// cannot make one).
+CurlPtr openRequest(NodeIds &ids)
+{
+    readNodeIds(ids);
+    return CurlPtr(curl_easy_init());
+}
+
 void appendLine(SlistPtr &list, const char *line)
 {
     curl_slist *head = curl_slist_append(list.get(), line);
@@ -356,9 +364,7 @@ int curlSockOptCallback(void *clientp, curl_socket_t fd, curlsocktype purpose)
 int httpGetUrlFromServer(HttpInfo *info, const char *body)
 {
     NodeIds ids;
-    readNodeIds(ids);
-
-    CurlPtr curl(curl_easy_init());
+    CurlPtr curl = openRequest(ids);
     if (!curl) {
         return TAVEL_RC_TRANSFER_FAILED;
     }
@@ -418,9 +424,7 @@ int httpGetUrlFromServer(HttpInfo *info, const char *body)
 int httpPutToServer(HttpInfo *info)
 {
     NodeIds ids;
-    readNodeIds(ids);
-
-    CurlPtr curl(curl_easy_init());
+    CurlPtr curl = openRequest(ids);
     if (!curl) {
         return TAVEL_RC_TRANSFER_FAILED;
     }
