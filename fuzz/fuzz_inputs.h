@@ -26,6 +26,7 @@
 #include "dml.h"
 #include "fuzz_common.h"
 #include "main.h"
+#include "reply_fields.h"
 #include "store.h"
 #include "tavel_curl.h"
 #include "tavel_signal.h"
@@ -52,40 +53,19 @@ inline void makeDeviceDirs(const std::string &devicePath)
 
 /* ---- reply headers ---- */
 
-inline std::vector<char **> serverDataFields()
-{
-    return {&g_serverData.mgmtUrl,      &g_serverData.cdpusername,    &g_serverData.cdppassword,
-            &g_serverData.operdesc,     &g_serverData.subnetdesc,     &g_serverData.tenantID,
-            &g_serverData.l1url,        &g_serverData.l2url,          &g_serverData.remotemappurl,
-            &g_serverData.kprconfigurl, &g_serverData.kprconfigapikey};
-}
-
-// Each input starts from the state of a fresh reply: empty values, as the
-// agent's start-up leaves them.
-inline void resetServerData()
-{
-    for (char **field : serverDataFields()) {
-        free(*field);
-        *field = static_cast<char *>(calloc(1, 1));
-        if (*field == nullptr) {
-            abort();
-        }
-    }
-    memset(g_serverData.countryCode, 0, sizeof(g_serverData.countryCode));
-    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
-}
-
 // Values taken as the first word of a line never hold white space, and every
 // stored text is still terminated (strlen under ASan).
 inline bool serverDataSound()
 {
     const char *blanks = " \t\r\n\v\f";
-    for (char **field : serverDataFields()) {
+    bool sound = true;
+    forEachHeapField(g_serverData, [&](const ReplyField &f, char *field) {
         // The descriptions are raw bytes; every other value is one word.
-        bool raw = field == &g_serverData.operdesc || field == &g_serverData.subnetdesc;
-        if (*field == nullptr || (strlen(*field) > 0 && !raw && strpbrk(*field, blanks) != nullptr)) {
-            return false;
-        }
+        bool raw = f.kind == ReplyKind::RawText;
+        sound = sound && field != nullptr && (strlen(field) == 0 || raw || strpbrk(field, blanks) == nullptr);
+    });
+    if (!sound) {
+        return false;
     }
     const TimezoneData &tz = g_timezoneData;
     return terminated(g_serverData.countryCode) && strpbrk(g_serverData.countryCode, blanks) == nullptr &&
@@ -122,7 +102,9 @@ inline bool runHeaders(const uint8_t *data, size_t size)
     bool direct = (data[0] & 1) != 0;
     ++data;
     --size;
-    resetServerData();
+    // Each input starts from the state of a fresh reply, as start-up leaves it.
+    tavel_resetServerData();
+    memset(&g_timezoneData, 0, sizeof(g_timezoneData));
     size_t start = 0;
     while (start < size) {
         const void *lf = memchr(data + start, '\n', size - start);
@@ -141,15 +123,14 @@ inline bool runHeaders(const uint8_t *data, size_t size)
 inline bool runTimezoneHeader(const uint8_t *data, size_t size)
 {
     memset(&g_timezoneData, 0, sizeof(g_timezoneData));
-    memset(g_timezoneCode, 0, sizeof(g_timezoneCode));
-    memset(g_continent_city, 0, sizeof(g_continent_city));
+    tavel_resetTimezoneHeaderState();
 
     ExactBuffer line(data, size);
     handle_timezoneHeader(line.data(), line.size());
 
     const TimezoneData &tz = g_timezoneData;
     if (!terminated(tz.timezone) || !terminated(tz.cityname) || !terminated(tz.errorcode) ||
-        !terminated(g_timezoneCode) || !terminated(g_continent_city)) {
+        !terminated(g_timezoneHeader.code) || !terminated(g_timezoneHeader.continentCity)) {
         return false;
     }
     // A header fills either the error word or the zone, never both.
@@ -232,8 +213,6 @@ inline bool runTimezoneMapping(const uint8_t *data, size_t size)
 
 /* ---- bus signals and debug commands ---- */
 
-constexpr int32_t kDefaultRetryTimeout = 86400;
-
 inline bool timezoneClean()
 {
     // Nothing may linger behind the terminator of a received zone.
@@ -252,9 +231,8 @@ inline bool runSignals(const uint8_t *data, size_t size)
     }
     // With no status upload pending the bootstrap handler returns before any
     // request is made: this must never reach the network.
-    g_tavelCtrl.statusUpdatePending = 0;
-    g_statusRetryPending = 0;
-    g_retryTimeout = kDefaultRetryTimeout;
+    tavel_resetOnboardingState();
+    tavel_resetRetryState();
     memset(g_timezone, 0, sizeof(g_timezone));
 
     using Handler = void (*)(void *, void *, const void *, uint32_t);
@@ -271,7 +249,7 @@ inline bool runSignals(const uint8_t *data, size_t size)
     ExactBuffer block(bytes.data(), bytes.size());
     handlers[selector % 5](nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
     const bool ok = selector % 5 != 4 || timezoneClean();
-    if (g_tavelCtrl.statusUpdatePending != 0 || g_statusRetryPending != 0) {
+    if (g_tavelCtrl.statusUpdatePending != 0 || g_onboardingState.statusRetryPending != 0) {
         abort(); // a status upload was started: stop before any request
     }
     return ok;

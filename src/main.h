@@ -95,6 +95,12 @@ typedef struct AcsBootstrapStatus {
 } AcsBootstrapStatus;
 static_assert(sizeof(AcsBootstrapStatus) == 36, "AcsBootstrapStatus layout");
 
+/* The timer a retry is armed on (getTimerByType, getTimerIdForErrorCode). */
+enum TavelTimerType { TAVEL_TIMER_RETRY = 1, TAVEL_TIMER_STATUS = 2 };
+
+/* The outcome the status report carries (appendStatusSuffix). */
+enum TavelStatusValue { TAVEL_STATUS_ERROR = 2, TAVEL_STATUS_SUCCESS = 3 };
+
 /* Index into the ConnStatus name table. */
 enum ConnStatus {
     CONN_STATUS_NO_CONNECTION = 0,
@@ -111,26 +117,60 @@ enum ConnStatus {
     CONN_STATUS_COUNT = 11
 };
 
-extern char g_certPath[28];
+/* The process-wide records of the device interface (main_state.cpp). */
 extern HttpInfo g_httpInfo;
 extern ServerData g_serverData;
 extern TimezoneData g_timezoneData;
 extern char g_timezone[50];
-extern char g_continent_city[50];
-extern char g_timezoneCode[50];
 extern ModelCapability _g_modelCapability;
 extern SupportedCountryList g_supportedCountryList;
 extern TavelCtrl g_tavelCtrl;
 extern AcsBootstrapStatus g_acsBootstrapStatus;
-extern int32_t g_timerAliveFlag;
-extern int32_t g_statusRetryPending;
-extern int32_t g_tzFailEventSent;
-extern int32_t g_serverDataNotUsed;
-extern int32_t g_lastErrorCode;
-extern int32_t g_retryTimeout;
+/* The CA file of the onboarding server, chosen at start-up (main.cpp). */
+extern char g_certPath[28];
+
+/* The agent's own state, one record per module.  Each module has a reset to
+ * its start-up values, which the test fixtures use too. */
+
+/* Retry back-off (main_timers.cpp); the count is g_tavelCtrl.retryCount. */
+typedef struct RetryState {
+    int32_t lastErrorCode; /* the code that armed the last retry */
+    int32_t retryTimeout;  /* base of the long back-off in seconds ("setTimeout") */
+} RetryState;
+extern RetryState g_retryState;
+/* No retry counted, no code seen, a day's base. */
+void tavel_resetRetryState(void);
+
+/* The onboarding run (main_onboarding.cpp). */
+typedef struct OnboardingState {
+    int32_t statusRetryPending; /* a failed status upload waits for its retry */
+    int32_t serverDataNotUsed;  /* the reply held nothing to apply */
+} OnboardingState;
+extern OnboardingState g_onboardingState;
+/* Nothing pending, no status upload owed (g_tavelCtrl.statusUpdatePending). */
+void tavel_resetOnboardingState(void);
+
+/* The country code (main_country.cpp). */
+typedef struct CountryState {
+    int32_t codeParked; /* a code waits in the parked file: exits are refused */
+} CountryState;
+extern CountryState g_countryState;
+void tavel_resetCountryState(void);
+
+/* What the time-zone header carried (main_timezone.cpp). */
+typedef struct TimezoneHeaderState {
+    char code[50];          /* the zone code, as reported in the history event */
+    char continentCity[50]; /* the zone identifier, backslashes removed */
+    int32_t failEventSent;  /* the "service unavailable" event went out once */
+} TimezoneHeaderState;
+extern TimezoneHeaderState g_timezoneHeader;
+void tavel_resetTimezoneHeaderState(void);
 
 /* --- start-up (main.cpp) --- */
 void initAgentState(void);
+/* Every received value back to empty: the heap strings freed and allocated
+ * again empty, the country code cleared (main_state.cpp). */
+void tavel_resetServerData(void);
 void tavelInit(void);
 void *busThreadMain(void *arg);
 

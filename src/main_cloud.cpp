@@ -3,19 +3,14 @@
 #include "tavel_externalinft.h"
 #include "util.h"
 
-namespace
-{
-const char *text(const char *s)
-{
-    return s != nullptr ? s : "";
-}
-} // namespace
-
 void tavel_setCloudMAPPURL(ServerData serverData)
 {
+    // The notice shows every value, the API key included, as the device's
+    // log always has; the connection dumps leave the cloud values out.
     TAVEL_LOGN(" l1ClouldUrl %s l2ClouldUrl%s remotemappUrl %s kprConfigUrl[%s] kprConfigApikey[%s] \n",
-               text(serverData.l1url), text(serverData.l2url), text(serverData.remotemappurl),
-               text(serverData.kprconfigurl), text(serverData.kprconfigapikey));
+               tavel_text(serverData.l1url), tavel_text(serverData.l2url),
+               tavel_text(serverData.remotemappurl), tavel_text(serverData.kprconfigurl),
+               tavel_text(serverData.kprconfigapikey));
 
     // An empty value (absent, or "NA" from the server) leaves the setting as
     // it is; a failed write is logged by its setter and the rest still go out.

@@ -23,11 +23,6 @@
 namespace
 {
 
-struct FileCloser {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
 /* The device firmware read a marker with "cat %s" in a 32-byte command
  * buffer bounded to 30 characters: a path longer than 26 characters was cut.
  * The cut is kept, so a long path reads as a missing file here too. */
@@ -47,6 +42,13 @@ bool entryMatches(const CountryEntry &entry, const char *code)
 }
 
 } // namespace
+
+CountryState g_countryState;
+
+void tavel_resetCountryState(void)
+{
+    g_countryState = CountryState{};
+}
 
 int validateCountryCode(const char *code)
 {
@@ -98,7 +100,7 @@ void tavel_setCountryCode(const char *code)
     memcpy(line, code, n);
     line[n] = '\n';
     tavel_writeFile(TAVEL_COUNTRY_CODE_FILE, line, n + 1);
-    g_timerAliveFlag = 1;
+    g_countryState.codeParked = 1;
     startTimer(TAVEL_CC_APPLY_WAIT, g_tavelCtrl.ccApplyTimer);
 }
 

@@ -25,6 +25,7 @@
 
 #include "cfgm_intf.h"
 #include "main.h"
+#include "reply_fields.h"
 #include "util.h"
 
 namespace
@@ -125,6 +126,8 @@ int msUntil(struct timespec deadline)
     return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
 }
 
+// Reads one queued timer expiry: true with the timer's value in *value,
+// false when none was read.
 bool readExpiry(void **value)
 {
     struct signalfd_siginfo si;
@@ -168,7 +171,7 @@ void waitForTransfers(const struct timespec *limit)
     struct timespec limit = {kStopTransferWaitSeconds, 0};
     waitForTransfers(&limit);
     tavel_removeFirewallRules();
-    if (g_timerAliveFlag != 0) {
+    if (g_countryState.codeParked != 0) {
         TAVEL_LOGN("parked country code left in %s for the next start\n", TAVEL_COUNTRY_CODE_FILE);
     }
     TAVEL_LOGE("stopped by signal %d !!!!\n", signo);
@@ -291,16 +294,16 @@ void tavel_sleep(unsigned seconds)
 void exitTavel(void)
 {
     tavel_removeFirewallRules();
-    if (g_timerAliveFlag == 0) {
+    if (g_countryState.codeParked == 0) {
         // A status upload may run on the bus thread with the lock given up;
         // exiting under it would pull the process away mid-transfer.
         waitForTransfers(nullptr);
-        char **owned[] = {&g_serverData.mgmtUrl, &g_serverData.cdpusername, &g_serverData.cdppassword,
-                          &g_serverData.operdesc, &g_serverData.subnetdesc};
-        for (char **field : owned) {
-            free(*field);
-            *field = nullptr;
-        }
+        forEachHeapField(g_serverData, [](const ReplyField &f, char *&field) {
+            if (f.freedAtExit) {
+                free(field);
+                field = nullptr;
+            }
+        });
         TAVEL_LOGE("exitTavel !!!!");
         fflush(stdout);
         exit(0);

@@ -7,16 +7,12 @@
 
 #include "cfgm_intf.h"
 #include "main.h"
+#include "reply_fields.h"
 #include "tavel_curl.h"
 #include "util.h"
 
 namespace
 {
-
-const char *text(const char *s)
-{
-    return s != nullptr ? s : "";
-}
 
 bool isEmpty(const char *s)
 {
@@ -32,8 +28,8 @@ void armRetry(int code, int type)
     }
 }
 
-// Step 10 of a successful fetch: apply the received time zone when it has not
-// been configured yet, or when the mapped zone differs from the device's.
+// After a successful fetch: apply the received time zone when it has not been
+// configured yet, or when the mapped zone differs from the device's.
 void applyTimezone()
 {
     if (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
@@ -78,6 +74,14 @@ void applyCountryCode()
 }
 
 } // namespace
+
+OnboardingState g_onboardingState;
+
+void tavel_resetOnboardingState(void)
+{
+    g_tavelCtrl.statusUpdatePending = 0;
+    g_onboardingState = OnboardingState{};
+}
 
 void validateSystemTimeAndStartPolling(void)
 {
@@ -127,7 +131,7 @@ void connectToOnBoardServer(void)
             TAVEL_LOGE("certificate not EXIST !!!!\n");
             exitTavel();
         }
-        armRetry(code, 1);
+        armRetry(code, TAVEL_TIMER_RETRY);
         return;
     }
 
@@ -141,19 +145,19 @@ void connectToOnBoardServer(void)
     const char *url = g_serverData.mgmtUrl;
     if (isEmpty(url) || strcmp(url, "NA") == 0) {
         TAVEL_LOGN("TavelServer send NA/NULL values no need to retry or update data model");
-        g_serverDataNotUsed = 1;
+        g_onboardingState.serverDataNotUsed = 1;
     } else if (strstr(url, "http") == nullptr || isEmpty(g_serverData.cdpusername) ||
                isEmpty(g_serverData.cdppassword)) {
         // An incomplete account is as good as none: ask again in about a day.
         g_tavelCtrl.retryCount = 0;
-        armRetry(204, 1);
+        armRetry(204, TAVEL_TIMER_RETRY);
         return;
     } else if (isSameManagementAccount(&g_serverData) != 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGE("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n");
-        g_serverDataNotUsed = 1;
+        g_onboardingState.serverDataNotUsed = 1;
     } else if (tavel_isMgmtServerUrlEmpty() == 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGN("Valid Management URL is present ... TavelServer Data not used!!\n");
-        g_serverDataNotUsed = 1;
+        g_onboardingState.serverDataNotUsed = 1;
     } else {
         TAVEL_LOGN("Valid Management URL is NOT presnt .. apply TavelServer Data\n");
         dumpHttpConnectionDetails();
@@ -168,8 +172,9 @@ void connectToOnBoardServer(void)
     // days of waiting for the bootstrap signal.
     tavel_releaseMemory();
 
-    if (g_serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 && g_timerAliveFlag == 0) {
-        TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_timerAliveFlag);
+    if (g_onboardingState.serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 &&
+        g_countryState.codeParked == 0) {
+        TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_countryState.codeParked);
         exitTavel();
     }
 }
@@ -204,7 +209,7 @@ int httpCodeToConnStatus(int code)
 
 void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 {
-    if (g_tavelCtrl.statusUpdatePending == 0 && g_statusRetryPending == 0) {
+    if (g_tavelCtrl.statusUpdatePending == 0 && g_onboardingState.statusRetryPending == 0) {
         return;
     }
     if (status != &g_acsBootstrapStatus) {
@@ -219,7 +224,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
         TAVEL_LOGN("status upload already under way; not starting another\n");
         return;
     }
-    int statusValue = g_acsBootstrapStatus.status == 1 ? 3 : 2;
+    int statusValue = g_acsBootstrapStatus.status == 1 ? TAVEL_STATUS_SUCCESS : TAVEL_STATUS_ERROR;
 
     HttpInfo info;
     memset(&info, 0, sizeof(info));
@@ -237,7 +242,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 
     if (code == 200) {
         g_tavelCtrl.statusUpdatePending = 0;
-        g_statusRetryPending = 0;
+        g_onboardingState.statusRetryPending = 0;
         // The device must not lose its time zone to an early exit.
         while (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
             tavel_sleep(5);
@@ -246,10 +251,10 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
         exitTavel();
         return;
     }
-    g_statusRetryPending = 1;
+    g_onboardingState.statusRetryPending = 1;
     int seconds = 0;
     timer_t timer = nullptr;
-    int rc = getTimerIdForErrorCode(code, &seconds, &timer, 2);
+    int rc = getTimerIdForErrorCode(code, &seconds, &timer, TAVEL_TIMER_STATUS);
     TAVEL_LOGE("Error code [%d] for timerId\n", rc);
     if (rc == 0) {
         startTimer(seconds, timer);
@@ -258,9 +263,9 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 
 void appendStatusSuffix(char *url, int statusValue)
 {
-    const char *suffix = statusValue == 3   ? "?status=SUCCESS"
-                         : statusValue == 2 ? "?status=ERROR:CONN_FAILED"
-                                            : "";
+    const char *suffix = statusValue == TAVEL_STATUS_SUCCESS ? "?status=SUCCESS"
+                         : statusValue == TAVEL_STATUS_ERROR ? "?status=ERROR:CONN_FAILED"
+                                                             : "";
     // The field is 256 bytes; a URL too long for its suffix is cut, never
     // overrun.
     size_t used = strnlen(url, 255);
@@ -280,9 +285,9 @@ struct DumpLine {
 void dumpDetails(const char *func, const char *banner, const DumpLine *lines, size_t count,
                  const char *closing)
 {
-    dmlLogNotice(TAVEL_LOG_PREFIX "%s\n", func, TAVEL_FILE, __LINE__, banner);
+    TAVEL_LOGN_AS(func, "%s\n", banner);
     for (size_t i = 0; i < count; ++i) {
-        dmlLogNotice(TAVEL_LOG_PREFIX "%s%s\n", func, TAVEL_FILE, __LINE__, lines[i].label, lines[i].value);
+        TAVEL_LOGN_AS(func, "%s%s\n", lines[i].label, lines[i].value);
     }
     printf("%s\n", banner);
     for (size_t i = 0; i < count; ++i) {
@@ -317,15 +322,16 @@ void dumpHttpConnectionDetails(void)
 
 void dumpAcsConnectionDetails(void)
 {
-    // The password and the cloud settings are never shown.
-    const DumpLine lines[] = {
-        {"g_serverData.mgmtUrl ", text(g_serverData.mgmtUrl)},
-        {"g_serverData.cdpusername ", text(g_serverData.cdpusername)},
-        {"g_serverData.operdesc ", text(g_serverData.operdesc)},
-        {"g_serverData.subnetdesc ", text(g_serverData.subnetdesc)},
-        {"g_serverData.tenantID ", text(g_serverData.tenantID)},
-    };
-    dumpDetails(__func__, "******************** ACS Connection Details ***********************", lines,
-                sizeof(lines) / sizeof(lines[0]),
+    // This dump leaves out the password and the cloud settings.  The cloud
+    // values, the configuration API key among them, do reach the log: the
+    // notice tavel_setCloudMAPPURL writes when it applies them shows them.
+    DumpLine lines[sizeof(kReplyFields) / sizeof(kReplyFields[0])] = {};
+    size_t count = 0;
+    forEachHeapField(g_serverData, [&](const ReplyField &f, const char *value) {
+        if (f.dumpLabel != nullptr) {
+            lines[count++] = DumpLine{f.dumpLabel, tavel_text(value)};
+        }
+    });
+    dumpDetails(__func__, "******************** ACS Connection Details ***********************", lines, count,
                 "\n************************************* END ***********************");
 }

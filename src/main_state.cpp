@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "main.h"
+#include "reply_fields.h"
 #include "util.h"
 
 char g_certPath[28];
@@ -10,26 +11,10 @@ HttpInfo g_httpInfo;
 ServerData g_serverData;
 TimezoneData g_timezoneData;
 char g_timezone[50];
-char g_continent_city[50];
-char g_timezoneCode[50];
 ModelCapability _g_modelCapability;
 SupportedCountryList g_supportedCountryList;
 TavelCtrl g_tavelCtrl;
 AcsBootstrapStatus g_acsBootstrapStatus;
-int32_t g_timerAliveFlag;
-int32_t g_statusRetryPending;
-int32_t g_tzFailEventSent;
-int32_t g_serverDataNotUsed;
-int32_t g_lastErrorCode = TAVEL_RC_NO_RESPONSE_CODE;
-int32_t g_retryTimeout = 86400;
-
-namespace
-{
-char *emptyHeapString()
-{
-    return static_cast<char *>(calloc(1, 1));
-}
-} // namespace
 
 void initAgentState(void)
 {
@@ -42,18 +27,20 @@ void initAgentState(void)
     g_httpInfo.timeout = TAVEL_DEFAULT_TIMEOUT;
     g_httpInfo.authEnabled = 0;
 
-    char **heap[] = {&g_serverData.mgmtUrl,      &g_serverData.cdpusername,    &g_serverData.cdppassword,
-                     &g_serverData.operdesc,     &g_serverData.subnetdesc,     &g_serverData.tenantID,
-                     &g_serverData.l1url,        &g_serverData.l2url,          &g_serverData.remotemappurl,
-                     &g_serverData.kprconfigurl, &g_serverData.kprconfigapikey};
-    for (char **field : heap) {
-        free(*field); // null at start-up; set when tests re-initialise
-        *field = emptyHeapString();
-    }
+    tavel_resetServerData();
 
-    g_tavelCtrl.statusUpdatePending = 0;
-    g_tavelCtrl.retryCount = 0;
+    tavel_resetRetryState();
+    tavel_resetOnboardingState();
     memset(&g_acsBootstrapStatus, 0, sizeof(g_acsBootstrapStatus));
 
     tavel_makeDirs(TAVEL_MARKER_DIR);
+}
+
+void tavel_resetServerData(void)
+{
+    forEachHeapField(g_serverData, [](const ReplyField &, char *&field) {
+        free(field); // null at start-up; set when tests reset the state
+        field = static_cast<char *>(calloc(1, 1));
+    });
+    memset(g_serverData.countryCode, 0, sizeof(g_serverData.countryCode));
 }

@@ -23,10 +23,6 @@
 namespace
 {
 
-struct FreeDeleter {
-    void operator()(char *p) const { free(p); }
-};
-
 constexpr int kHistoryEvent = 6;
 constexpr size_t kFieldMax = 49;
 /* Longest mapping line taken into account, line feed not counted. */
@@ -130,6 +126,13 @@ ssize_t readMappingFile(std::unique_ptr<char, FreeDeleter> &out)
 
 } // namespace
 
+TimezoneHeaderState g_timezoneHeader;
+
+void tavel_resetTimezoneHeaderState(void)
+{
+    g_timezoneHeader = TimezoneHeaderState{};
+}
+
 /* The header's own lines follow the reply's header-trace budget: a server
  * repeating a huge "timezone" header must not flood the device log. */
 #define TZ_TRACE(fmt, ...)                                                                                   \
@@ -177,7 +180,7 @@ void handle_timezoneHeader(const char *line, size_t length)
             code[0] = '\0';
         }
         TZ_TRACE("timzone token timezone value is %s\n", code);
-        tavel_copyText(g_timezoneCode, sizeof(g_timezoneCode), code, kFieldMax);
+        tavel_copyText(g_timezoneHeader.code, sizeof(g_timezoneHeader.code), code, kFieldMax);
         tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, kFieldMax);
 
         char *second = strtok_r(nullptr, ",", &save);
@@ -189,9 +192,9 @@ void handle_timezoneHeader(const char *line, size_t length)
             id[0] = '\0';
         }
 
-        tavel_copyText(g_continent_city, sizeof(g_continent_city), id, kFieldMax);
-        removeBackslashes(g_continent_city);
-        TZ_TRACE("g_continent_city is =  %s", g_continent_city);
+        tavel_copyText(g_timezoneHeader.continentCity, sizeof(g_timezoneHeader.continentCity), id, kFieldMax);
+        removeBackslashes(g_timezoneHeader.continentCity);
+        TZ_TRACE("g_continent_city is =  %s", g_timezoneHeader.continentCity);
 
         /* The city is split from the identifier as received, so escaped
          * separators leave their backslash on the leading components. */
@@ -376,17 +379,17 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
     const size_t codeSize = sizeof(data->errorcode);
 
     if (strncmp(data->errorcode, "100", codeSize) == 0) {
-        if (g_tzFailEventSent == 0) {
+        if (g_timezoneHeader.failEventSent == 0) {
             event_log_log(kHistoryEvent, "event[TZ Config Failed] reason[Service Unavailable] Timezone "
                                          "Configuration failed from Velka WiFi Cloud, Reason: {reason}");
             TAVEL_LOGN("history event send: event[TZ Config] Timezone Configuration failed from Velka WiFi "
                        "Cloud, Reason[Service Unavailable]");
-            g_tzFailEventSent = 1;
+            g_timezoneHeader.failEventSent = 1;
         }
         TAVEL_LOGN(" IP Stack is down going for retry exponetial \n");
         int seconds = 0;
         timer_t timer{};
-        if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, 1) == 0) {
+        if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, TAVEL_TIMER_RETRY) == 0) {
             startTimer(seconds, timer);
         }
         TAVEL_LOGN("started exponential retry timer \n");
@@ -415,10 +418,10 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
             event_log_log(kHistoryEvent,
                           "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
                           "Cloud Successful",
-                          applied, g_timezoneCode, g_continent_city);
+                          applied, g_timezoneHeader.code, g_timezoneHeader.continentCity);
             TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
                        "Configuration from Velka Cloud Successful",
-                       applied, g_timezoneCode, g_continent_city);
+                       applied, g_timezoneHeader.code, g_timezoneHeader.continentCity);
         } else {
             TAVEL_LOGE("gettimezonecmd failed");
             touchTimezoneMarker();

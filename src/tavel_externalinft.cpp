@@ -41,9 +41,6 @@ template <size_t N> void copyField(char (&field)[N], const char *value)
 }
 
 // The accessors log under their own name: the helpers get it passed in.
-#define ACC_LOGN(func, fmt, ...) dmlLogNotice(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__, __VA_ARGS__)
-#define ACC_LOGE(func, fmt) dmlLogError(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__)
-
 enum class Level { L1, L2 };
 
 int getServerUrl(Level level, char *buf, size_t bufSize, const char *func)
@@ -52,14 +49,14 @@ int getServerUrl(Level level, char *buf, size_t bufSize, const char *func)
     memset(&cfg, 0, sizeof(cfg));
     int rc = level == Level::L1 ? dml_getKPRCConfigL1Server(&cfg) : dml_getKPRCConfigL2Server(&cfg);
     if (rc != 0) {
-        ACC_LOGE(func, "dml get functin failed ...");
+        TAVEL_LOGE_AS(func, "dml get functin failed ...");
         return 0;
     }
     tavel_copyText(buf, bufSize, cfg.URL, sizeof(cfg.URL) - 1);
     if (level == Level::L1) {
-        ACC_LOGN(func, "getL1ClouldURL is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getL1ClouldURL is [%s]\n", buf);
     } else {
-        ACC_LOGN(func, "getL2ClouldURL value is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getL2ClouldURL value is [%s]\n", buf);
     }
     return 1;
 }
@@ -72,13 +69,13 @@ int setServerUrl(Level level, const char *url, const char *func)
     cfg.flags |= 0x01;
     int rc = level == Level::L1 ? dml_setKPRCConfigL1Server(&cfg) : dml_setKPRCConfigL2Server(&cfg);
     if (rc != 0) {
-        ACC_LOGE(func, "dml set  functin failed ...");
+        TAVEL_LOGE_AS(func, "dml set  functin failed ...");
         return 0;
     }
     if (level == Level::L1) {
-        ACC_LOGN(func, "setL1ClouldURL set is [%s]\n", cfg.URL);
+        TAVEL_LOGN_AS(func, "setL1ClouldURL set is [%s]\n", cfg.URL);
     } else {
-        ACC_LOGN(func, "setL2ClouldURL is [%s]\n", cfg.URL);
+        TAVEL_LOGN_AS(func, "setL2ClouldURL is [%s]\n", cfg.URL);
     }
     return 1;
 }
@@ -90,15 +87,15 @@ int getZoragent(ZorField which, char *buf, size_t bufSize, const char *func)
     KPRCZoragentConfig cfg;
     memset(&cfg, 0, sizeof(cfg));
     if (dml_getKPRCZoragentConfig(&cfg) != 0) {
-        ACC_LOGE(func, "dml get functin failed ...");
+        TAVEL_LOGE_AS(func, "dml get functin failed ...");
         return 0;
     }
     if (which == ZorField::Url) {
         tavel_copyText(buf, bufSize, cfg.configURL, sizeof(cfg.configURL) - 1);
-        ACC_LOGN(func, "getkprconfigUrl is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getkprconfigUrl is [%s]\n", buf);
     } else {
         tavel_copyText(buf, bufSize, cfg.apiKey, sizeof(cfg.apiKey) - 1);
-        ACC_LOGN(func, "getkprconfigApikey is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getkprconfigApikey is [%s]\n", buf);
     }
     return 1;
 }
@@ -111,13 +108,13 @@ int setZoragent(ZorField which, const char *value, const char *func)
     memset(&cfg, 0, sizeof(cfg));
     copyField(which == ZorField::Url ? cfg.configURL : cfg.apiKey, value);
     if (dml_setKPRCZoragentConfig(&cfg) != 0) {
-        ACC_LOGE(func, "dml set  functin failed ...");
+        TAVEL_LOGE_AS(func, "dml set  functin failed ...");
         return 0;
     }
     if (which == ZorField::Url) {
-        ACC_LOGN(func, "setkprconfigUrl set is [%s]\n", cfg.configURL);
+        TAVEL_LOGN_AS(func, "setkprconfigUrl set is [%s]\n", cfg.configURL);
     } else {
-        ACC_LOGN(func, "setkprconfigApikey set is [%s]\n", cfg.apiKey);
+        TAVEL_LOGN_AS(func, "setkprconfigApikey set is [%s]\n", cfg.apiKey);
     }
     return 1;
 }

@@ -16,6 +16,9 @@
 
 #include <initializer_list>
 
+// Not every C library declares it without _GNU_SOURCE.
+extern char **environ; // NOLINT(readability-redundant-declaration)
+
 void parseTimetoHourMinSec(const char *text, int *hour, int *minute, int *second)
 {
     char buf[64] = {0};
@@ -376,11 +379,6 @@ void tavel_agentUnlock(void)
         releaseStepCaches();
         pthread_mutex_unlock(&g_agentMutex);
     }
-}
-
-int tavel_agentLockDepth(void)
-{
-    return t_agentDepth;
 }
 
 int tavel_agentLockRelease(void)

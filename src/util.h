@@ -8,7 +8,11 @@
 
 #include <pthread.h>
 #include <stddef.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <time.h>
+
+#include <memory>
 
 #include "dml.h"
 #include "platform_log.h"
@@ -37,11 +41,15 @@ constexpr const char *tavel_baseName(const char *path)
 #define TAVEL_LOGD(fmt, ...) dmlLogDebug(TAVEL_LOG_PREFIX fmt, __func__, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
 #define TAVEL_LOGN(fmt, ...) dmlLogNotice(TAVEL_LOG_PREFIX fmt, __func__, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
 #define TAVEL_LOGE(fmt, ...) dmlLogError(TAVEL_LOG_PREFIX fmt, __func__, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
-/* Same, for the few lines that must name another function than the caller. */
-#define TAVEL_LOGD_AS(func, fmt, ...)                                                                        \
-    dmlLogDebug(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
-#define TAVEL_LOGE_AS(func, fmt, ...)                                                                        \
-    dmlLogError(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
+/* Same, for the lines that must name another function than the caller (a
+ * helper logging for the accessor that called it, a transfer for the request
+ * it performs).  TAVEL_LOG_AS takes the log function itself, for a level
+ * chosen at run time. */
+#define TAVEL_LOG_AS(logFn, func, fmt, ...)                                                                  \
+    logFn(TAVEL_LOG_PREFIX fmt, func, TAVEL_FILE, __LINE__, ##__VA_ARGS__)
+#define TAVEL_LOGD_AS(func, fmt, ...) TAVEL_LOG_AS(dmlLogDebug, func, fmt, ##__VA_ARGS__)
+#define TAVEL_LOGN_AS(func, fmt, ...) TAVEL_LOG_AS(dmlLogNotice, func, fmt, ##__VA_ARGS__)
+#define TAVEL_LOGE_AS(func, fmt, ...) TAVEL_LOG_AS(dmlLogError, func, fmt, ##__VA_ARGS__)
 
 /* Time-of-day helper of the util module: reads hour, minute and second from
  * the text after the first 'T'; outputs are left unchanged when absent. */
@@ -114,6 +122,16 @@ private:
     int fd_;
 };
 
+/* Frees malloc'd memory at the end of a scope (std::unique_ptr<T, FreeDeleter>). */
+struct FreeDeleter {
+    void operator()(void *p) const { free(p); }
+};
+/* Closes a stdio stream at the end of a scope. */
+struct FileCloser {
+    void operator()(FILE *f) const { fclose(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
 /* ---- threads and memory ---- */
 
 /* Starts a thread of the agent with a stack sized to what its steps use:
@@ -128,6 +146,12 @@ int tavel_startThread(pthread_t *thread, void *(*run)(void *));
 void tavel_releaseMemory(void);
 
 /* ---- bounded text ---- */
+
+/* A text that may be null, as "" (for copies, comparisons and log values). */
+inline const char *tavel_text(const char *s)
+{
+    return s != nullptr ? s : "";
+}
 
 /* Copies at most maxChars characters of src (fewer when dst is smaller),
  * always terminates dst and fills the rest of dst with zero bytes. */
@@ -152,8 +176,6 @@ void tavel_sleep(unsigned seconds);
  * by that thread; tavel_sleep() releases it for the duration of a sleep. */
 void tavel_agentLock(void);
 void tavel_agentUnlock(void);
-/* Depth held by the calling thread (0 when it does not hold the lock). */
-int tavel_agentLockDepth(void);
 /* Releases the lock completely and returns the depth to restore later. */
 int tavel_agentLockRelease(void);
 void tavel_agentLockRestore(int depth);

@@ -27,11 +27,6 @@ const char kConnStatusNames[CONN_STATUS_COUNT][32] = {
     "ConnectionFailed_Error_curl",
 };
 
-const char *safe(const char *s)
-{
-    return s != nullptr ? s : "";
-}
-
 /* The account as it was before tavel_setMgmtServerObj emptied it, kept
  * until the new one is written, so a stop in between can put it back. */
 ManagementServerInfo g_accountBefore;
@@ -93,9 +88,9 @@ int isSameManagementAccount(const ServerData *account)
     if (backup.URL[0] == '\0') {
         return 0;
     }
-    return strncmp(backup.URL, safe(account->mgmtUrl), 1024) == 0 &&
-                   strncmp(backup.Username, safe(account->cdpusername), 255) == 0 &&
-                   strncmp(backup.Password, safe(account->cdppassword), 255) == 0
+    return strncmp(backup.URL, tavel_text(account->mgmtUrl), 1024) == 0 &&
+                   strncmp(backup.Username, tavel_text(account->cdpusername), 255) == 0 &&
+                   strncmp(backup.Password, tavel_text(account->cdppassword), 255) == 0
                ? 1
                : 0;
 }
@@ -160,9 +155,9 @@ int tavel_setMgmtServerObj(const ServerData *account)
         TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
         return -1;
     }
-    tavel_copyText(acsCfg.Username, sizeof(acsCfg.Username), safe(account->cdpusername), 255);
-    tavel_copyText(acsCfg.Password, sizeof(acsCfg.Password), safe(account->cdppassword), 255);
-    tavel_copyText(acsCfg.URL, sizeof(acsCfg.URL), safe(account->mgmtUrl), 1024);
+    tavel_copyText(acsCfg.Username, sizeof(acsCfg.Username), tavel_text(account->cdpusername), 255);
+    tavel_copyText(acsCfg.Password, sizeof(acsCfg.Password), tavel_text(account->cdppassword), 255);
+    tavel_copyText(acsCfg.URL, sizeof(acsCfg.URL), tavel_text(account->mgmtUrl), 1024);
     int written = dml_setManagementServerInfo(&acsCfg);
     g_accountWriteUnderWay = false;
     if (written != 0) {
@@ -177,8 +172,8 @@ int tavel_setMgmtServerObj(const ServerData *account)
         TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
         return -1;
     }
-    tavel_copyText(agent.opDesc, sizeof(agent.opDesc), safe(account->operdesc), 32);
-    tavel_copyText(agent.subnetDesc, sizeof(agent.subnetDesc), safe(account->subnetdesc), 32);
+    tavel_copyText(agent.opDesc, sizeof(agent.opDesc), tavel_text(account->operdesc), 32);
+    tavel_copyText(agent.subnetDesc, sizeof(agent.subnetDesc), tavel_text(account->subnetdesc), 32);
     if (dml_setOpSubnetDesc(agent.opDesc, agent.subnetDesc) != 0) {
         TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
         return -1;
@@ -247,32 +242,34 @@ int tavel_isConnStatusFailed(void)
 namespace
 {
 
+// One cloud setting: its getter, the size the getter may fill, the name of its
+// current-value line, the name in the other lines, and what a present value
+// is called ("url", or "Apikey" for the key).
 struct CloudCheck {
     int (*get)(char *, size_t);
     size_t bufSize;
-    const char *name;    // as the "current" line names the setting
-    const char *what;    // as the other lines name it
-    const char *present; // what a set value is: "url" or "Apikey"
+    const char *name;
+    const char *what;
+    const char *kind;
 };
 
 // A failed read counts as "not empty": onboarding is not started on the
-// strength of a data model that could not be read.  The names go in as
-// arguments, so every format stays a literal the compiler checks.
+// strength of a data model that could not be read.  The formats are literals
+// here, so the compiler checks them; the names come from the fixed table
+// entries below, never from the data model.
 int isCloudSettingEmpty(const CloudCheck &c, const char *func)
 {
     char buf[1024] = {0};
     if (c.get(buf, c.bufSize) == 0) {
-        dmlLogNotice(TAVEL_LOG_PREFIX "unable to get %s\n", func, TAVEL_FILE, __LINE__, c.what);
+        TAVEL_LOGN_AS(func, "unable to get %s\n", c.what);
         return 0;
     }
-    dmlLogNotice(TAVEL_LOG_PREFIX "current %s is [%s]\n", func, TAVEL_FILE, __LINE__, c.name, buf);
+    TAVEL_LOGN_AS(func, "current %s is [%s]\n", c.name, buf);
     if (buf[0] == '\0') {
-        dmlLogNotice(TAVEL_LOG_PREFIX " default value present go for polling ...%s %s\n", func, TAVEL_FILE,
-                     __LINE__, c.what, buf);
+        TAVEL_LOGN_AS(func, " default value present go for polling ...%s %s\n", c.what, buf);
         return 1;
     }
-    dmlLogNotice(TAVEL_LOG_PREFIX " valid %s present no need to poll ...%s %s\n", func, TAVEL_FILE,
-                 __LINE__, c.present, c.what, buf);
+    TAVEL_LOGN_AS(func, " valid %s present no need to poll ...%s %s\n", c.kind, c.what, buf);
     return 0;
 }
 

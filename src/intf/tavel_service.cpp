@@ -1,18 +1,20 @@
 // The agent's presence on the device bus: its name, the dummyFunction method
 // and the signal table that routes the six subscribed signals.
 #include <cstddef>
+#include <stdio.h>
+
 #include <new>
 
 #include "tavel_service.h"
 #include "tavel_signal.h"
 
 const hbusSignalEntry tavelSignalTable[TAVEL_SIGNAL_COUNT] = {
-    {"", "setLogLevel", tavel_handleSetLogLevel, 0},
-    {"", "setLogDestination", tavel_handleSetLogDestination, 1},
-    {"", "sendDbgCmd", tavel_processDbgCmdSignal, 2},
-    {"", "tavelCfgmgrSignal", tavel_TR69BootstrapStatusSignal, 3},
-    {"", "tavelSyngMgrSignal", tavel_processSyncMgrSignal, 4},
-    {"", "notifyNTPTimezoneUpdate", tavel_handleNTPTimeZoneUpdateSignal, 5},
+    {"", TAVEL_SIG_SET_LOG_LEVEL, tavel_handleSetLogLevel, 0},
+    {"", TAVEL_SIG_SET_LOG_DESTINATION, tavel_handleSetLogDestination, 1},
+    {"", TAVEL_SIG_DBG_CMD, tavel_processDbgCmdSignal, 2},
+    {"", TAVEL_SIG_BOOTSTRAP, tavel_TR69BootstrapStatusSignal, 3},
+    {"", TAVEL_SIG_SYNC_MGR, tavel_processSyncMgrSignal, 4},
+    {"", TAVEL_SIG_NTP_TIMEZONE, tavel_handleNTPTimeZoneUpdateSignal, 5},
 };
 static_assert(sizeof(void *) != 4 || sizeof(tavelSignalTable) == TAVEL_SIGNAL_COUNT * size_t{136},
               "the bus layer expects 136-byte rows on 32-bit targets");
@@ -20,11 +22,14 @@ static_assert(sizeof(void *) != 4 || sizeof(tavelSignalTable) == TAVEL_SIGNAL_CO
 namespace
 {
 
-// One rule per table row, in the table's order.
-const char *const kMatchRules[TAVEL_SIGNAL_COUNT] = {
-    "type='signal',member='setLogLevel'",        "type='signal',member='setLogDestination'",
-    "type='signal',member='sendDbgCmd'",         "type='signal',member='tavelCfgmgrSignal'",
-    "type='signal',member='tavelSyngMgrSignal'", "type='signal',member='notifyNTPTimezoneUpdate'",
+// The bus match rule of one table row; the bus layer copies it.
+struct MatchRule {
+    explicit MatchRule(const hbusSignalEntry &row)
+    {
+        snprintf(text, sizeof(text), "type='signal',member='%.*s'", static_cast<int>(sizeof(row.member)),
+                 row.member);
+    }
+    char text[sizeof("type='signal',member=''") + sizeof(hbusSignalEntry::member)];
 };
 
 // The bus layer keeps the record for the life of the process, so it is made
@@ -72,22 +77,22 @@ int register_tavel_service(void)
 
 void tavel_addSignalMatches(void)
 {
-    for (const char *rule : kMatchRules) {
-        hbusAddInterestedSignal(rule);
+    for (const hbusSignalEntry &row : tavelSignalTable) {
+        hbusAddInterestedSignal(MatchRule(row).text);
     }
     hbusSetInteresetedSignals(tavelSignalTable, TAVEL_SIGNAL_COUNT);
 }
 
 void tavel_removeSignalMatches(void)
 {
-    for (const char *rule : kMatchRules) {
-        hbusRemoveMatch(rule);
+    for (const hbusSignalEntry &row : tavelSignalTable) {
+        hbusRemoveMatch(MatchRule(row).text);
     }
 }
 
 void onVelkaTavelDispatch(hbusService *svc, hbusMessage *msg, hbusMessage *reply, uint8_t *handled)
 {
-    if (hbusIsMethodCall(msg, svc->busName, "dummyFunction")) {
+    if (hbusIsMethodCall(msg, svc->busName, TAVEL_BUS_METHOD)) {
         int32_t arg = 0;
         hbusReadParcelInt32(msg, &arg);
         uint32_t result = svc->method(arg);

@@ -5,9 +5,7 @@
 #include <stdint.h>
 
 #include "hbus.h"
-
-#define TAVEL_BUS_NAME "velka.tavel"
-#define TAVEL_SIGNAL_COUNT 6
+#include "tavel_bus.h"
 
 extern const hbusSignalEntry tavelSignalTable[TAVEL_SIGNAL_COUNT];
 

@@ -63,7 +63,7 @@ void tavel_processDbgCmdSignal(void * /*conn*/, void * /*msg*/, const void *payl
     const char *module = static_cast<const char *>(payload);
     // The name and its terminator lie well inside the 64-byte field, and a
     // name without a terminator cannot match.
-    if (memcmp(module, "tavelAgent", sizeof("tavelAgent")) != 0) {
+    if (memcmp(module, TAVEL_DBG_MODULE, sizeof(TAVEL_DBG_MODULE)) != 0) {
         outLine("%s, ignore.\n", "tavel_processDbgCmdSignal");
         return;
     }
@@ -98,7 +98,7 @@ void tavel_handleDbgCmd(const char *cmdLine)
         // shorter line has no value.
         const char *value = n >= 11 ? cmd + 11 : "";
         outLine("cmdLine+11 = %s.\n", value);
-        g_retryTimeout = parseSeconds(value);
+        g_retryState.retryTimeout = parseSeconds(value);
     } else {
         tavel_printDbgCmdHelp();
     }
@@ -169,6 +169,7 @@ void tavel_handleNTPTimeZoneUpdateSignal(void * /*conn*/, void * /*msg*/, const 
             "tavel_handleNTPTimeZoneUpdateSignal", g_timezone);
 }
 
+// Not called by the agent; kept as part of the device interface (tavel_signal.h).
 int tavel_sendMsg(const char *member, const void *data, uint32_t len)
 {
     int rc = hbusSendSignal(TAVEL_BUS_NAME, member, data, len);
@@ -180,6 +181,7 @@ int tavel_sendMsg(const char *member, const void *data, uint32_t len)
     return 0;
 }
 
+// Not called by the agent; kept as part of the device interface (tavel_signal.h).
 int tavel_updateAcsStatus(int32_t type, const void *data, uint32_t len)
 {
     TavelSyncMsgHeader header;
@@ -199,7 +201,7 @@ int tavel_updateAcsStatus(int32_t type, const void *data, uint32_t len)
     if (len > 0) {
         memcpy(block + sizeof(header), data, len);
     }
-    int rc = tavel_sendMsg("tavelSyncSignal", block, total);
+    int rc = tavel_sendMsg(TAVEL_SIG_SYNC, block, total);
     free(block);
     return rc;
 }

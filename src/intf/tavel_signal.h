@@ -4,15 +4,7 @@
 
 #include <stdint.h>
 
-#define TAVEL_DBG_MODULE_LEN 64
-#define TAVEL_DBG_CMDLINE_LEN 2048
-#define TAVEL_DBG_PAYLOAD_LEN (TAVEL_DBG_MODULE_LEN + TAVEL_DBG_CMDLINE_LEN) /* 2112 */
-
-/* Sync message header; data of len bytes follows. */
-typedef struct TavelSyncMsgHeader {
-    int32_t type;
-    int32_t len;
-} TavelSyncMsgHeader;
+#include "tavel_bus.h"
 
 void tavel_processDbgCmdSignal(void *conn, void *msg, const void *payload, uint32_t len);
 void tavel_TR69BootstrapStatusSignal(void *conn, void *msg, const void *payload, uint32_t len);
@@ -24,6 +16,8 @@ void tavel_handleNTPTimeZoneUpdateSignal(void *conn, void *msg, const void *payl
 void tavel_handleDbgCmd(const char *cmdLine);
 void tavel_printDbgCmdHelp(void);
 
+/* Part of the device interface, kept although nothing in the agent calls
+ * them: other device software links against these names. */
 int tavel_sendMsg(const char *member, const void *data, uint32_t len);
 int tavel_updateAcsStatus(int32_t type, const void *data, uint32_t len);
 

@@ -65,7 +65,7 @@ protected:
         tavelTestCleanRoot();
         savedList_ = g_supportedCountryList;
         savedTimer_ = g_tavelCtrl.ccApplyTimer;
-        g_timerAliveFlag = 0;
+        tavel_resetCountryState();
         tavelTestWriteFile(kDataModel, "");
         std::filesystem::create_directories(tavelTestPath("/configs"));
     }
@@ -73,7 +73,7 @@ protected:
     {
         g_supportedCountryList = savedList_;
         g_tavelCtrl.ccApplyTimer = savedTimer_;
-        g_timerAliveFlag = 0;
+        tavel_resetCountryState();
     }
 
 private:
@@ -214,7 +214,7 @@ TEST_F(CountryTest, ParksDuringMappOnboarding)
     tavel_setCountryCode("US");
     EXPECT_EQ(tavelTestReadFile(TAVEL_COUNTRY_CODE_FILE), "US\n");
     EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
-    EXPECT_EQ(g_timerAliveFlag, 1);
+    EXPECT_EQ(g_countryState.codeParked, 1);
     EXPECT_GT(timer.remainingSeconds(), 0.0);
     EXPECT_LE(timer.remainingSeconds(), TAVEL_CC_APPLY_WAIT);
 }

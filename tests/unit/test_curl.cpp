@@ -118,8 +118,7 @@ protected:
     {
         ASSERT_FALSE(certDir_.empty());
         tavelTestCleanRoot();
-        curltest::ensureAgentState();
-        curltest::clearServerData();
+        curltest::freshServerData();
         tls_.clearRecords();
         plain_.clearRecords();
         memset(&info_, 0, sizeof(info_));

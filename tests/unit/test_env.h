@@ -210,31 +210,11 @@ protected:
 namespace curltest
 {
 
-// initAgentState() allocates the heap fields; a second call would leak the
-// first set, so the binary calls it once whoever gets here first.
-inline void ensureAgentState()
+// The state of a fresh reply: every received value empty, under the test root.
+inline void freshServerData()
 {
-    ASSERT_FALSE(tavelTestRoot().empty());
     ASSERT_STREQ(tavel_root(), tavelTestRoot().c_str()) << "TAVEL_ROOT must be in place before the state";
-    if (g_serverData.mgmtUrl == nullptr) {
-        initAgentState();
-    }
-    ASSERT_NE(g_serverData.mgmtUrl, nullptr);
-}
-
-// Empties every received value, keeping the storage the agent allocated.
-inline void clearServerData()
-{
-    char **fields[] = {&g_serverData.mgmtUrl,      &g_serverData.cdpusername,    &g_serverData.cdppassword,
-                       &g_serverData.operdesc,     &g_serverData.subnetdesc,     &g_serverData.tenantID,
-                       &g_serverData.l1url,        &g_serverData.l2url,          &g_serverData.remotemappurl,
-                       &g_serverData.kprconfigurl, &g_serverData.kprconfigapikey};
-    for (char **f : fields) {
-        if (*f != nullptr) {
-            (*f)[0] = '\0';
-        }
-    }
-    memset(g_serverData.countryCode, 0, sizeof(g_serverData.countryCode));
+    tavel_resetServerData();
 }
 
 // Hands a line to the header callback in a buffer of exactly its length, as

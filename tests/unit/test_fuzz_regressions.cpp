@@ -56,9 +56,6 @@ using Entry = bool (*)(const uint8_t *, size_t);
 // how many findings were replayed.
 size_t replay(const std::string &target, Entry entry)
 {
-    if (g_serverData.mgmtUrl == nullptr) {
-        initAgentState();
-    }
     std::vector<Input> seeds = inputsOf(fuzzDir() / "corpus" / target);
     std::vector<Input> findings = inputsOf(fuzzDir() / "regressions" / target);
     EXPECT_FALSE(seeds.empty()) << "no seeds for " << target << " under " << fuzzDir();
@@ -94,7 +91,7 @@ TEST(FuzzRegressions, BusSignals)
 {
     replay("signals", tavel_fuzz::runSignals);
     EXPECT_EQ(g_tavelCtrl.statusUpdatePending, 0);
-    EXPECT_EQ(g_statusRetryPending, 0);
+    EXPECT_EQ(g_onboardingState.statusRetryPending, 0);
 }
 
 TEST(FuzzRegressions, DataModelStore)

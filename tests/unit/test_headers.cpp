@@ -1,10 +1,10 @@
 // The reader of the onboarding reply's headers: which lines carry which value
 // and how each value is cut out of a line that is not NUL-terminated.
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "reply_fields.h"
 #include "test_env.h"
 
 using curltest::feedHeader;
@@ -15,30 +15,18 @@ namespace
 class HeaderTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        curltest::ensureAgentState();
-        curltest::clearServerData();
-    }
+    void SetUp() override { curltest::freshServerData(); }
 };
 
-struct Field {
-    const char *name;
-    int type;
-    char **value;
-};
-
-std::vector<Field> heapFieldTable()
+// The stored value of a field by its header name; the country code otherwise.
+const char *storedValue(const std::string &name)
 {
-    return {{"url", HDR_URL, &g_serverData.mgmtUrl},
-            {"name", HDR_NAME, &g_serverData.cdpusername},
-            {"pwd", HDR_PWD, &g_serverData.cdppassword},
-            {"tenantid", HDR_TENANTID, &g_serverData.tenantID},
-            {"l1url", HDR_L1URL, &g_serverData.l1url},
-            {"l2url", HDR_L2URL, &g_serverData.l2url},
-            {"remotemappurl", HDR_REMOTEMAPPURL, &g_serverData.remotemappurl},
-            {"kprconfigurl", HDR_KPRCONFIGURL, &g_serverData.kprconfigurl},
-            {"kprconfigapikey", HDR_KPRCONFIGAPIKEY, &g_serverData.kprconfigapikey}};
+    for (const ReplyField &f : kReplyFields) {
+        if (f.isHeap() && name == f.name) {
+            return g_serverData.*f.heap;
+        }
+    }
+    return g_serverData.countryCode;
 }
 
 } // namespace
@@ -114,33 +102,30 @@ TEST_F(HeaderTest, ValueRulesPerLine)
         {"countrycode", "countrycode: \r\n", ""},
         {"countrycode", "countrycode: ABCDEFGHIJ", "ABC"},
     };
-    const std::pair<std::string, const char *const *> fields[] = {{"url", &g_serverData.mgmtUrl},
-                                                                  {"name", &g_serverData.cdpusername},
-                                                                  {kTenant, &g_serverData.tenantID},
-                                                                  {kOpdesc, &g_serverData.operdesc},
-                                                                  {kSnet, &g_serverData.subnetdesc}};
     for (const auto &c : cases) {
         feedHeader(std::string(c.field) + ": old\r\n");
         feedHeader(c.line);
-        const char *got = g_serverData.countryCode;
-        for (const auto &[name, value] : fields) {
-            got = name == c.field ? *value : got;
-        }
-        EXPECT_STREQ(got, c.expected) << c.line;
+        EXPECT_STREQ(storedValue(c.field), c.expected) << c.line;
     }
 }
 
 TEST_F(HeaderTest, NaMeansEmptyForCloudFieldsOnly)
 {
-    for (const Field &f : heapFieldTable()) {
+    // The descriptions are raw text (ValueRulesPerLine); every other stored
+    // value is a word.
+    for (const ReplyField &f : kReplyFields) {
+        if (!f.isHeap() || f.type == HDR_OPDESC || f.type == HDR_SNETDESC) {
+            continue;
+        }
+        char *const &value = g_serverData.*f.heap;
         feedHeader(std::string(f.name) + ": NA\r\n");
-        EXPECT_STREQ(*f.value, f.type >= HDR_L1URL ? "" : "NA") << f.name;
+        EXPECT_STREQ(value, f.type >= HDR_L1URL ? "" : "NA") << f.name;
         feedHeader(std::string(f.name) + ": NAX\r\n");
-        EXPECT_STREQ(*f.value, "NAX") << f.name;
+        EXPECT_STREQ(value, "NAX") << f.name;
         feedHeader(std::string(f.name) + ": na\r\n");
-        EXPECT_STREQ(*f.value, "na") << f.name;
+        EXPECT_STREQ(value, "na") << f.name;
         feedHeader(std::string(f.name) + ":\tv w\r\n");
-        EXPECT_STREQ(*f.value, "v") << f.name;
+        EXPECT_STREQ(value, "v") << f.name;
     }
 }
 

@@ -30,13 +30,15 @@ std::string helpText()
 }
 
 // A zeroed heap block of exactly n bytes, nothing after it.
-std::unique_ptr<char, decltype(&free)> exactBlock(size_t n)
+using Block = std::unique_ptr<char, FreeDeleter>;
+
+Block exactBlock(size_t n)
 {
-    return std::unique_ptr<char, decltype(&free)>(static_cast<char *>(calloc(n > 0 ? n : 1, 1)), free);
+    return Block(static_cast<char *>(calloc(n > 0 ? n : 1, 1)));
 }
 
 // A debug-command payload of exactly 2,112 bytes.
-std::unique_ptr<char, decltype(&free)> dbgPayload(const std::string &module, const std::string &cmd)
+Block dbgPayload(const std::string &module, const std::string &cmd)
 {
     auto block = exactBlock(TAVEL_DBG_PAYLOAD_LEN);
     memcpy(block.get(), module.data(), std::min(module.size(), size_t{TAVEL_DBG_MODULE_LEN}));
@@ -62,9 +64,8 @@ std::string runDbgCmd(const char *cmd)
 class DbgCmdTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { saved_ = g_retryTimeout; }
-    void TearDown() override { g_retryTimeout = saved_; }
-    int32_t saved_ = 0;
+    void SetUp() override { tavel_resetRetryState(); }
+    void TearDown() override { tavel_resetRetryState(); }
 };
 
 TEST_F(DbgCmdTest, WrongSizeOrMissingPayloadOnlyReportsMismatch)
@@ -80,7 +81,6 @@ TEST_F(DbgCmdTest, WrongSizeOrMissingPayloadOnlyReportsMismatch)
 
 TEST_F(DbgCmdTest, OtherModulesAreIgnored)
 {
-    g_retryTimeout = 86400;
     for (const char *module : {"tavelagent", "tavelAgentX", "tavel", ""}) {
         SCOPED_TRACE(module);
         auto payload = dbgPayload(module, "setTimeout 5");
@@ -90,7 +90,7 @@ TEST_F(DbgCmdTest, OtherModulesAreIgnored)
     std::string unterminated = "tavelAgent" + std::string(TAVEL_DBG_MODULE_LEN - 10, 'x');
     auto payload = dbgPayload(unterminated, "setTimeout 5");
     EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN), kEnter + kIgnore);
-    EXPECT_EQ(g_retryTimeout, 86400);
+    EXPECT_EQ(g_retryState.retryTimeout, 86400);
 }
 
 TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
@@ -112,10 +112,10 @@ TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.cmd);
-        g_retryTimeout = 12345;
+        g_retryState.retryTimeout = 12345;
         EXPECT_EQ(runDbgCmd(c.cmd),
                   std::string("debug cmdLine = ") + c.cmd + ".\n" + "cmdLine+11 = " + c.shown + ".\n");
-        EXPECT_EQ(g_retryTimeout, c.value);
+        EXPECT_EQ(g_retryState.retryTimeout, c.value);
     }
 }
 
@@ -136,15 +136,15 @@ TEST_F(DbgCmdTest, UnterminatedCommandFieldIsReadWithinItsBytes)
     std::string out = runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN);
     EXPECT_EQ(out, kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + "debug cmdLine = " + cmd +
                        ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
-    EXPECT_EQ(g_retryTimeout, 42);
+    EXPECT_EQ(g_retryState.retryTimeout, 42);
 
     // Called on its own with a field of exactly 2,048 unterminated bytes.
     auto field = exactBlock(TAVEL_DBG_CMDLINE_LEN);
     memcpy(field.get(), cmd.data(), TAVEL_DBG_CMDLINE_LEN);
-    g_retryTimeout = 0;
+    g_retryState.retryTimeout = 0;
     EXPECT_EQ(runDbgCmd(field.get()),
               "debug cmdLine = " + cmd + ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
-    EXPECT_EQ(g_retryTimeout, 42);
+    EXPECT_EQ(g_retryState.retryTimeout, 42);
 }
 
 class SignalTest : public ::testing::Test

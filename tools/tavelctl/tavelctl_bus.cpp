@@ -14,17 +14,17 @@
 #include <string>
 #include <vector>
 
+#include "tavel_bus.h"
 #include "tavelctl.h"
 
 namespace
 {
 
-const char kAgentName[] = "velka.tavel";
-const char kAgentPath[] = "/velka/tavel";
+const char kAgentName[] = TAVEL_BUS_NAME;
 const char kSenderPath[] = "/velka/tavelctl";
 const char kSenderInterface[] = "velka.tavelctl";
-const size_t kModuleLen = 64;
-const size_t kCmdLineLen = 2048;
+const size_t kModuleLen = TAVEL_DBG_MODULE_LEN;
+const size_t kCmdLineLen = TAVEL_DBG_CMDLINE_LEN;
 const int kCallTimeoutMs = 25000;
 
 struct ConnectionClose {
@@ -206,7 +206,7 @@ int sendSignal(const SignalSpec &spec)
 // dbg CMDLINE... [--module NAME]
 int cmdDbg(int argc, char **argv)
 {
-    std::string module = "tavelAgent";
+    std::string module = TAVEL_DBG_MODULE;
     std::string cmdLine;
     bool haveWord = false;
     for (int i = 1; i < argc; ++i) {
@@ -227,14 +227,14 @@ int cmdDbg(int argc, char **argv)
         return usageError("dbg needs a command line");
     }
     if (module.size() >= kModuleLen) {
-        return fail("module name longer than 63 characters");
+        return fail("module name longer than %zu characters", kModuleLen - 1);
     }
     if (cmdLine.size() >= kCmdLineLen) {
-        return fail("command line longer than 2047 characters");
+        return fail("command line longer than %zu characters", kCmdLineLen - 1);
     }
     SignalSpec spec;
-    spec.member = "sendDbgCmd";
-    spec.bytes.assign(kModuleLen + kCmdLineLen, 0);
+    spec.member = TAVEL_SIG_DBG_CMD;
+    spec.bytes.assign(TAVEL_DBG_PAYLOAD_LEN, 0);
     memcpy(spec.bytes.data(), module.data(), module.size());
     memcpy(spec.bytes.data() + kModuleLen, cmdLine.data(), cmdLine.size());
     return sendSignal(spec);
@@ -251,7 +251,7 @@ int cmdBootstrap(int argc, char **argv)
         return fail("bootstrap status '%s' is not a 32-bit integer", argv[1]);
     }
     SignalSpec spec;
-    spec.member = "tavelCfgmgrSignal";
+    spec.member = TAVEL_SIG_BOOTSTRAP;
     spec.bytes.resize(sizeof(status));
     memcpy(spec.bytes.data(), &status, sizeof(status));
     return sendSignal(spec);
@@ -264,7 +264,7 @@ int cmdNtp(int argc, char **argv)
         return usageError("usage: tavelctl ntp TZVALUE");
     }
     SignalSpec spec;
-    spec.member = "notifyNTPTimezoneUpdate";
+    spec.member = TAVEL_SIG_NTP_TIMEZONE;
     spec.bytes.assign(argv[1], argv[1] + strlen(argv[1]) + 1); // with its terminator
     return sendSignal(spec);
 }
@@ -275,17 +275,17 @@ int cmdSync(int argc, char **argv)
     if (argc != 2 && argc != 3) {
         return usageError("usage: tavelctl sync TYPE [DATA]");
     }
-    int32_t header[2];
-    if (!parseInt32(argv[1], &header[0])) {
+    TavelSyncMsgHeader header;
+    if (!parseInt32(argv[1], &header.type)) {
         return fail("sync type '%s' is not a 32-bit integer", argv[1]);
     }
     const char *data = argc == 3 ? argv[2] : "";
     size_t dataLen = strlen(data);
-    header[1] = static_cast<int32_t>(dataLen); // bounded by the argument size limit
+    header.len = static_cast<int32_t>(dataLen); // bounded by the argument size limit
     SignalSpec spec;
-    spec.member = "tavelSyngMgrSignal";
+    spec.member = TAVEL_SIG_SYNC_MGR;
     spec.bytes.resize(sizeof(header) + dataLen);
-    memcpy(spec.bytes.data(), header, sizeof(header));
+    memcpy(spec.bytes.data(), &header, sizeof(header));
     memcpy(spec.bytes.data() + sizeof(header), data, dataLen);
     return sendSignal(spec);
 }
@@ -354,7 +354,7 @@ int cmdCall(int argc, char **argv)
     if (!conn) {
         return 1;
     }
-    MessagePtr call(dbus_message_new_method_call(kAgentName, kAgentPath, kAgentName, argv[1]));
+    MessagePtr call(dbus_message_new_method_call(kAgentName, TAVEL_BUS_PATH, TAVEL_BUS_INTERFACE, argv[1]));
     if (!call) {
         return fail("out of memory");
     }
@@ -396,11 +396,13 @@ bool tavelctlIsBusCommand(const char *word)
 void tavelctlBusUsage()
 {
     fputs(
-        "  tavelctl dbg CMDLINE... [--module NAME]  send a debug command (default module tavelAgent)\n"
+        "  tavelctl dbg CMDLINE... [--module NAME]  send a debug command (default module " TAVEL_DBG_MODULE
+        ")\n"
         "  tavelctl bootstrap STATUS               send the TR-069 bootstrap status (1 = success)\n"
         "  tavelctl ntp TZVALUE                    send an NTP time-zone update\n"
         "  tavelctl sync TYPE [DATA]               send a sync-manager message\n"
-        "  tavelctl call METHOD [INT]              call a method of velka.tavel, print the uint32 reply\n"
+        "  tavelctl call METHOD [INT]              call a method of " TAVEL_BUS_NAME
+        ", print the uint32 reply\n"
         "  tavelctl signal MEMBER PAYLOAD [--no-owner-check]\n"
         "                                          raw signal; PAYLOAD is --hex HEX, --size N (zero bytes),\n"
         "                                          --no-arg, or --string S (a string argument, not bytes)\n"
