@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -267,60 +268,57 @@ TEST_F(CountryTest, ReadsFirstLineWithinBufferLimits)
     EXPECT_TRUE(tavelTestLogHas("notice", "Read from file = /flash/cc_from_tavel, buf = MA"));
 }
 
-TEST_F(CountryTest, ReadWaitsForTheWritersLockAndTakesRegularFilesOnly)
+/* Both sides of the mark's lock: the write and a locked read each wait for
+ * another holder of the lock on the file itself. */
+TEST_F(CountryTest, WriteAndLockedReadWaitForTheFileLock)
 {
-    tavelTestWriteFile(TAVEL_CC_CONFIGURED_BY, "abc\n");
     const std::string path = tavelTestPath(TAVEL_CC_CONFIGURED_BY);
-    int fd = open(path.c_str(), O_RDWR);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    std::atomic<bool> done{false};
     int rc = 1;
     std::string got;
-    std::thread reader([&] {
-        got = readPath(path, 8, 1, &rc);
-        done = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_FALSE(done) << "a locked read must wait for the writer's lock on the file";
-    flock(fd, LOCK_UN);
-    reader.join();
-    close(fd);
-    EXPECT_EQ(got, "abc");
+    const struct {
+        const char *what;
+        std::function<void()> act;
+    } sides[] = {
+        {"write",
+         [] {
+             const char data[4] = {'a', '\0', 'b', '\0'};
+             EXPECT_EQ(tavel_setDataToFile(TAVEL_CC_CONFIGURED_BY, data, sizeof(data), 1), 0);
+         }},
+        {"locked read", [&] { got = readPath(path, 8, 1, &rc); }},
+    };
+    for (const auto &side : sides) {
+        int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(flock(fd, LOCK_EX), 0);
+        std::atomic<bool> done{false};
+        std::thread other([&] {
+            side.act();
+            done = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        EXPECT_FALSE(done) << side.what << " must wait for the other holder of the lock";
+        flock(fd, LOCK_UN);
+        other.join();
+        close(fd);
+    }
+    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("a\0b\0", 4));
+    EXPECT_EQ(got, "a") << "the text ends at the first NUL";
     EXPECT_EQ(rc, 0);
+}
 
-    /* A FIFO would block a plain read for ever; a directory or a device node
-     * planted at a marker's path must read as nothing, at once. */
+/* A FIFO would block a plain read for ever; a directory or a device node
+ * planted at a marker's path must read as nothing, at once. */
+TEST_F(CountryTest, ReadTakesRegularFilesOnly)
+{
     const std::string fifo = tavelTestPath("/configs/fifo");
     const std::string dir = tavelTestPath("/configs/dir");
     const std::string zero = tavelTestPath("/configs/zero");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
     ASSERT_EQ(symlink("/dev/zero", zero.c_str()), 0);
+    int rc = 1;
     for (const std::string &p : {fifo, dir, zero}) {
         EXPECT_EQ(readPath(p, 8, 1, &rc), "-") << p;
         EXPECT_EQ(rc, -1) << p;
     }
-}
-
-TEST_F(CountryTest, WriteWaitsForExclusiveLock)
-{
-    const std::string path = tavelTestPath(TAVEL_CC_CONFIGURED_BY);
-    int fd = open(path.c_str(), O_RDWR | O_CREAT, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(flock(fd, LOCK_EX), 0);
-
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        const char data[4] = {'a', '\0', 'b', '\0'};
-        EXPECT_EQ(tavel_setDataToFile(TAVEL_CC_CONFIGURED_BY, data, sizeof(data), 1), 0);
-        done = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_FALSE(done) << "the write must wait for the other holder of the lock";
-    flock(fd, LOCK_UN);
-    writer.join();
-    close(fd);
-    EXPECT_TRUE(done);
-    EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("a\0b\0", 4));
 }
