@@ -77,28 +77,28 @@ class StopTest(FlowCase):
 
     def test_stop_at_any_point_of_an_onboarding(self):
         rng = random.Random(os.environ.get("TAVEL_STOP_SEED", "stop"))
-        scale = 20  # pauses: account 0.25 s, time zone 3 s
-        slow_get = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS], delay=1.5), "put": reply(200)}
-        slow_put = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS]), "put": reply(200, delay=1.5)}
+        scale = 40  # pauses: account 0.125 s, time zone 1.5 s
+        slow_get = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS], delay=1.0), "put": reply(200)}
+        slow_put = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS]), "put": reply(200, delay=1.0)}
         parked = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, ("countrycode", "US")]), "put": reply(200)}
 
         def during_get(dev):
             self.server.wait_requests("GET", dev=dev)
-            time.sleep(rng.uniform(0, 1.2))
+            time.sleep(rng.uniform(0, 0.8))
 
         def account_pause(dev):
             dev.wait_log("Sleeping tavelAgent for 5 seconds")
-            time.sleep(rng.uniform(0, 0.2))
+            time.sleep(rng.uniform(0, 0.05))
 
         def timezone_pause(dev):
             dev.wait_log("final timezone =")
-            time.sleep(rng.uniform(0, 2.5))
+            time.sleep(rng.uniform(0, 1.4))
 
         def during_put(dev):
             dev.wait_log("Capability: country code sync is not applicable", timeout=30)
             self.send("bootstrap", "1")
             self.server.wait_requests("PUT", dev=dev)
-            time.sleep(rng.uniform(0, 1.2))
+            time.sleep(rng.uniform(0, 0.8))
 
         def parked_wait(dev):
             # The report succeeds, but the parked code keeps the agent alive.
