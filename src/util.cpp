@@ -187,6 +187,12 @@ int tavel_spawn(const char *const argv[])
             return -1;
         }
     }
+    // Where the C library cannot report a failed exec (older glibc, user-mode
+    // emulators), the child exits 127 instead, as POSIX has it.
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
+        errno = ENOENT;
+        return -1;
+    }
     return status;
 }
 

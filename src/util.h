@@ -87,7 +87,8 @@ int tavel_access(const char *devicePath);
 
 /* Runs argv[0], found through PATH, with argv (null-terminated) and waits for
  * it.  The child starts with no signal blocked.  Returns its wait status, or
- * -1 when it could not be started. */
+ * -1 when it could not be started (also when it exits 127, the status of an
+ * exec that failed where the C library cannot say so otherwise). */
 int tavel_spawn(const char *const argv[]);
 
 /* mkdir -p of a device path: every missing directory created with mode 0777
