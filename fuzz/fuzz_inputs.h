@@ -130,7 +130,7 @@ inline bool runTimezoneHeader(const uint8_t *data, size_t size)
 
     const TimezoneData &tz = g_timezoneData;
     if (!terminated(tz.timezone) || !terminated(tz.cityname) || !terminated(tz.errorcode) ||
-        !terminated(g_timezoneHeader.code) || !terminated(g_timezoneHeader.continentCity)) {
+        !terminated(g_timezoneCode) || !terminated(g_continent_city)) {
         return false;
     }
     // A header fills either the error word or the zone, never both.
@@ -249,7 +249,7 @@ inline bool runSignals(const uint8_t *data, size_t size)
     ExactBuffer block(bytes.data(), bytes.size());
     handlers[selector % 5](nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
     const bool ok = selector % 5 != 4 || timezoneClean();
-    if (g_tavelCtrl.statusUpdatePending != 0 || g_onboardingState.statusRetryPending != 0) {
+    if (g_tavelCtrl.statusUpdatePending != 0 || g_statusRetryPending != 0) {
         abort(); // a status upload was started: stop before any request
     }
     return ok;

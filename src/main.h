@@ -129,41 +129,30 @@ extern AcsBootstrapStatus g_acsBootstrapStatus;
 /* The CA file of the onboarding server, chosen at start-up (main.cpp). */
 extern char g_certPath[28];
 
-/* The agent's own state, one record per module.  Each module has a reset to
- * its start-up values, which the test fixtures use too. */
+/* The agent's own state, under the device firmware's names, each value
+ * owned by one module.  Each module has a reset to its start-up values,
+ * which the test fixtures use instead of setting the values one by one. */
 
 /* Retry back-off (main_timers.cpp); the count is g_tavelCtrl.retryCount. */
-typedef struct RetryState {
-    int32_t lastErrorCode; /* the code that armed the last retry */
-    int32_t retryTimeout;  /* base of the long back-off in seconds ("setTimeout") */
-} RetryState;
-extern RetryState g_retryState;
+extern int32_t g_lastErrorCode; /* the code that armed the last retry */
+extern int32_t g_retryTimeout;  /* base of the long back-off in seconds ("setTimeout") */
 /* No retry counted, no code seen, a day's base. */
 void tavel_resetRetryState(void);
 
 /* The onboarding run (main_onboarding.cpp). */
-typedef struct OnboardingState {
-    int32_t statusRetryPending; /* a failed status upload waits for its retry */
-    int32_t serverDataNotUsed;  /* the reply held nothing to apply */
-} OnboardingState;
-extern OnboardingState g_onboardingState;
+extern int32_t g_statusRetryPending; /* a failed status upload waits for its retry */
+extern int32_t g_serverDataNotUsed;  /* the reply held nothing to apply */
 /* Nothing pending, no status upload owed (g_tavelCtrl.statusUpdatePending). */
 void tavel_resetOnboardingState(void);
 
 /* The country code (main_country.cpp). */
-typedef struct CountryState {
-    int32_t codeParked; /* a code waits in the parked file: exits are refused */
-} CountryState;
-extern CountryState g_countryState;
+extern int32_t g_timerAliveFlag; /* a code is parked and its timer armed: exits are refused */
 void tavel_resetCountryState(void);
 
 /* What the time-zone header carried (main_timezone.cpp). */
-typedef struct TimezoneHeaderState {
-    char code[50];          /* the zone code, as reported in the history event */
-    char continentCity[50]; /* the zone identifier, backslashes removed */
-    int32_t failEventSent;  /* the "service unavailable" event went out once */
-} TimezoneHeaderState;
-extern TimezoneHeaderState g_timezoneHeader;
+extern char g_timezoneCode[50];   /* the zone code, as reported in the history event */
+extern char g_continent_city[50]; /* the zone identifier, backslashes removed */
+extern int32_t g_tzFailEventSent; /* the "service unavailable" event went out once */
 void tavel_resetTimezoneHeaderState(void);
 
 /* --- start-up (main.cpp) --- */

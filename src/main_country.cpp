@@ -43,11 +43,11 @@ bool entryMatches(const CountryEntry &entry, const char *code)
 
 } // namespace
 
-CountryState g_countryState;
+int32_t g_timerAliveFlag;
 
 void tavel_resetCountryState(void)
 {
-    g_countryState = CountryState{};
+    g_timerAliveFlag = 0;
 }
 
 int validateCountryCode(const char *code)
@@ -100,7 +100,7 @@ void tavel_setCountryCode(const char *code)
     memcpy(line, code, n);
     line[n] = '\n';
     tavel_writeFile(TAVEL_COUNTRY_CODE_FILE, line, n + 1);
-    g_countryState.codeParked = 1;
+    g_timerAliveFlag = 1;
     startTimer(TAVEL_CC_APPLY_WAIT, g_tavelCtrl.ccApplyTimer);
 }
 

@@ -171,7 +171,7 @@ void waitForTransfers(const struct timespec *limit)
     struct timespec limit = {kStopTransferWaitSeconds, 0};
     waitForTransfers(&limit);
     tavel_removeFirewallRules();
-    if (g_countryState.codeParked != 0) {
+    if (g_timerAliveFlag != 0) {
         TAVEL_LOGN("parked country code left in %s for the next start\n", TAVEL_COUNTRY_CODE_FILE);
     }
     TAVEL_LOGE("stopped by signal %d !!!!\n", signo);
@@ -294,7 +294,7 @@ void tavel_sleep(unsigned seconds)
 void exitTavel(void)
 {
     tavel_removeFirewallRules();
-    if (g_countryState.codeParked == 0) {
+    if (g_timerAliveFlag == 0) {
         // A status upload may run on the bus thread with the lock given up;
         // exiting under it would pull the process away mid-transfer.
         waitForTransfers(nullptr);

@@ -75,12 +75,14 @@ void applyCountryCode()
 
 } // namespace
 
-OnboardingState g_onboardingState;
+int32_t g_statusRetryPending;
+int32_t g_serverDataNotUsed;
 
 void tavel_resetOnboardingState(void)
 {
     g_tavelCtrl.statusUpdatePending = 0;
-    g_onboardingState = OnboardingState{};
+    g_statusRetryPending = 0;
+    g_serverDataNotUsed = 0;
 }
 
 void validateSystemTimeAndStartPolling(void)
@@ -145,7 +147,7 @@ void connectToOnBoardServer(void)
     const char *url = g_serverData.mgmtUrl;
     if (isEmpty(url) || strcmp(url, "NA") == 0) {
         TAVEL_LOGN("TavelServer send NA/NULL values no need to retry or update data model");
-        g_onboardingState.serverDataNotUsed = 1;
+        g_serverDataNotUsed = 1;
     } else if (strstr(url, "http") == nullptr || isEmpty(g_serverData.cdpusername) ||
                isEmpty(g_serverData.cdppassword)) {
         // An incomplete account is as good as none: ask again in about a day.
@@ -154,10 +156,10 @@ void connectToOnBoardServer(void)
         return;
     } else if (isSameManagementAccount(&g_serverData) != 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGE("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n");
-        g_onboardingState.serverDataNotUsed = 1;
+        g_serverDataNotUsed = 1;
     } else if (tavel_isMgmtServerUrlEmpty() == 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGN("Valid Management URL is present ... TavelServer Data not used!!\n");
-        g_onboardingState.serverDataNotUsed = 1;
+        g_serverDataNotUsed = 1;
     } else {
         TAVEL_LOGN("Valid Management URL is NOT presnt .. apply TavelServer Data\n");
         dumpHttpConnectionDetails();
@@ -172,9 +174,8 @@ void connectToOnBoardServer(void)
     // days of waiting for the bootstrap signal.
     tavel_releaseMemory();
 
-    if (g_onboardingState.serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 &&
-        g_countryState.codeParked == 0) {
-        TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_countryState.codeParked);
+    if (g_serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 && g_timerAliveFlag == 0) {
+        TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_timerAliveFlag);
         exitTavel();
     }
 }
@@ -209,7 +210,7 @@ int httpCodeToConnStatus(int code)
 
 void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 {
-    if (g_tavelCtrl.statusUpdatePending == 0 && g_onboardingState.statusRetryPending == 0) {
+    if (g_tavelCtrl.statusUpdatePending == 0 && g_statusRetryPending == 0) {
         return;
     }
     if (status != &g_acsBootstrapStatus) {
@@ -242,7 +243,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 
     if (code == 200) {
         g_tavelCtrl.statusUpdatePending = 0;
-        g_onboardingState.statusRetryPending = 0;
+        g_statusRetryPending = 0;
         // The device must not lose its time zone to an early exit.
         while (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
             tavel_sleep(5);
@@ -251,7 +252,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
         exitTavel();
         return;
     }
-    g_onboardingState.statusRetryPending = 1;
+    g_statusRetryPending = 1;
     int seconds = 0;
     timer_t timer = nullptr;
     int rc = getTimerIdForErrorCode(code, &seconds, &timer, TAVEL_TIMER_STATUS);

@@ -87,13 +87,14 @@ void createTimer(timer_t *handle)
 } // namespace
 
 // No code seen yet; the long back-off waits about a day.
-constexpr RetryState kRetryStart = {TAVEL_RC_NO_RESPONSE_CODE, 86400};
-RetryState g_retryState = kRetryStart;
+int32_t g_lastErrorCode = TAVEL_RC_NO_RESPONSE_CODE;
+int32_t g_retryTimeout = 86400;
 
 void tavel_resetRetryState(void)
 {
     g_tavelCtrl.retryCount = 0;
-    g_retryState = kRetryStart;
+    g_lastErrorCode = TAVEL_RC_NO_RESPONSE_CODE;
+    g_retryTimeout = 86400;
 }
 
 void tavel_blockAgentSignals(void)
@@ -223,9 +224,9 @@ int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type)
     case 0:
     case 110:
     case 503:
-        g_tavelCtrl.retryCount = code == g_retryState.lastErrorCode ? g_tavelCtrl.retryCount + 1 : 1;
+        g_tavelCtrl.retryCount = code == g_lastErrorCode ? g_tavelCtrl.retryCount + 1 : 1;
         delay = getRetryExpTimerValue();
-        g_retryState.lastErrorCode = code;
+        g_lastErrorCode = code;
         break;
     case 204:
     case 400:
@@ -235,17 +236,16 @@ int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type)
     case 500: {
         // Wrap like the device's 32-bit arithmetic if an operator set a huge
         // base with "setTimeout", instead of overflowing.
-        uint32_t sum =
-            static_cast<uint32_t>(g_retryState.retryTimeout) + static_cast<uint32_t>(getRandomJitter(2));
+        uint32_t sum = static_cast<uint32_t>(g_retryTimeout) + static_cast<uint32_t>(getRandomJitter(2));
         *seconds = static_cast<int32_t>(sum);
-        g_retryState.lastErrorCode = code;
+        g_lastErrorCode = code;
         getTimerByType(type, timer);
         return 0;
     }
     case TAVEL_RC_TRANSFER_FAILED:
         g_tavelCtrl.retryCount = 2;
         delay = getRetryExpTimerValue();
-        g_retryState.lastErrorCode = code;
+        g_lastErrorCode = code;
         break;
     case TAVEL_RC_TZ_UNAVAILABLE:
         g_tavelCtrl.retryCount += 1;

@@ -126,11 +126,15 @@ ssize_t readMappingFile(std::unique_ptr<char, FreeDeleter> &out)
 
 } // namespace
 
-TimezoneHeaderState g_timezoneHeader;
+char g_timezoneCode[50];
+char g_continent_city[50];
+int32_t g_tzFailEventSent;
 
 void tavel_resetTimezoneHeaderState(void)
 {
-    g_timezoneHeader = TimezoneHeaderState{};
+    memset(g_timezoneCode, 0, sizeof(g_timezoneCode));
+    memset(g_continent_city, 0, sizeof(g_continent_city));
+    g_tzFailEventSent = 0;
 }
 
 /* The header's own lines follow the reply's header-trace budget: a server
@@ -180,7 +184,7 @@ void handle_timezoneHeader(const char *line, size_t length)
             code[0] = '\0';
         }
         TZ_TRACE("timzone token timezone value is %s\n", code);
-        tavel_copyText(g_timezoneHeader.code, sizeof(g_timezoneHeader.code), code, kFieldMax);
+        tavel_copyText(g_timezoneCode, sizeof(g_timezoneCode), code, kFieldMax);
         tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, kFieldMax);
 
         char *second = strtok_r(nullptr, ",", &save);
@@ -192,9 +196,9 @@ void handle_timezoneHeader(const char *line, size_t length)
             id[0] = '\0';
         }
 
-        tavel_copyText(g_timezoneHeader.continentCity, sizeof(g_timezoneHeader.continentCity), id, kFieldMax);
-        removeBackslashes(g_timezoneHeader.continentCity);
-        TZ_TRACE("g_continent_city is =  %s", g_timezoneHeader.continentCity);
+        tavel_copyText(g_continent_city, sizeof(g_continent_city), id, kFieldMax);
+        removeBackslashes(g_continent_city);
+        TZ_TRACE("g_continent_city is =  %s", g_continent_city);
 
         /* The city is split from the identifier as received, so escaped
          * separators leave their backslash on the leading components. */
@@ -379,12 +383,12 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
     const size_t codeSize = sizeof(data->errorcode);
 
     if (strncmp(data->errorcode, "100", codeSize) == 0) {
-        if (g_timezoneHeader.failEventSent == 0) {
+        if (g_tzFailEventSent == 0) {
             event_log_log(kHistoryEvent, "event[TZ Config Failed] reason[Service Unavailable] Timezone "
                                          "Configuration failed from Velka WiFi Cloud, Reason: {reason}");
             TAVEL_LOGN("history event send: event[TZ Config] Timezone Configuration failed from Velka WiFi "
                        "Cloud, Reason[Service Unavailable]");
-            g_timezoneHeader.failEventSent = 1;
+            g_tzFailEventSent = 1;
         }
         TAVEL_LOGN(" IP Stack is down going for retry exponetial \n");
         int seconds = 0;
@@ -418,10 +422,10 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
             event_log_log(kHistoryEvent,
                           "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
                           "Cloud Successful",
-                          applied, g_timezoneHeader.code, g_timezoneHeader.continentCity);
+                          applied, g_timezoneCode, g_continent_city);
             TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
                        "Configuration from Velka Cloud Successful",
-                       applied, g_timezoneHeader.code, g_timezoneHeader.continentCity);
+                       applied, g_timezoneCode, g_continent_city);
         } else {
             TAVEL_LOGE("gettimezonecmd failed");
             touchTimezoneMarker();

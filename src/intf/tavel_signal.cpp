@@ -98,7 +98,7 @@ void tavel_handleDbgCmd(const char *cmdLine)
         // shorter line has no value.
         const char *value = n >= 11 ? cmd + 11 : "";
         outLine("cmdLine+11 = %s.\n", value);
-        g_retryState.retryTimeout = parseSeconds(value);
+        g_retryTimeout = parseSeconds(value);
     } else {
         tavel_printDbgCmdHelp();
     }

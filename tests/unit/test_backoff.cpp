@@ -62,12 +62,12 @@ TEST_F(Backoff, EachCodeFromEachState)
     for (const auto &c : cases) {
         SCOPED_TRACE(::testing::Message() << c.code << " after " << c.last << " x" << c.count);
         g_tavelCtrl.retryCount = c.count;
-        g_retryState.lastErrorCode = c.last;
+        g_lastErrorCode = c.last;
         ASSERT_EQ(retry(c.code, c.type), c.rc);
         EXPECT_GE(seconds_, c.lo);
         EXPECT_LE(seconds_, c.hi);
         EXPECT_EQ(g_tavelCtrl.retryCount, c.countAfter);
-        EXPECT_EQ(g_retryState.lastErrorCode, c.lastAfter);
+        EXPECT_EQ(g_lastErrorCode, c.lastAfter);
         EXPECT_EQ(timer_, c.timer);
     }
     EXPECT_EQ(tavelTestCount(tavelTestLog(), "ret 204 retryCount value is"), 0);
@@ -89,7 +89,7 @@ TEST_F(Backoff, RepeatedTransientCodeGrowsToTheCap)
 TEST_F(Backoff, OperatorTimeoutReplacesTheDay)
 {
     for (int32_t timeout : {0, 600}) {
-        g_retryState.retryTimeout = timeout;
+        g_retryTimeout = timeout;
         for (int i = 0; i < 20; ++i) {
             ASSERT_EQ(retry(401, 2), 0);
             EXPECT_GE(seconds_, timeout);

@@ -215,7 +215,7 @@ TEST_F(CountryTest, ParksDuringMappOnboarding)
     tavel_setCountryCode("US");
     EXPECT_EQ(tavelTestReadFile(TAVEL_COUNTRY_CODE_FILE), "US\n");
     EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
-    EXPECT_EQ(g_countryState.codeParked, 1);
+    EXPECT_EQ(g_timerAliveFlag, 1);
     EXPECT_GT(timer.remainingSeconds(), 0.0);
     EXPECT_LE(timer.remainingSeconds(), TAVEL_CC_APPLY_WAIT);
 }

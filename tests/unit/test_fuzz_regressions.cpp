@@ -91,7 +91,7 @@ TEST(FuzzRegressions, BusSignals)
 {
     replay("signals", tavel_fuzz::runSignals);
     EXPECT_EQ(g_tavelCtrl.statusUpdatePending, 0);
-    EXPECT_EQ(g_onboardingState.statusRetryPending, 0);
+    EXPECT_EQ(g_statusRetryPending, 0);
 }
 
 TEST(FuzzRegressions, DataModelStore)

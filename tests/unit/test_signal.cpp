@@ -90,7 +90,7 @@ TEST_F(DbgCmdTest, OtherModulesAreIgnored)
     std::string unterminated = "tavelAgent" + std::string(TAVEL_DBG_MODULE_LEN - 10, 'x');
     auto payload = dbgPayload(unterminated, "setTimeout 5");
     EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN), kEnter + kIgnore);
-    EXPECT_EQ(g_retryState.retryTimeout, 86400);
+    EXPECT_EQ(g_retryTimeout, 86400);
 }
 
 TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
@@ -112,10 +112,10 @@ TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.cmd);
-        g_retryState.retryTimeout = 12345;
+        g_retryTimeout = 12345;
         EXPECT_EQ(runDbgCmd(c.cmd),
                   std::string("debug cmdLine = ") + c.cmd + ".\n" + "cmdLine+11 = " + c.shown + ".\n");
-        EXPECT_EQ(g_retryState.retryTimeout, c.value);
+        EXPECT_EQ(g_retryTimeout, c.value);
     }
 }
 
@@ -136,15 +136,15 @@ TEST_F(DbgCmdTest, UnterminatedCommandFieldIsReadWithinItsBytes)
     std::string out = runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN);
     EXPECT_EQ(out, kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + "debug cmdLine = " + cmd +
                        ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
-    EXPECT_EQ(g_retryState.retryTimeout, 42);
+    EXPECT_EQ(g_retryTimeout, 42);
 
     // Called on its own with a field of exactly 2,048 unterminated bytes.
     auto field = exactBlock(TAVEL_DBG_CMDLINE_LEN);
     memcpy(field.get(), cmd.data(), TAVEL_DBG_CMDLINE_LEN);
-    g_retryState.retryTimeout = 0;
+    g_retryTimeout = 0;
     EXPECT_EQ(runDbgCmd(field.get()),
               "debug cmdLine = " + cmd + ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
-    EXPECT_EQ(g_retryState.retryTimeout, 42);
+    EXPECT_EQ(g_retryTimeout, 42);
 }
 
 class SignalTest : public ::testing::Test

@@ -82,9 +82,9 @@ TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparators)
         parseHeader(std::string("timezone: {\"code\":\"CET\",\"name\":\"Central European Time\",\"id\":\"") +
                     c.id + "\"}");
         EXPECT_STREQ(g_timezoneData.timezone, "CET") << c.id;
-        EXPECT_STREQ(g_timezoneHeader.code, "CET") << c.id;
+        EXPECT_STREQ(g_timezoneCode, "CET") << c.id;
         EXPECT_STREQ(g_timezoneData.cityname, c.city) << c.id;
-        EXPECT_STREQ(g_timezoneHeader.continentCity, c.continentCity) << c.id;
+        EXPECT_STREQ(g_continent_city, c.continentCity) << c.id;
         EXPECT_STREQ(g_timezoneData.errorcode, "") << c.id;
     }
     EXPECT_TRUE(tavelTestLogHas("notice", "g_continent_city is =  A/B/C/D/E"));
@@ -94,7 +94,7 @@ TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparators)
 TEST_F(TimezoneTest, ErrorHeaderClearsZoneButKeepsReceivedCode)
 {
     parseHeader("timezone: {\"code\":\"CET\",\"name\":\"x\",\"id\":\"Europe/Paris\"}");
-    ASSERT_STREQ(g_timezoneHeader.code, "CET");
+    ASSERT_STREQ(g_timezoneCode, "CET");
 
     for (const char *header : {"timezone: 100", "timezone:100", "timezone:   100\r\n"}) {
         parseHeader(header);
@@ -103,7 +103,7 @@ TEST_F(TimezoneTest, ErrorHeaderClearsZoneButKeepsReceivedCode)
         EXPECT_STREQ(g_timezoneData.cityname, "") << header;
     }
     EXPECT_TRUE(tavelTestLogHas("notice", " erro code is 100"));
-    EXPECT_STREQ(g_timezoneHeader.code, "CET");
+    EXPECT_STREQ(g_timezoneCode, "CET");
 
     parseHeader("t"); // too short to be looked at
     parseHeader("");
@@ -148,7 +148,7 @@ TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
         const std::string shown = c.header.substr(0, 80);
         parseHeader(c.header);
         const char *fields[] = {g_timezoneData.timezone, g_timezoneData.cityname, g_timezoneData.errorcode,
-                                g_timezoneHeader.continentCity};
+                                g_continent_city};
         for (const char *field : fields) {
             ASSERT_LT(strnlen(field, 50), 50u) << shown;
         }
