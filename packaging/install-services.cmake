@@ -8,11 +8,15 @@
 # (relative or absolute), TAVEL_DBUS_POLICY_DIR (empty: by version),
 # TAVEL_DBUS_LEGACY_POLICY (the bus reads SYSCONFDIR only).
 string(REGEX REPLACE "(.)/+$" "\\1" _tavel_prefix "${CMAKE_INSTALL_PREFIX}")
-if(IS_ABSOLUTE "${TAVEL_INSTALL_SBINDIR}")
-  set(TAVEL_SBINDIR "${TAVEL_INSTALL_SBINDIR}")
-else()
-  set(TAVEL_SBINDIR "${_tavel_prefix}/${TAVEL_INSTALL_SBINDIR}")
-endif()
+# A directory as given when absolute, else under the prefix.
+function(tavel_under_prefix out dir)
+  if(IS_ABSOLUTE "${dir}")
+    set(${out} "${dir}" PARENT_SCOPE)
+  else()
+    set(${out} "${_tavel_prefix}/${dir}" PARENT_SCOPE)
+  endif()
+endfunction()
+tavel_under_prefix(TAVEL_SBINDIR "${TAVEL_INSTALL_SBINDIR}")
 # GNU convention (as GNUInstallDirs): a /usr installation keeps its
 # configuration in /etc, any other prefix in PREFIX/etc.
 if(_tavel_prefix STREQUAL "/usr")
@@ -21,14 +25,11 @@ else()
   set(_tavel_sysconfdir "${_tavel_prefix}/etc")
 endif()
 if(TAVEL_DBUS_POLICY_DIR)
-  set(_tavel_policy_dir "${TAVEL_DBUS_POLICY_DIR}")
+  tavel_under_prefix(_tavel_policy_dir "${TAVEL_DBUS_POLICY_DIR}")
 elseif(TAVEL_DBUS_LEGACY_POLICY)
   set(_tavel_policy_dir "${_tavel_sysconfdir}/dbus-1/system.d")
 else()
-  set(_tavel_policy_dir "${TAVEL_INSTALL_DATADIR}/dbus-1/system.d")
-endif()
-if(NOT IS_ABSOLUTE "${_tavel_policy_dir}")
-  set(_tavel_policy_dir "${_tavel_prefix}/${_tavel_policy_dir}")
+  tavel_under_prefix(_tavel_policy_dir "${TAVEL_INSTALL_DATADIR}/dbus-1/system.d")
 endif()
 file(INSTALL DESTINATION "${_tavel_policy_dir}" TYPE FILE
      PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
