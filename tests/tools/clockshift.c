@@ -112,75 +112,92 @@ static int64_t currentShift(void)
     return strtoll(text, NULL, 10);
 }
 
+/* The wide entry points: the 64-bit ones of a 32-bit target, the only ones
+ * of a 64-bit target.  One body serves both; only the names and records
+ * differ. */
 #if defined(__TIMESIZE) && __TIMESIZE == 32
-
-struct ts64 {
-    int64_t sec;
-    int32_t nsec;
+struct wide_ts {
+    int64_t tv_sec;
+    int32_t tv_nsec;
     int32_t pad;
 };
-struct tv64 {
-    int64_t sec;
-    int64_t usec;
+struct wide_tv {
+    int64_t tv_sec;
+    int64_t tv_usec;
 };
+typedef int64_t wide_time;
+#define WIDE_CLOCK __clock_gettime64
+#define WIDE_TIME __time64
+#define WIDE_TIMEOFDAY __gettimeofday64
+#define REAL_CLOCK_NAME "__clock_gettime64"
+#else
+#define wide_ts timespec
+#define wide_tv timeval
+typedef time_t wide_time;
+#define WIDE_CLOCK clock_gettime
+#define WIDE_TIME time
+#define WIDE_TIMEOFDAY gettimeofday
+#define REAL_CLOCK_NAME "clock_gettime"
+#endif
 
-static int (*realClock64)(clockid_t, struct ts64 *);
+static int (*realClock64)(clockid_t, struct wide_ts *);
 
-static int now64(int entry, clockid_t id, struct ts64 *ts, const void *caller)
+static int now64(int entry, clockid_t id, struct wide_ts *ts, const void *caller)
 {
     int rc = realClock64(id, ts);
     if (rc == 0 && shifted(id, caller)) {
-        ts->sec += currentShift();
-        trace(entry, ts->sec);
+        ts->tv_sec += currentShift();
+        trace(entry, ts->tv_sec);
     }
     return rc;
 }
 
-int __clock_gettime64(clockid_t id, struct ts64 *ts)
+int WIDE_CLOCK(clockid_t id, struct wide_ts *ts)
 {
     return now64(ENTRY_CLOCK, id, ts, __builtin_return_address(0));
 }
 
-int64_t __time64(int64_t *out)
+wide_time WIDE_TIME(wide_time *out)
 {
-    struct ts64 ts;
+    struct wide_ts ts;
     now64(ENTRY_TIME, CLOCK_REALTIME, &ts, __builtin_return_address(0));
     if (out != NULL) {
-        *out = ts.sec;
+        *out = ts.tv_sec;
     }
-    return ts.sec;
+    return ts.tv_sec;
 }
 
-int __gettimeofday64(struct tv64 *tv, void *tz)
+int WIDE_TIMEOFDAY(struct wide_tv *tv, void *tz)
 {
     (void)tz;
-    struct ts64 ts;
+    struct wide_ts ts;
     int rc = now64(ENTRY_TIMEOFDAY, CLOCK_REALTIME, &ts, __builtin_return_address(0));
-    if (rc == 0 && tv != NULL) {
-        tv->sec = ts.sec;
-        tv->usec = ts.nsec / 1000;
+    if (rc == 0) {
+        tv->tv_sec = ts.tv_sec;
+        tv->tv_usec = ts.tv_nsec / 1000;
     }
     return rc;
 }
 
-/* The 32-bit entry points. */
+#if defined(__TIMESIZE) && __TIMESIZE == 32
+/* The old 32-bit entry points. */
 static int now32(int entry, clockid_t id, struct timespec *ts, const void *caller)
 {
-    struct ts64 t;
+    struct wide_ts t;
     int rc = realClock64(id, &t);
     if (rc == 0 && shifted(id, caller)) {
-        t.sec += currentShift();
-        trace(entry, t.sec > INT32_MAX ? -1 : t.sec);
+        t.tv_sec += currentShift();
+        trace(entry, t.tv_sec > INT32_MAX ? -1 : t.tv_sec);
     }
     if (rc != 0) {
         return rc;
     }
-    if (t.sec > INT32_MAX || t.sec < INT32_MIN) {
+    if (t.tv_sec > INT32_MAX || t.tv_sec < INT32_MIN) {
         errno = EOVERFLOW;
         return -1;
     }
-    ts->tv_sec = (time_t)t.sec;
-    ts->tv_nsec = t.nsec;
+    ts->tv_sec = (time_t)t.tv_sec;
+    ts->tv_nsec = t.tv_nsec;
     return 0;
 }
 
@@ -211,52 +228,6 @@ int gettimeofday(struct timeval *tv, void *tz)
     tv->tv_usec = ts.tv_nsec / 1000;
     return 0;
 }
-
-#define REAL_CLOCK_NAME "__clock_gettime64"
-
-#else
-
-static int (*realClock64)(clockid_t, struct timespec *);
-
-static int now(int entry, clockid_t id, struct timespec *ts, const void *caller)
-{
-    int rc = realClock64(id, ts);
-    if (rc == 0 && shifted(id, caller)) {
-        ts->tv_sec += currentShift();
-        trace(entry, ts->tv_sec);
-    }
-    return rc;
-}
-
-int clock_gettime(clockid_t id, struct timespec *ts)
-{
-    return now(ENTRY_CLOCK, id, ts, __builtin_return_address(0));
-}
-
-time_t time(time_t *out)
-{
-    struct timespec ts;
-    now(ENTRY_TIME, CLOCK_REALTIME, &ts, __builtin_return_address(0));
-    if (out != NULL) {
-        *out = ts.tv_sec;
-    }
-    return ts.tv_sec;
-}
-
-int gettimeofday(struct timeval *tv, void *tz)
-{
-    (void)tz;
-    struct timespec ts;
-    int rc = now(ENTRY_TIMEOFDAY, CLOCK_REALTIME, &ts, __builtin_return_address(0));
-    if (rc == 0) {
-        tv->tv_sec = ts.tv_sec;
-        tv->tv_usec = ts.tv_nsec / 1000;
-    }
-    return rc;
-}
-
-#define REAL_CLOCK_NAME "clock_gettime"
-
 #endif
 
 __attribute__((constructor)) static void init(void)
