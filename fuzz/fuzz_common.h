@@ -4,7 +4,6 @@
 #ifndef TAVEL_FUZZ_COMMON_H
 #define TAVEL_FUZZ_COMMON_H
 
-#include <ftw.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -12,6 +11,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 namespace tavel_fuzz
@@ -23,16 +23,11 @@ inline std::string &rootDir()
     return root;
 }
 
-inline int removeEntry(const char *path, const struct stat * /*st*/, int /*flag*/, struct FTW * /*ftw*/)
-{
-    remove(path);
-    return 0;
-}
-
 inline void removeRoot()
 {
+    std::error_code ignored;
     if (!rootDir().empty()) {
-        nftw(rootDir().c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+        std::filesystem::remove_all(rootDir(), ignored);
     }
 }
 
@@ -60,15 +55,15 @@ inline std::string rootPath(const char *devicePath)
 }
 
 // Every agent step appends to the platform logs; cut them now and then so a
-// long run cannot fill the disk.
+// long run cannot fill the disk.  A log not there yet needs no cutting.
 inline void boundLogs()
 {
     static unsigned runs;
     if (++runs % 1000 == 0) {
-        // A log that is not there yet needs no cutting.
-        if (truncate(rootPath("/var/log/tavel.log").c_str(), 0) != 0 ||
-            truncate(rootPath("/var/log/history.log").c_str(), 0) != 0) {
-            return;
+        for (const char *log : {"/var/log/tavel.log", "/var/log/history.log"}) {
+            if (truncate(rootPath(log).c_str(), 0) != 0) {
+                continue;
+            }
         }
     }
 }

@@ -40,17 +40,6 @@ template <size_t N> bool terminated(const char (&field)[N])
     return strnlen(field, N) < N;
 }
 
-// mkdir -p of a device directory under the agent's root.
-inline void makeDeviceDirs(const std::string &devicePath)
-{
-    std::string path = tavel_root();
-    size_t pos = 0;
-    while (pos != std::string::npos) {
-        pos = devicePath.find('/', pos + 1);
-        mkdir((path + devicePath.substr(0, pos)).c_str(), 0755);
-    }
-}
-
 /* ---- reply headers ---- */
 
 // Values taken as the first word of a line never hold white space, and every
@@ -191,8 +180,8 @@ inline bool runTimezoneMapping(const uint8_t *data, size_t size)
     setRecordField(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city,
                    static_cast<size_t>(cityEnd - city));
     const uint8_t *file = cityEnd + 1;
-    makeDeviceDirs("/usr/configs");
-    if (!writeFile(DevicePath(TAVEL_TIMEZONE_MAPPING_FILE).c_str(), file, static_cast<size_t>(end - file))) {
+    if (tavel_makeDirs("/usr/configs") != 0 ||
+        !writeFile(DevicePath(TAVEL_TIMEZONE_MAPPING_FILE).c_str(), file, static_cast<size_t>(end - file))) {
         abort(); // the device root itself is broken: no input is to blame
     }
 
@@ -376,8 +365,7 @@ inline bool gettersSound()
 // Input: the whole store file.
 inline bool runStore(const uint8_t *data, size_t size)
 {
-    makeDeviceDirs("/flash/dml");
-    if (!writeFile(tavel::dml::storePath(), data, size)) {
+    if (tavel_makeDirs("/flash/dml") != 0 || !writeFile(tavel::dml::storePath(), data, size)) {
         abort();
     }
     tavel::dml::Store store;
