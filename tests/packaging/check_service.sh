@@ -6,19 +6,8 @@
 # against a stand-in daemon with a recording iptables first in PATH).
 # Nothing outside a temporary directory is touched.
 #   tests/packaging/check_service.sh BUILD_DIR
-set -euo pipefail
-build=$(cd "${1:?usage: check_service.sh BUILD_DIR}" && pwd)
-tmp=$(mktemp -d "${TMPDIR:-/tmp}/tavel-svc-XXXXXX")
-cleanup() {
-    if [ -s "$tmp/agent.pid" ]; then kill "$(cat "$tmp/agent.pid")" 2>/dev/null || true; fi
-    rm -rf "$tmp"
-}
-trap cleanup EXIT
-failures=0
-fail() {
-    echo "FAIL: $*" >&2
-    failures=$((failures + 1))
-}
+# shellcheck source=tests/packaging/common.sh
+. "$(dirname "$0")/common.sh" check_service "${1:-}"
 # The agent's own delete commands, in its order.
 rules=("-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT"
     "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT")
@@ -56,7 +45,7 @@ mkdir -p "$tmp/bin" "$tmp/run"
 # Records each run, marked when the stand-in agent was still alive then.
 cat >"$tmp/bin/iptables" <<EOF
 #!/bin/sh
-if kill -0 "\$(cat "$tmp/agent.pid" 2>/dev/null)" 2>/dev/null; then
+if kill -0 "\$(cat "$tmp/daemon.pid" 2>/dev/null)" 2>/dev/null; then
     echo "while running: \$*"
 else
     echo "\$*"
@@ -65,19 +54,19 @@ EOF
 # The stand-in runs until TERM, taking a moment to end, or crashes at once.
 cat >"$tmp/bin/tavelAgent" <<EOF
 #!/bin/sh
-echo "\$\$" >"$tmp/agent.pid"
+echo "\$\$" >"$tmp/daemon.pid"
 [ "\$(cat "$tmp/mode")" = crash ] && exit 1
 trap 'sleep 1; exit 0' TERM
 while :; do sleep 0.1; done
 EOF
 chmod 755 "$tmp/bin/iptables" "$tmp/bin/tavelAgent"
-export DAEMON="$tmp/bin/tavelAgent" PIDFILE="$tmp/run/tavelagent.pid" STOP_TIMEOUT=5 PATH="$tmp/bin:$PATH"
+export DAEMON="$tmp/bin/tavelAgent" PIDFILE="$tmp/run/taveldaemon.pid" STOP_TIMEOUT=5 PATH="$tmp/bin:$PATH"
 expected=$(printf '%s\n' "${rules[@]}")
 for mode in run crash; do
     echo "$mode" >"$tmp/mode"
-    rm -f "$tmp/iptables.log" "$tmp/agent.pid"
+    rm -f "$tmp/iptables.log" "$tmp/daemon.pid"
     sh "$init" start >/dev/null
-    for _ in $(seq 50); do [ -s "$tmp/agent.pid" ] && break; sleep 0.1; done
+    for _ in $(seq 50); do [ -s "$tmp/daemon.pid" ] && break; sleep 0.1; done
     [ "$mode" = crash ] && sleep 0.5
     sh "$init" stop >/dev/null
     [ "$(cat "$tmp/iptables.log" 2>/dev/null || true)" = "$expected" ] ||
@@ -88,5 +77,4 @@ for mode in run crash; do
     [ "$(cat "$tmp/iptables.log" 2>/dev/null || true)" = "$before" ] || fail "a second stop ($mode) ran iptables again"
 done
 
-[ "$failures" -eq 0 ] || { echo "check_service: $failures failure(s)" >&2; exit 1; }
-echo "check_service: ok"
+finish
