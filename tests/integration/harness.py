@@ -19,8 +19,8 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 # Re-exported: the tests import these names from here.
 import tavelsim  # noqa: E402,F401
 from tavelsim import (CC_CONFIGURED_BY, CC_FILE, CLOSED_POLICY, CLOUD_MARKER, EMULATOR,  # noqa: E402,F401
-                      CA_PATH_MAX, FACTORY_ACS_URL, MAPPING_FILE, ONBOARDING_IN_PROGRESS, OPEN_POLICY, TZ_MARKER, PrivateBus,
-                      Sandbox, command, cpu_ticks, run_binary)
+                      CA_PATH_MAX, FACTORY_ACS_URL, MAPPING_FILE, ONBOARDING_IN_PROGRESS, STORE_FILE, TZ_MARKER,
+                      PrivateBus, Sandbox, command, cpu_ticks, run_binary, store_problems)
 
 BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
 SOURCE_DIR = os.environ.get("TAVEL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
@@ -32,63 +32,56 @@ LOCAL_PORTS = (47777, 47778, 47779)
 # A device in its factory state: enabled agent, no management account, no
 # cloud settings, root role.
 FACTORY_STORE = {
-    "Device.X_TAVEL_Agent.Enable": "1",
-    "Device.X_TAVEL_Agent.URL": "https://127.0.0.1:1/onboard",
-    "Device.X_TAVEL_Agent.APIKey": "test-api-key",
-    "Device.ManagementServer.URL": FACTORY_ACS_URL,
-    "Device.ManagementServer.Username": "",
-    "Device.ManagementServer.Password": "",
-    "Device.X_TAVEL_WiFiService.WorkMode": "RGW",
-    "Device.X_TAVEL_WiFiService.WorkRole": "Controller",
-    "Device.DeviceInfo.SerialNumber": "SN0001",
-    "Device.DeviceInfo.X_TAVEL_OperatorID": "OP42",
-    "Device.DeviceInfo.X_TAVEL_Country": "DE",
-}
+    "Device.X_TAVEL_Agent.Enable": "1", "Device.X_TAVEL_Agent.URL": "https://127.0.0.1:1/onboard",
+    "Device.X_TAVEL_Agent.APIKey": "test-api-key", "Device.ManagementServer.URL": FACTORY_ACS_URL,
+    "Device.ManagementServer.Username": "", "Device.ManagementServer.Password": "",
+    "Device.X_TAVEL_WiFiService.WorkMode": "RGW", "Device.X_TAVEL_WiFiService.WorkRole": "Controller",
+    "Device.DeviceInfo.SerialNumber": "SN0001", "Device.DeviceInfo.X_TAVEL_OperatorID": "OP42",
+    "Device.DeviceInfo.X_TAVEL_Country": "DE"}
 
 
-def _wait(read, text, timeout, count, proc, what):
+def wait_until(predicate, timeout, what, proc=None, tail=None):
+    """The predicate's first true value; fails after timeout, or as soon as
+    proc has exited, with tail() (e.g. the log) in the message."""
     deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
+    while True:
         exited = proc is not None and proc.poll() is not None
-        out = read()
-        if out.count(text) >= count:
-            return out
-        if exited:
-            raise AssertionError("agent exited (%s) before %r on its %s:\n%s" %
-                                 (proc.returncode, text, what, out[-4000:]))
-        time.sleep(0.05)
-    raise AssertionError("timed out waiting for %r on the %s:\n%s" % (text, what, read()[-4000:]))
+        value = predicate()
+        if value:
+            return value
+        if exited or time.monotonic() > deadline:
+            raise AssertionError("%s waiting for %s:\n%s" % (
+                "agent exited (%s)" % proc.returncode if exited else "timed out after %.1f s" % timeout, what,
+                tail()[-4000:] if tail else ""))
+        time.sleep(0.02)
 
 
 class Device(Sandbox):
-    def __init__(self, store=None, keep=False):
+    def __init__(self, store=None):
         super().__init__(dict(FACTORY_STORE, **(store or {})), prefix="tavel-it-")
-        self.keep = keep
         self._sanitizer_reports = []
 
-    # ---- the agent ----
     def env(self, extra=None):
-        env = super().env()
-        env.setdefault("TAVEL_TIME_SCALE", "1")
-        env.update(extra or {})
-        return env
+        return super().env(dict({"TAVEL_TIME_SCALE": os.environ.get("TAVEL_TIME_SCALE", "1")}, **(extra or {})))
 
-    def start(self, env=None, agent=None):
+    def start(self, env=None, **kw):
         # A second start on the same root rewrites the output files: keep what
         # the sanitizers said about the previous run first.
         self._collect_sanitizer_reports()
-        return self.spawn(agent or AGENT, env)
+        return self.spawn(AGENT, env, **kw)
 
     def wait_exit(self, timeout=30):
         return self.proc.wait(timeout=timeout)
 
-    def wait_log(self, text, timeout=20, count=1):
-        """Waits until text occurs count times in the log; returns the log."""
-        return _wait(self.log, text, timeout, count, self.proc, "log")
+    def wait_log(self, text, timeout=20, count=1, read=None):
+        """Waits until text occurs count times in the log (or what read
+        returns); returns the log."""
+        read = read or self.log
+        return wait_until(lambda: (lambda out: out.count(text) >= count and out)(read()), timeout, repr(text),
+                          self.proc, read)
 
     def wait_stdout(self, text, timeout=10, count=1):
-        """Waits until text occurs count times on standard output; returns it."""
-        return _wait(self.stdout, text, timeout, count, self.proc, "standard output")
+        return self.wait_log(text, timeout, count, read=self.stdout)
 
     def stop(self):
         if self.proc is not None and self.proc.poll() is None:
@@ -105,25 +98,21 @@ class Device(Sandbox):
     def close(self):
         self.stop()
         self._collect_sanitizer_reports()
-        reports = self._sanitizer_reports
         # With a finding the root is kept: the log around it explains it.
-        if not self.keep and not reports:
-            self.remove()
-        if reports:
-            raise AssertionError("sanitizer report from the agent (root kept at %s):\n%s" %
-                                 (self.root, "\n----\n".join(r[-12000:] for r in reports)))
+        if self._sanitizer_reports:
+            raise AssertionError("sanitizer report from the agent (root kept at %s):\n%s" % (
+                self.root, "\n----\n".join(r[-12000:] for r in self._sanitizer_reports)))
+        self.remove()
 
 
 # What the sanitizer runtimes write first in a report on standard error.
 SANITIZER_MARKERS = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                      "runtime error:")
 
-FIREWALL_INSERT = [
-    "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-    "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-    "-I INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-    "-I INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-]
+# Stale rules go first, so a restart never doubles them; only the removal
+# runs at the exit.
+FIREWALL_INSERT = ["%s INPUT_%s -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT" % r for r in (
+    ("-D", "FW_LEVEL"), ("-D", "WAN_REMOTE_ACCESS"), ("-I", "WAN_REMOTE_ACCESS"), ("-I", "FW_LEVEL"))]
 FIREWALL_REMOVE = FIREWALL_INSERT[:2]
 
 
@@ -131,12 +120,9 @@ FIREWALL_REMOVE = FIREWALL_INSERT[:2]
 # settings.  With both markers present the agent exits at start-up; without
 # them it onboards again.
 CONFIGURED_STORE = {
-    "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp",
-    "Device.ManagementServer.Username": "cpe-old",
-    "Device.ManagementServer.Password": "old-secret",
-    "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test",
-    "Device.X_TAVEL_Cloud.L1Flags": "1",
-}
+    "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp", "Device.ManagementServer.Username": "cpe-old",
+    "Device.ManagementServer.Password": "old-secret", "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test",
+    "Device.X_TAVEL_Cloud.L1Flags": "1"}
 
 
 # ---- the onboarding server ----
@@ -164,37 +150,19 @@ def cert_dir():
     return _cert_dir
 
 
-def short_path(path):
-    assert len(path) <= CA_PATH_MAX, "CA path %r is longer than the agent keeps" % path
-    return path
-
-
 def reply(status=200, headers=(), **kw):
     """One obsim reply.  headers: (name, value) pairs or raw lines; pairs
     become "name: value" with CR LF, as a server writes them."""
-    lines = []
-    for h in headers:
-        lines.append(h if isinstance(h, str) else "%s: %s\r\n" % h)
-    out = {"status": status, "headers": lines}
-    out.update(kw)
-    return out
+    return dict(status=status, headers=[h if isinstance(h, str) else "%s: %s\r\n" % h for h in headers], **kw)
 
 
 # A reply handing out a new management account with descriptions, cloud
 # settings, a time zone and a country code.
 NEW_ACCOUNT = [
-    ("url", "https://acs.new.test:7547/cwmp"),
-    ("name", "cpe-new"),
-    ("pwd", "new-secret"),
-    ("opdesc", "Operator One"),
-    ("snetdesc", "Subnet A"),
-    ("tenantid", "tenant-7"),
-    ("l1url", "https://l1.new.test"),
-    ("l2url", "NA"),
-    ("remotemappurl", "https://mapp.new.test"),
-    ("kprconfigurl", "https://cfg.new.test"),
-    ("kprconfigapikey", "cfg-key-9"),
-]
+    ("url", "https://acs.new.test:7547/cwmp"), ("name", "cpe-new"), ("pwd", "new-secret"), ("opdesc", "Operator One"),
+    ("snetdesc", "Subnet A"), ("tenantid", "tenant-7"), ("l1url", "https://l1.new.test"), ("l2url", "NA"),
+    ("remotemappurl", "https://mapp.new.test"), ("kprconfigurl", "https://cfg.new.test"),
+    ("kprconfigapikey", "cfg-key-9")]
 TZ_PARIS = ("timezone", '{"code":"CET","x":"y","id":"Europe\\/Paris"}')
 # Field 4 of the mapping line that TZ_PARIS selects, and field 5 as the data
 # model receives it (quotes removed, line end kept).
@@ -218,11 +186,8 @@ class Server:
 
     @property
     def ca_path(self):
-        return short_path(self.sim.ca_path)
-
-    @property
-    def other_ca_path(self):
-        return short_path(os.path.join(cert_dir(), "oca.pem"))
+        assert len(self.sim.ca_path) <= CA_PATH_MAX, "CA path %r is longer than the agent keeps" % self.sim.ca_path
+        return self.sim.ca_path
 
     def url(self, path="/onboard"):
         return self.sim.url(path)
@@ -240,19 +205,6 @@ class Server:
         dev.touch(MAPPING_FILE, MAPPING.encode())
         return dev
 
-    def set_script(self, script):
-        self.sim.set_script(script)
-
-    def restart(self, script):
-        """The server back on its old port (after sim.stop()), with a new
-        script and an empty request record, like a restarted real server."""
-        import obsim
-        port, record, path = self.sim.port, self.sim.record_path, self.sim.script_path
-        self.sim.stop()
-        self.sim = obsim.ObSim(cert_dir(), script=script, port=port, record_path=record, script_path=path)
-        self.sim.clear_requests()
-        self.sim.start()
-
     def methods(self):
         return [r.get("method", r.get("event")) for r in self.requests()]
 
@@ -266,30 +218,18 @@ class Server:
     def requests(self, method=None):
         """Recorded requests (and TLS failures, which carry "event"); only
         those of one method when given."""
-        out = self.sim.requests()
-        if method is not None:
-            out = [r for r in out if r.get("method") == method]
-        return out
+        return [r for r in self.sim.requests() if method is None or r.get("method") == method]
 
     def wait_requests(self, method, count=1, timeout=20, dev=None):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            got = self.requests(method)
-            if len(got) >= count:
-                return got
-            if dev is not None and dev.proc is not None and dev.proc.poll() is not None:
-                break
-            time.sleep(0.02)
-        raise AssertionError("expected %d %s request(s), got %s; log tail:\n%s" %
-                             (count, method, json.dumps(self.requests()), dev.log()[-3000:] if dev else ""))
+        return wait_until(lambda: (lambda got: len(got) >= count and got)(self.requests(method)), timeout,
+                          "%d %s request(s)" % (count, method), dev and dev.proc,
+                          lambda: json.dumps(self.requests()) + "\n" + (dev.log() if dev else ""))
 
     def close(self):
         self.sim.stop()
         for path in (self.sim.script_path, self.sim.record_path, self.sim.script_path + ".tmp"):
-            try:
+            if os.path.exists(path):
                 os.unlink(path)
-            except FileNotFoundError:
-                pass
 
 
 class ServerCase(unittest.TestCase):
@@ -322,16 +262,6 @@ class ServerCase(unittest.TestCase):
         return dev
 
 
-def wait_until(predicate, timeout, what, step=0.02):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        value = predicate()
-        if value:
-            return value
-        time.sleep(step)
-    raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
-
-
 # A complete first boot: the account, descriptions, cloud settings and a
 # mapped time zone; LAST_STEP ends the apply step on a device without the
 # country-code capability.
@@ -351,12 +281,8 @@ def ctl(bus_env, *args, timeout=30):
 
 
 def wait_owner(dev, bus_env, timeout=10):
-    """Waits until the agent answers dummyFunction on the bus."""
-    deadline = time.monotonic() + timeout
-    while ctl(bus_env, "call", "dummyFunction", "0").returncode != 0:
-        if dev.proc.poll() is not None or time.monotonic() > deadline:
-            raise AssertionError("agent never answered on the bus; log:\n" + dev.log()[-3000:])
-        time.sleep(0.05)
+    wait_until(lambda: ctl(bus_env, "call", "dummyFunction", "0").returncode == 0, timeout,
+               "the agent to answer on the bus", dev.proc, dev.log)
 
 
 def bootstrap(bus_env, status="1"):
@@ -372,20 +298,7 @@ def retry_lines(log, code):
 
 def gaps(requests):
     """Seconds between successive recorded requests."""
-    times = [r["received"] for r in requests]
-    return [b - a for a, b in zip(times, times[1:])]
-
-
-def build_sanitizer():
-    """'asan', 'tsan' or '' for the build under test, from its CMake cache."""
-    try:
-        with open(os.path.join(BUILD_DIR, "CMakeCache.txt")) as f:
-            for line in f:
-                if line.startswith("TAVEL_SANITIZE:"):
-                    return line.split("=", 1)[1].strip()
-    except OSError:
-        pass
-    return ""
+    return [b["received"] - a["received"] for a, b in zip(requests, requests[1:])]
 
 
 # ---- the agent's clock ----
@@ -419,7 +332,3 @@ def clock_env(dev, when):
         env["LD_PRELOAD"] = CLOCK_SHIFT_LIB
     return env
 
-
-def clock_reads(dev):
-    """The seconds the agent read first through each clock entry point."""
-    return [int(line.split()[1]) for line in dev.read("clock.trace").splitlines()]

@@ -25,30 +25,19 @@ def run_demo(*args, timeout=120):
 
 def section(out, title):
     """The lines of one report section, up to the next blank line."""
-    lines = out.split("\n")
-    start = next(i for i, l in enumerate(lines) if l.startswith(title))
-    body = []
-    for line in lines[start + 1:]:
-        if not line.strip():
-            break
-        body.append(line)
-    return body
+    lines = out.split("\n" + title, 1)[1].split("\n")[1:]
+    return lines[:next((i for i, l in enumerate(lines) if not l.strip()), len(lines))]
 
 
 def timeline(out):
-    rows = []
-    for line in section(out, "Timeline"):
-        m = TIMELINE_ROW.match(line)
-        if m:
-            rows.append((float(m.group(1)), m.group(2), m.group(3)))
-    return rows
+    return [(float(m.group(1)), m.group(2), m.group(3)) for m in map(TIMELINE_ROW.match, section(out, "Timeline")) if m]
 
 
 def first(rows, text):
-    for t, label, row in rows:
-        if text in row:
-            return t
-    raise AssertionError("no timeline row with %r:\n%s" % (text, "\n".join(r[2] for r in rows)))
+    found = [t for t, _, row in rows if text in row]
+    if not found:
+        raise AssertionError("no timeline row with %r:\n%s" % (text, "\n".join(r[2] for r in rows)))
+    return found[0]
 
 
 class DemoTest(unittest.TestCase):
@@ -63,9 +52,8 @@ class DemoTest(unittest.TestCase):
         # Secrets the demo hands the agent never reach the screen whole.
         for secret in ("obk-7f3a9c21d4e85b60", "Xk7pQ2v9LmWt", "cfk-5d1e9a0b7c2f41"):
             self.assertNotIn(secret, out)
-        results = [l for l in out.split("\n") if l.startswith("RESULT: ")]
-        self.assertEqual(len(results), 1, out)
-        self.assertEqual(out.rstrip("\n").split("\n")[-1], results[0])
+        lines = out.rstrip("\n").split("\n")
+        self.assertEqual([l for l in lines if l.startswith("RESULT: ")], lines[-1:], "one RESULT line, the last")
         return rows
 
     def root_of(self, out):

@@ -1,12 +1,13 @@
-"""The whole onboarding of the real agent through a private message bus: fetch,
-bootstrap signal, status report, exit; report retries, the operator's retry
-delay, the wait for the time-zone marker, and a waiting agent's CPU use."""
+"""The whole onboarding of the real agent through a private message bus: what
+a reply leads to, the request as the server sees it, the bootstrap signal,
+status report and exit; report retries, the operator's retry delay, the wait
+for the time-zone marker."""
 import time
 import unittest
 
-from busfixture import PrivateBus
-from harness import (FIREWALL_INSERT, FIREWALL_REMOVE, LAST_STEP, LOCAL_PORTS, NEW_ACCOUNT, TZ_MARKER, TZ_PARIS,
-                     ServerCase, cpu_ticks, ctl, gaps, reply, retry_lines, wait_owner)
+from harness import (CLOUD_MARKER, FIREWALL_INSERT, FIREWALL_REMOVE, LAST_STEP, LOCAL_PORTS, NEW_ACCOUNT, PARIS_NAME,
+                     PARIS_ZONE, TZ_MARKER, TZ_PARIS, PrivateBus, ServerCase, cpu_ticks, ctl, gaps, reply,
+                     retry_lines, wait_owner)
 
 APPLIED = reply(200, NEW_ACCOUNT + [TZ_PARIS])
 NO_ROLE = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
@@ -22,15 +23,12 @@ class FlowCase(ServerCase):
         self.bus = PrivateBus()
         self.addCleanup(self.bus.close)
 
-    def start(self, dev, scale):
-        dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE=str(scale)))
+    def start(self, dev, scale, env=None, **kw):
+        dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE=str(scale), **(env or {})), **kw)
         wait_owner(dev, self.bus.env(), 15)
 
-    def ctl(self, *args, env=None):
-        return ctl(dict(self.bus.env(), **(env or {})), *args)
-
-    def send(self, *args):
-        result = self.ctl(*args)
+    def send(self, *args, env=None):
+        result = ctl(dict(self.bus.env(), **(env or {})), *args)
         self.assertEqual(result.returncode, 0, result.stderr)
 
     def applied_and_waiting(self, dev, scale=100):
@@ -41,45 +39,117 @@ class FlowCase(ServerCase):
     def own_headers(self, request):
         return [h for h in request["headers"] if not h.startswith(("Host:", "Accept:"))]
 
+    def assert_reported(self, dev, status, suffix):
+        """The bootstrap outcome status went out as suffix and ended the agent."""
+        self.send("bootstrap", status)
+        self.assertEqual(dev.wait_exit(30), 0, dev.log()[-3000:])
+        self.assertEqual([r.get("method") for r in self.server.requests()], ["GET", "PUT"])
+        put = self.server.requests("PUT")[0]
+        self.assertEqual((put["method"], put["target"], put["version"], put["tls"]),
+                         ("PUT", "/onboard" + suffix, "HTTP/1.1", True))
+        log = dev.log()
+        self.assertIn("Send Status TO Server Status %d\n" % (3 if status == "1" else 2), log)
+        self.assertIn("Send Status TO Server URL %s%s\n" % (self.server.url(), suffix), log)
+        self.assertIn("Response code received from tavel server 200\n", log)
+        self.assertLess(log.index("]  exitTavel "), log.index("exitTavel !!!!"))
+        # The firewall rules go last, just before the exit.
+        self.assertEqual(dev.iptables(), FIREWALL_INSERT + FIREWALL_REMOVE)
+        return put, log
+
 
 class ReportTest(FlowCase):
-    def test_bootstrap_outcome_is_reported_and_ends_the_agent(self):
-        for status, value, suffix in (("1", 3, "?status=SUCCESS"), ("0", 2, "?status=ERROR:CONN_FAILED"),
-                                      ("-7", 2, "?status=ERROR:CONN_FAILED")):
+    def test_new_account_is_applied_then_reported_on_the_bootstrap(self):
+        self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, ("countrycode", "US")], body="ignored body"),
+                     "put": reply(200, body="accepted\n")})
+        dev = self.device()
+        self.applied_and_waiting(dev)
+        log = dev.log()
+        store = dev.store()
+        expected = {
+            "Device.ManagementServer.URL": "https://acs.new.test:7547/cwmp",
+            "Device.ManagementServer.Username": "cpe-new",
+            "Device.ManagementServer.Password": "new-secret",
+            # A description keeps the CR of the server's CR LF line end.
+            "Device.X_TAVEL_Agent.OpDesc": "Operator One\r",
+            "Device.X_TAVEL_Agent.SubnetDesc": "Subnet A\r",
+            "Device.X_TAVEL_Agent.OnBoardStatus": "ConnectionSuccess",
+            "Device.X_TAVEL_Cloud.L1URL": "https://l1.new.test",
+            "Device.X_TAVEL_Cloud.L1Flags": "1",
+            "Device.X_TAVEL_Cloud.RemoteAccessURL": "https://mapp.new.test",
+            "Device.X_TAVEL_Cloud.ConfigURL": "https://cfg.new.test",
+            "Device.X_TAVEL_Cloud.ConfigAPIKey": "cfg-key-9",
+            "Device.Time.LocalTimeZone": PARIS_ZONE,
+            "Device.Time.X_TAVEL_LocalTimeZoneName": PARIS_NAME,
+        }
+        self.assertEqual({k: store.get(k) for k in expected}, expected)
+        # "NA" empties a cloud value, and an empty value is not written.
+        self.assertNotIn("Device.X_TAVEL_Cloud.L2URL", store)
+        # No capability for it: the received country code stays unused.
+        self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", store)
+        self.assertTrue(dev.exists(CLOUD_MARKER))
+        self.assertTrue(dev.exists(TZ_MARKER))
+        self.assertIn("event[TZ Config] timezone[%s,CET,Europe/Paris]" % PARIS_ZONE, dev.history())
+
+        # The old account was emptied first, for the TR-069 client to let go.
+        order = ["Valid Management URL is NOT presnt .. apply TavelServer Data",
+                 "Setting URL in MangamentServerObject to NULL", "Sleeping tavelAgent for 5 seconds",
+                 "End of tavelAgent sleep", "acsCfg.Username :cpe-new", "tavel_handleTimezonedetails enter",
+                 LAST_STEP]
+        positions = [log.find(t) for t in order]
+        self.assertNotIn(-1, positions, positions)
+        self.assertEqual(positions, sorted(positions))
+
+        [get] = self.server.requests()
+        self.assertEqual((get["method"], get["target"], get["version"], get["tls"]),
+                         ("GET", "/onboard", "HTTP/1.1", True))
+        self.assertIn(get["client_port"], LOCAL_PORTS)
+        self.assertEqual(self.own_headers(get), ["Content-Type: Application/json", "Content-Length:0",
+                                                 "x-api-key:test-api-key", "operatorid:OP42", "sn:SN0001",
+                                                 "country:DE"])
+        http_dump = ("******************** OB Server Connection Details ***********************\n"
+                     "g_httpInfo.url: %s\n"
+                     "g_httpInfo.authType None\n"
+                     "g_httpInfo.userName None\n"
+                     "g_httpInfo.password None\n"
+                     "g_httpInfo.x_api_key test-api-key\n"
+                     "g_httpInfo.timeout 25\n"
+                     "g_httpInfo.authEnabled 0\n" % self.server.url())
+        acs_dump = ("******************** ACS Connection Details ***********************\n"
+                    "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\n"
+                    "g_serverData.cdpusername cpe-new\n"
+                    "g_serverData.operdesc Operator One\r\n"
+                    "g_serverData.subnetdesc Subnet A\r\n"
+                    "g_serverData.tenantID tenant-7\n"
+                    "\n************************************* END ***********************\n")
+        self.assertEqual(dev.read("agent.stdout", "rb").decode(), "httpGetUrlFromServer before curl_easy_perform\n"
+                         "httpGetUrlFromServer after curl_easy_perform\n" + http_dump + acs_dump)
+        self.assertNotIn("pwd: new-secret", log)
+
+        # Waiting for the bootstrap signal: no upload, no exit, firewall open,
+        # and no CPU (a loop polling the bus, a timer or the store would burn
+        # ticks).
+        time.sleep(0.5)
+        before = cpu_ticks(dev.proc.pid)
+        time.sleep(3)
+        self.assertLessEqual(cpu_ticks(dev.proc.pid) - before, 1, "ticks in 3 s while waiting")
+        self.assertIsNone(dev.proc.poll())
+        self.assertEqual(self.server.requests("PUT"), [])
+        self.assertEqual(dev.iptables(), FIREWALL_INSERT)
+
+        put, _ = self.assert_reported(dev, "1", "?status=SUCCESS")
+        self.assertIn(put["client_port"], LOCAL_PORTS)
+        self.assertEqual(self.own_headers(put), REPORT_HEADERS)
+        # The reply body of the report goes to standard output.
+        self.assertIn("accepted\n", dev.stdout())
+
+    def test_any_other_bootstrap_outcome_is_reported_as_an_error(self):
+        for status in ("0", "-7"):
             with self.subTest(status=status):
-                self.script({"get": APPLIED, "put": reply(200, body="accepted\n")})
+                self.script({"get": APPLIED, "put": reply(200)})
                 dev = self.device()
                 self.applied_and_waiting(dev)
-                self.assertEqual(self.server.requests("PUT"), [])
-                self.send("bootstrap", status)
-                self.assertEqual(dev.wait_exit(30), 0, dev.log()[-3000:])
-
-                self.assertEqual([r.get("method") for r in self.server.requests()], ["GET", "PUT"])
-                put = self.server.requests("PUT")[0]
-                self.assertEqual((put["method"], put["target"], put["version"], put["tls"]),
-                                 ("PUT", "/onboard" + suffix, "HTTP/1.1", True))
-                self.assertIn(put["client_port"], LOCAL_PORTS)
-                self.assertEqual(self.own_headers(put), REPORT_HEADERS)
-                log = dev.log()
-                self.assertIn("Send Status TO Server Status %d\n" % value, log)
-                self.assertIn("Send Status TO Server URL %s%s\n" % (self.server.url(), suffix), log)
-                self.assertIn("Response code received from tavel server 200\n", log)
-                self.assertLess(log.index("]  exitTavel "), log.index("exitTavel !!!!"))
-                # The firewall rules go last, just before the exit.
-                self.assertEqual(dev.iptables(), FIREWALL_INSERT + FIREWALL_REMOVE)
-                # The reply body of the report goes to standard output.
-                self.assertIn("accepted\n", dev.stdout())
+                self.assert_reported(dev, status, "?status=ERROR:CONN_FAILED")
                 dev.close()
-
-    def test_bootstrap_before_any_applied_data_reports_nothing(self):
-        dev = self.device(NO_ROLE)
-        self.start(dev, 100)
-        self.send("bootstrap", "1")
-        dev.wait_log("tavel_TR69BootStrapStatusSignal Entered ... \n")
-        self.send("call", "dummyFunction", "0")
-        self.assertNotIn("Send Status TO Server", dev.log())
-        self.assertEqual(self.server.requests(), [])
-        self.assertIsNone(dev.proc.poll())
 
     def test_rejected_report_is_resent_by_the_status_timer(self):
         scale = 100
@@ -126,47 +196,32 @@ class ReportTest(FlowCase):
 
 
 class RetryDelayTest(FlowCase):
-    def test_set_timeout_sets_the_non_transient_retry_delay(self):
+    def test_early_bootstrap_reports_nothing_and_set_timeout_sets_the_retry_delay(self):
         scale = 1000
         self.script({"get": reply(401)})
         # No role yet: the first fetch waits until the test has set the delay.
         dev = self.device(NO_ROLE)
         self.start(dev, scale)
+        # Nothing applied yet, so there is nothing to report.
+        self.send("bootstrap", "1")
+        dev.wait_log("tavel_TR69BootStrapStatusSignal Entered ... \n")
+        self.send("call", "dummyFunction", "0")
+        self.assertNotIn("Send Status TO Server", dev.log())
+        self.assertEqual(self.server.requests(), [])
+        self.assertIsNone(dev.proc.poll())
+
         self.send("dbg", "setTimeout 600")
         dev.wait_stdout("cmdLine+11 = 600.\n")
-        set_mode = self.ctl("dml", "set", "Device.X_TAVEL_WiFiService.WorkMode", "RGW", env={"TAVEL_ROOT": dev.root})
-        self.assertEqual(set_mode.returncode, 0, set_mode.stderr)
-
+        self.send("dml", "set", "Device.X_TAVEL_WiFiService.WorkMode", "RGW", env={"TAVEL_ROOT": dev.root})
         gets = self.server.wait_requests("GET", 3, dev=dev)
         log = dev.log()
         self.assertGreaterEqual(log.count("getTimerIdForErrorCode: 401\n"), 2)
         self.assertNotIn("retryCount value is", log)
+        self.assertNotIn("Send Status TO Server", log)
         # 600 s plus a jitter of 0 to 254 s; the default would be a day (86 s here).
         for gap in gaps(gets):
             self.assertGreaterEqual(gap, 600 / scale - 0.002)
             self.assertLess(gap, 854 / scale + 1.5)
-
-
-class IdleTest(FlowCase):
-    def test_waiting_agent_uses_no_cpu(self):
-        # A loop that polls the bus, a timer or the store would burn ticks in
-        # either wait.
-        self.script({"get": APPLIED})
-        for name, store in (("for a role", NO_ROLE), ("for the bootstrap signal", None)):
-            with self.subTest(name):
-                dev = self.device(store)
-                if store:
-                    # One poll for the role every 10 s.
-                    self.start(dev, 1)
-                    dev.wait_log("TAVEL work mode is CFG... Waiting to take Role !!")
-                else:
-                    self.applied_and_waiting(dev)
-                time.sleep(0.5)
-                before = cpu_ticks(dev.proc.pid)
-                time.sleep(3)
-                used = cpu_ticks(dev.proc.pid) - before
-                self.assertLessEqual(used, 1, "%d ticks in 3 s while idle" % used)
-                self.assertIsNone(dev.proc.poll())
 
 
 if __name__ == "__main__":
