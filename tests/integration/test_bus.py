@@ -5,7 +5,7 @@ import os
 import time
 import unittest
 
-from harness import CLOSED_POLICY, SOURCE_DIR, Device, PrivateBus, cpu_ticks, ctl, wait_owner
+from harness import Device, PrivateBus, cpu_ticks, ctl, wait_owner
 
 # A device that needs onboarding but has no role yet: the run polls for the
 # role and the agent otherwise sits idle on the bus.
@@ -24,24 +24,17 @@ class BusCase(unittest.TestCase):
         self.addCleanup(bus.close)
         return bus
 
-    def start_agent(self, bus=None, wait_name=True):
+    def start_agent(self, wait_name=True):
         dev = Device(WAITING)
         self.addCleanup(dev.close)
-        dev.start(env=(bus or self.bus).env())
+        dev.start(env=self.bus.env())
         dev.wait_log(WAITING_LINE)
         if wait_name:
-            wait_owner(dev, (bus or self.bus).env())
+            wait_owner(dev, self.bus.env())
         return dev
 
-    def ctl(self, *args, bus=None, env=None):
-        return ctl(dict((bus or self.bus).env(), **(env or {})), *args)
-
-    def assert_failure_lines(self, log):
-        # The bus thread's lines interleave with the main thread's, so only
-        # their order is fixed.
-        name = log.find(NAME_FAILED)
-        self.assertGreaterEqual(name, 0, log)
-        self.assertGreater(log.find(REGISTER_FAILED, name), name, log)
+    def ctl(self, *args, env=None):
+        return ctl(dict(self.bus.env(), **(env or {})), *args)
 
     def assert_ok(self, result):
         self.assertEqual(result.returncode, 0, result.stderr)
@@ -122,7 +115,9 @@ class ServiceTest(BusCase):
         # thread ended without subscribing, so only the owner reacts.
         second = self.start_agent(wait_name=False)
         log = second.wait_log(REGISTER_FAILED)
-        self.assert_failure_lines(log)
+        # The bus thread's lines interleave with the main thread's, so only
+        # their order is fixed.
+        self.assertTrue(0 <= log.find(NAME_FAILED) < log.find(REGISTER_FAILED), log)
         self.assertEqual(log.count("fatal "), 2)
         self.assertNotIn(NAME_FAILED, dev.log())
         self.assertNotIn(REGISTER_FAILED, dev.log())
@@ -132,18 +127,6 @@ class ServiceTest(BusCase):
         self.assertEqual(second.stdout(), "")
         self.assertIsNone(second.proc.poll())
         self.assertIsNone(dev.proc.poll())
-
-    @unittest.skipUnless(os.geteuid() == 0, "the policy grants the name to root")
-    def test_installed_policy_lets_the_agent_own_its_name(self):
-        policy = os.path.join(SOURCE_DIR, "packaging", "dbus", "velka.tavel.conf")
-        strict = self.private_bus(policy=CLOSED_POLICY, include=policy)
-        self.start_agent(bus=strict)
-        self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "2", bus=strict)).stdout, "1\n")
-
-        # The same strict bus without the policy refuses the name.
-        bare = self.private_bus(policy=CLOSED_POLICY)
-        dev = self.start_agent(bus=bare, wait_name=False)
-        self.assert_failure_lines(dev.wait_log(REGISTER_FAILED))
 
 
 class TavelctlTest(BusCase):
@@ -169,7 +152,3 @@ class TavelctlTest(BusCase):
                 self.assertIn(text, result.stderr)
         # A stray signal needs no owner.
         self.assert_ok(self.ctl("signal", "sendDbgCmd", "--size", "2112", "--no-owner-check"))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -123,7 +123,3 @@ class PolicyTest(BusCase):
         self.assertEqual(matrix, {m[0]: ["refused", "served", "served"] for m in MEMBERS},
                          "group \"tavel\" played by gid %d" % self.gid)
         self.assertIsNone(dev.proc.poll())
-
-
-if __name__ == "__main__":
-    unittest.main()

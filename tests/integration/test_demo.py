@@ -131,7 +131,3 @@ class DemoTest(unittest.TestCase):
         self.assertEqual(m.group(1), self.root_of(out))
         self.assertTrue(os.path.isfile(os.path.join(m.group(1), "flash", "dml", "datamodel.conf")))
         self.assertTrue(os.path.isfile(os.path.join(m.group(2), "ca.pem")))
-
-
-if __name__ == "__main__":
-    unittest.main()

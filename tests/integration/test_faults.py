@@ -116,14 +116,7 @@ class DiskFullTest(FaultCase):
             f.write(saved)
         # Fill what is left, so the next temporary copy of the store cannot
         # be written.
-        fd = os.open(os.path.join(dml, "filler"), os.O_WRONLY | os.O_CREAT, 0o644)
-        try:
-            while os.write(fd, b"x" * 512) > 0:
-                pass
-        except OSError:
-            pass
-        finally:
-            os.close(fd)
+        subprocess.run(["dd", "if=/dev/zero", "of=" + os.path.join(dml, "filler"), "bs=512"], capture_output=True)
         before = dev.read(STORE, "rb")
         self.start(dev)
         log = dev.wait_log("tavel_handleTimezonedetails exit", timeout=20)
@@ -154,8 +147,9 @@ class ServerAndBusDownTest(FaultCase):
         # Back on its old port with an empty record, like a restarted server;
         # it holds its reply back, so the bus dies while the fetch is under way.
         import obsim
-        self.onb.sim = obsim.ObSim(harness.cert_dir(), script=dict(FULL_SCRIPT, get=dict(FULL_SCRIPT["get"], delay=1.0)),
-                                   port=old.port, record_path=old.record_path, script_path=old.script_path)
+        held = dict(FULL_SCRIPT, get=dict(FULL_SCRIPT["get"], delay=1.0))
+        self.onb.sim = obsim.ObSim(harness.cert_dir(), script=held, port=old.port, record_path=old.record_path,
+                                   script_path=old.script_path)
         self.onb.sim.clear_requests()
         self.onb.sim.start()
         wait_until(lambda: self.onb.methods() == ["GET"], 10, "the GET in the restarted server's hands")
@@ -182,20 +176,12 @@ def dbg(module, cmd):
 # hex bytes, "-" for none, or "=text".
 VALID_DBG = [dbg("tavelAgent", c) for c in ("httpinfo", "acsinfo", "setTimeout 86400", "help")]
 MIX = [("sendDbgCmd", h) for h in VALID_DBG] + [
-    ("tavelCfgmgrSignal", struct.pack("<i", 0).hex()),
-    ("tavelSyngMgrSignal", (struct.pack("<ii", 1, 2) + b"up").hex()),
-    ("notifyNTPTimezoneUpdate", b"CET-1CEST\0".hex()),
-    ("setLogLevel", "07000000"),
-    ("setLogDestination", "01000000"),
+    ("tavelCfgmgrSignal", struct.pack("<i", 0).hex()), ("tavelSyngMgrSignal", (struct.pack("<ii", 1, 2) + b"up").hex()),
+    ("notifyNTPTimezoneUpdate", b"CET-1CEST\0".hex()), ("setLogLevel", "07000000"), ("setLogDestination", "01000000"),
     # Malformed.
-    ("sendDbgCmd", "616263"),
-    ("sendDbgCmd", "-"),
-    ("sendDbgCmd", "=tavelAgent"),
-    ("sendDbgCmd", dbg("otherModule", "httpinfo")),
-    ("tavelCfgmgrSignal", "0100"),
-    ("tavelSyngMgrSignal", "010000"),
-    ("notifyNTPTimezoneUpdate", ""),
-]
+    ("sendDbgCmd", "616263"), ("sendDbgCmd", "-"), ("sendDbgCmd", "=tavelAgent"),
+    ("sendDbgCmd", dbg("otherModule", "httpinfo")), ("tavelCfgmgrSignal", "0100"), ("tavelSyngMgrSignal", "010000"),
+    ("notifyNTPTimezoneUpdate", "")]
 
 
 class SignalStormTest(FaultCase):
@@ -262,7 +248,3 @@ class SignalStormTest(FaultCase):
         puts = self.onb.requests("PUT")
         self.assertEqual([p["target"] for p in puts], ["/onboard?status=SUCCESS"])
         self.assertEqual(dev.store()["Device.ManagementServer.Username"], ACS_USER)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,16 +1,17 @@
 """The onboarding run of the real agent over real TLS against the server
 simulator: what a reply leads to, the request as the server sees it, the
-retry decisions for failed fetches, and the waits before the first fetch."""
+report of a new account, the retry decisions for failed fetches, and the
+waits before the first fetch."""
 import calendar
 import os
 import shutil
 import socket
 import time
-import unittest
 
-from harness import (CLOUD_MARKER, CONFIGURED_STORE, FACTORY_ACS_URL as FACTORY_ACS, FIREWALL_REMOVE, LAST_STEP,
-                     NEW_ACCOUNT, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, cert_dir, clock_env, gaps, reply,
-                     retry_lines, set_clock, wait_until)
+from harness import (CLOUD_MARKER, CONFIGURED_STORE, FACTORY_ACS_URL as FACTORY_ACS, FIREWALL_INSERT, FIREWALL_REMOVE,
+                     LAST_STEP, LOCAL_PORTS, NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase,
+                     cert_dir, clock_env, cpu_ticks, gaps, reply, retry_lines, set_clock, wait_until)
+from test_flow import REPORT_HEADERS, FlowCase
 
 DAY = 86400
 # Bounds of the non-transient delay: the base plus a jitter of 0 to 254 s.
@@ -35,6 +36,78 @@ class OnboardingCase(ServerCase):
         self.assertEqual(dev.store().get("Device.X_TAVEL_Agent.OnBoardStatus"), name)
 
 
+class NewAccountTest(FlowCase):
+    """The happy path, up to the report (test_flow has the report's
+    variants)."""
+
+    def test_new_account_is_applied_then_reported_on_the_bootstrap(self):
+        self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, ("countrycode", "US")], body="ignored body"),
+                     "put": reply(200, body="accepted\n")})
+        dev = self.device()
+        self.applied_and_waiting(dev)
+        log = dev.log()
+        store = dev.store()
+        # A description keeps the CR of the server's CR LF line end; "NA"
+        # empties a cloud value, and an empty value is not written; without
+        # the capability the received country code stays unused.
+        expected = {
+            "ManagementServer.URL": "https://acs.new.test:7547/cwmp", "ManagementServer.Username": "cpe-new",
+            "ManagementServer.Password": "new-secret", "X_TAVEL_Agent.OpDesc": "Operator One\r",
+            "X_TAVEL_Agent.SubnetDesc": "Subnet A\r", "X_TAVEL_Agent.OnBoardStatus": "ConnectionSuccess",
+            "X_TAVEL_Cloud.L1URL": "https://l1.new.test", "X_TAVEL_Cloud.L1Flags": "1", "X_TAVEL_Cloud.L2URL": None,
+            "X_TAVEL_Cloud.RemoteAccessURL": "https://mapp.new.test", "X_TAVEL_Cloud.ConfigURL": "https://cfg.new.test",
+            "X_TAVEL_Cloud.ConfigAPIKey": "cfg-key-9", "Time.LocalTimeZone": PARIS_ZONE,
+            "Time.X_TAVEL_LocalTimeZoneName": PARIS_NAME, "DeviceInfo.X_TAVEL_CountryCode": None}
+        self.assertEqual({k: store.get("Device." + k) for k in expected}, expected)
+        self.assertTrue(dev.exists(CLOUD_MARKER) and dev.exists(TZ_MARKER))
+        self.assertIn("event[TZ Config] timezone[%s,CET,Europe/Paris]" % PARIS_ZONE, dev.history())
+
+        # The old account was emptied first, for the TR-069 client to let go.
+        order = ["Valid Management URL is NOT presnt .. apply TavelServer Data",
+                 "Setting URL in MangamentServerObject to NULL", "Sleeping tavelAgent for 5 seconds",
+                 "End of tavelAgent sleep", "acsCfg.Username :cpe-new", "tavel_handleTimezonedetails enter",
+                 LAST_STEP]
+        positions = [log.find(t) for t in order]
+        self.assertNotIn(-1, positions, positions)
+        self.assertEqual(positions, sorted(positions))
+
+        [get] = self.server.requests()
+        self.assertEqual((get["method"], get["target"], get["version"], get["tls"]),
+                         ("GET", "/onboard", "HTTP/1.1", True))
+        self.assertIn(get["client_port"], LOCAL_PORTS)
+        self.assertEqual(self.own_headers(get), ["Content-Type: Application/json", "Content-Length:0",
+                                                 "x-api-key:test-api-key", "operatorid:OP42", "sn:SN0001",
+                                                 "country:DE"])
+        http_dump = ("******************** OB Server Connection Details ***********************\n"
+                     "g_httpInfo.url: %s\ng_httpInfo.authType None\ng_httpInfo.userName None\n"
+                     "g_httpInfo.password None\ng_httpInfo.x_api_key test-api-key\ng_httpInfo.timeout 25\n"
+                     "g_httpInfo.authEnabled 0\n" % self.server.url())
+        acs_dump = ("******************** ACS Connection Details ***********************\n"
+                    "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\ng_serverData.cdpusername cpe-new\n"
+                    "g_serverData.operdesc Operator One\r\ng_serverData.subnetdesc Subnet A\r\n"
+                    "g_serverData.tenantID tenant-7\n\n************************************* END ***********************\n")
+        self.assertEqual(dev.read("agent.stdout", "rb").decode(), "httpGetUrlFromServer before curl_easy_perform\n"
+                         "httpGetUrlFromServer after curl_easy_perform\n" + http_dump + acs_dump)
+        self.assertNotIn("pwd: new-secret", log)
+
+        # Waiting for the bootstrap signal: no upload, no exit, firewall open,
+        # and no CPU (a loop polling the bus, a timer or the store would burn
+        # ticks).
+        time.sleep(0.5)
+        before = cpu_ticks(dev.proc.pid)
+        time.sleep(3)
+        self.assertLessEqual(cpu_ticks(dev.proc.pid) - before, 1, "ticks in 3 s while waiting")
+        self.assertIsNone(dev.proc.poll())
+        self.assertEqual(self.server.requests("PUT"), [])
+        self.assertEqual(dev.iptables(), FIREWALL_INSERT)
+
+        put, _ = self.assert_reported(dev, "1", "?status=SUCCESS")
+        self.assertIn(put["client_port"], LOCAL_PORTS)
+        self.assertEqual(self.own_headers(put), REPORT_HEADERS)
+        # The reply body of the report goes to standard output.
+        self.assertIn("accepted\n", dev.stdout())
+
+
 class ReplyTest(OnboardingCase):
     def test_reply_without_a_new_account_still_applies_the_rest_and_exits(self):
         backup = {"Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
@@ -54,14 +127,12 @@ class ReplyTest(OnboardingCase):
                 log = dev.log()
                 self.assertIn(line, log)
                 self.assertIn("Tavel exiting with timer alive flag 0\n", log)
+                expected = {"ManagementServer.URL": FACTORY_ACS, "ManagementServer.Username": "",
+                            "X_TAVEL_Agent.OpDesc": None, "X_TAVEL_Cloud.L1URL": "https://l1.new.test",
+                            "Time.LocalTimeZone": PARIS_ZONE, "DeviceInfo.X_TAVEL_CountryCode": "US",
+                            "X_TAVEL_Agent.OnBoardStatus": "ConnectionSuccess"}
                 store = dev.store()
-                self.assertEqual(store["Device.ManagementServer.URL"], FACTORY_ACS)
-                self.assertEqual(store["Device.ManagementServer.Username"], "")
-                self.assertNotIn("Device.X_TAVEL_Agent.OpDesc", store)
-                self.assertEqual(store["Device.X_TAVEL_Cloud.L1URL"], "https://l1.new.test")
-                self.assertEqual(store["Device.Time.LocalTimeZone"], PARIS_ZONE)
-                self.assertEqual(store["Device.DeviceInfo.X_TAVEL_CountryCode"], "US")
-                self.assertEqual(store["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionSuccess")
+                self.assertEqual({k: store.get("Device." + k) for k in expected}, expected)
                 self.assertTrue(dev.exists(CLOUD_MARKER))
                 self.assertNotIn("ACS Connection Details", dev.stdout())
                 self.assertEqual([r["method"] for r in self.server.requests()], ["GET"])
@@ -74,23 +145,18 @@ class ReplyTest(OnboardingCase):
                 # Two 503s raise retryCount to 2; the incomplete reply must
                 # reset it, which the time-zone retry of the fourth reply shows
                 # (it adds one to whatever retryCount holds).
-                self.script({"get": [
-                    reply(503), reply(503),
-                    reply(200, account(**broken) + [TZ_PARIS, ("countrycode", "US")]),
-                    reply(200, [("url", "NA"), ("timezone", "100"), ("countrycode", "")]),
-                ]})
+                self.script({"get": [reply(503), reply(503), reply(200, account(**broken) + [TZ_PARIS, ("countrycode", "US")]),
+                                     reply(200, [("url", "NA"), ("timezone", "100"), ("countrycode", "")])]})
                 dev = self.device({"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
                                    "Device.DeviceInfo.X_TAVEL_SupportedCountries": "US"})
                 # A day of retry delay is 0.864 s at this scale.
                 self.start(dev, 100000)
                 log = dev.wait_log("getTimerIdForErrorCode: 204\n")
+                expected = {"X_TAVEL_Cloud.L1URL": "https://l1.new.test", "ManagementServer.URL": FACTORY_ACS,
+                            "Time.LocalTimeZone": None, "DeviceInfo.X_TAVEL_CountryCode": None}
                 store = dev.store()
-                self.assertEqual(store["Device.X_TAVEL_Cloud.L1URL"], "https://l1.new.test")
-                self.assertTrue(dev.exists(CLOUD_MARKER))
-                self.assertEqual(store["Device.ManagementServer.URL"], FACTORY_ACS)
-                self.assertNotIn("Device.Time.LocalTimeZone", store)
-                self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", store)
-                self.assertFalse(dev.exists(TZ_MARKER))
+                self.assertEqual({k: store.get("Device." + k) for k in expected}, expected)
+                self.assertEqual((dev.exists(CLOUD_MARKER), dev.exists(TZ_MARKER)), (True, False))
                 self.assertNotIn("tavel_handleTimezonedetails enter", log)
                 self.assertEqual([c for c, _ in retry_lines(log, 503)], [1, 2])
                 self.assertNotIn("ret 204 ", log)
@@ -125,8 +191,7 @@ class ReplyTest(OnboardingCase):
 class FailureTest(OnboardingCase):
     def test_transient_503_retries_with_a_growing_delay(self):
         scale = 100
-        self.script({"get": [reply(503), reply(503),
-                                        reply(200, [("url", "NA"), ("timezone", "101")])]})
+        self.script({"get": [reply(503), reply(503), reply(200, [("url", "NA"), ("timezone", "101")])]})
         dev = self.device()
         self.start(dev, scale)
         self.assert_exits(dev)
@@ -136,11 +201,9 @@ class FailureTest(OnboardingCase):
         first, second = lines[0][1], lines[1][1]
         self.assertTrue(5 <= first <= 9 and 10 <= second <= 19, lines)
         gets = self.server.requests("GET")
-        self.assertEqual(len(gets), 3)
         g = gaps(gets)
-        self.assertGreaterEqual(g[0], first / scale - 0.002, g)
-        self.assertGreaterEqual(g[1], second / scale - 0.002, g)
-        self.assertLess(g[1], second / scale + 1.5, g)
+        self.assertEqual(len(g), 2)
+        self.assertTrue(g[0] >= first / scale - 0.002 and second / scale - 0.002 <= g[1] < second / scale + 1.5, g)
         self.assert_status(dev, "ConnectionSuccess")
 
     def test_non_transient_status_is_retried_after_a_day_or_never(self):
@@ -170,23 +233,31 @@ class FailureTest(OnboardingCase):
                 self.assertEqual(dev.store()["Device.ManagementServer.URL"], FACTORY_ACS)
                 dev.close()
 
-    def test_refused_connection_retries_after_ten_to_nineteen_seconds(self):
-        with socket.socket() as s:
-            s.bind(("127.0.0.1", 0))
-            port = s.getsockname()[1]
+    def test_failed_transfer_retries_after_ten_to_nineteen_seconds(self):
+        with socket.socket() as sock:
+            sock.bind(("127.0.0.1", 0))
+            closed = {"Device.X_TAVEL_Agent.URL": "https://127.0.0.1:%d/onboard" % sock.getsockname()[1]}
         scale = 10
-        dev = self.device({"Device.X_TAVEL_Agent.URL": "https://127.0.0.1:%d/onboard" % port})
-        self.start(dev, scale)
-        dev.wait_log("httpGetUrlFromServer ret: 5000\n")
-        first = time.monotonic()
-        log = dev.wait_log("httpGetUrlFromServer ret: 5000\n", count=2, timeout=10)
-        gap = time.monotonic() - first
-        lines = retry_lines(log, 5000)
-        self.assertEqual(lines[0][0], 2)
-        self.assertTrue(10 <= lines[0][1] <= 19, lines)
-        self.assertGreaterEqual(gap, lines[0][1] / scale - 0.05)
-        self.assertIn("curl_easy_perform() failed: ", log)
-        self.assert_status(dev, "ConnectionFailed_Error_curl")
+        for name, store, ca in (("refused", closed, None), ("another CA", {}, os.path.join(cert_dir(), "oca.pem"))):
+            with self.subTest(name):
+                dev = self.device(store, ca_path=ca)
+                self.start(dev, scale)
+                dev.wait_log("httpGetUrlFromServer ret: 5000\n")
+                first = time.monotonic()
+                log = dev.wait_log("httpGetUrlFromServer ret: 5000\n", count=2, timeout=10)
+                gap = time.monotonic() - first
+                lines = retry_lines(log, 5000)
+                self.assertEqual(lines[0][0], 2)
+                self.assertTrue(10 <= lines[0][1] <= 19, lines)
+                self.assertGreaterEqual(gap, lines[0][1] / scale - 0.05)
+                self.assertIn("curl_easy_perform() failed: ", log)
+                self.assert_status(dev, "ConnectionFailed_Error_curl")
+                self.assertEqual(dev.store()["Device.ManagementServer.URL"], FACTORY_ACS)
+                # The server saw only failed handshakes, or nothing at all.
+                events = self.server.requests()
+                self.assertTrue(all(r.get("event") == "tls_error" for r in events) and bool(events) == bool(ca),
+                                events)
+                dev.close()
 
     def test_missing_or_cut_ca_file_ends_the_agent_without_a_request(self):
         long_path = os.path.join(cert_dir(), "ca.pem.but-longer")
@@ -205,16 +276,6 @@ class FailureTest(OnboardingCase):
                 self.assertIn("certificate not EXIST !!!!\n", log)
                 self.assert_status(dev, "ConnectionFailed_Error_no_cert")
                 self.assertEqual(self.server.requests(), [])
-
-    def test_server_certificate_from_another_ca_fails_the_transfer(self):
-        dev = self.device(ca_path=os.path.join(cert_dir(), "oca.pem"))
-        self.start(dev, 100)
-        log = dev.wait_log("] ret 5000 retryCount value is 2")
-        self.assertIn("curl_easy_perform() failed: ", log)
-        self.assert_status(dev, "ConnectionFailed_Error_curl")
-        events = self.server.requests()
-        self.assertTrue(events and all(r.get("event") == "tls_error" for r in events), events)
-        self.assertEqual(dev.store()["Device.ManagementServer.URL"], FACTORY_ACS)
 
 
 class WaitTest(OnboardingCase):
@@ -249,7 +310,3 @@ class WaitTest(OnboardingCase):
                 self.assert_exits(dev)
                 self.assertIn(line, dev.log())
                 self.assertEqual(len(self.server.requests()), gets)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -17,8 +17,8 @@ CC_SYNC = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
 MARKERS = (TZ_MARKER, CLOUD_MARKER)
 
 # name, store on top of the factory one, files present (a name, or a name and
-# its content), what the agent does (onboards, exits, or stays with a parked
-# code), lines the log must hold besides, in this order.
+# its content), what the agent does (onboards, exits, stays with a parked code,
+# or exits disabled), lines the log must hold besides, in this order.
 DECISIONS = [
     ("factory device, all markers", {}, MARKERS + (CC_CONFIGURED_BY,), "onboards",
      ("TAVEL: Start", "TAVELAgent start...", "tavelInit Start", "Establishing handler for signal 10",
@@ -44,7 +44,9 @@ DECISIONS = [
     ("parked code, sync capability", dict(CONFIGURED_STORE, **dict(CC_SYNC, **{
         "Device.DeviceInfo.X_TAVEL_SupportedCountries": "us,CA;DE"})), MARKERS + ((CC_FILE, b"US\n"),), "stays",
      ("Country code file is present, Reading from the file!!", "valid country code = US!!")),
-]
+    # Disabled: the exit comes before the timers and the firewall.
+] + [("disabled: %r" % enable, {"Device.X_TAVEL_Agent.Enable": enable}, (), "disabled",
+      ("tavelInit Start ...  ", "getOnBoardServerInfo Entered")) for enable in ("0", "", "yes")]
 
 
 class StartupTest(unittest.TestCase):
@@ -54,18 +56,6 @@ class StartupTest(unittest.TestCase):
         for m in markers:
             dev.touch(m)
         return dev
-
-    def test_disabled_agent_exits_before_timers_and_firewall(self):
-        for enable in ("0", "", "yes"):
-            with self.subTest(enable=enable):
-                dev = self.device({"Device.X_TAVEL_Agent.Enable": enable})
-                dev.start()
-                self.assertEqual(dev.wait_exit(), 0)
-                self.assertFalse(dev.exists("iptables.log"))
-                after = dev.log().split("tavelInit Start ...  ")[1]
-                self.assertIn("getOnBoardServerInfo Entered", after)
-                self.assertNotIn("Establishing handler", after)
-                self.assertNotIn("tavelInit End", after)
 
     def test_unsafe_root_is_refused(self):
         # Shell words, an option-like relative root, a relative directory.
@@ -89,7 +79,13 @@ class StartupTest(unittest.TestCase):
                 for f in files:
                     dev.touch(*((f,) if isinstance(f, str) else f))
                 dev.start(env={"TAVEL_TIME_SCALE": "1000"})
-                if outcome == "exits":
+                if outcome == "disabled":
+                    self.assertEqual(dev.wait_exit(), 0)
+                    log = dev.log()
+                    self.assertFalse(dev.exists("iptables.log"))
+                    self.assertNotIn("Establishing handler", log)
+                    self.assertNotIn("tavelInit End", log)
+                elif outcome == "exits":
                     self.assertEqual(dev.wait_exit(), 0)
                     log = dev.log()
                     self.assertIn(CONFIGURED_EXIT, log)
@@ -119,7 +115,3 @@ class StartupTest(unittest.TestCase):
         dev.write_store(dict(store, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnected"}))
         self.assertEqual(dev.wait_exit(), 0)
         self.assertIn(CONFIGURED_EXIT, dev.log())
-
-
-if __name__ == "__main__":
-    unittest.main()

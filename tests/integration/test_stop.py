@@ -79,44 +79,34 @@ class StopTest(FlowCase):
         slow_put = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS]), "put": reply(200, delay=1.0)}
         parked = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, ("countrycode", "US")]), "put": reply(200)}
 
-        def during_get(dev):
-            self.server.wait_requests("GET", dev=dev)
-            time.sleep(rng.uniform(0, 0.8))
-
-        def account_pause(dev):
-            dev.wait_log("Sleeping tavelAgent for 5 seconds")
-            time.sleep(rng.uniform(0, 0.05))
-
-        def timezone_pause(dev):
-            dev.wait_log("final timezone =")
-            time.sleep(rng.uniform(0, 1.4))
-
-        def during_put(dev):
-            dev.wait_log("Capability: country code sync is not applicable", timeout=30)
-            self.send("bootstrap", "1")
-            self.server.wait_requests("PUT", dev=dev)
-            time.sleep(rng.uniform(0, 0.8))
-
-        def parked_wait(dev):
-            # The report succeeds, but the parked code keeps the agent alive.
-            dev.wait_log("MAPP onboarding started wait for 30 min", timeout=30)
-            self.send("bootstrap", "1")
-            dev.wait_log("Not exiting Tavle, as timer is running", timeout=30)
-            time.sleep(rng.uniform(0, 0.5))
-
-        points = [("GET", slow_get, {}, during_get), ("account pause", slow_get, {}, account_pause),
-                  ("time-zone pause", slow_get, {}, timezone_pause), ("PUT", slow_put, {}, during_put),
-                  ("parked-code wait", parked, CC_STORE, parked_wait)]
+        # Where the stop comes: what to wait for (a request to the server, a
+        # log line, or the bootstrap signal sent), then a random moment of the
+        # span given.  In the parked-code wait the report succeeds, but the
+        # parked code keeps the agent alive.
+        points = [("GET", slow_get, {}, [("request", "GET")], 0.8),
+                  ("account pause", slow_get, {}, [("log", "Sleeping tavelAgent for 5 seconds")], 0.05),
+                  ("time-zone pause", slow_get, {}, [("log", "final timezone =")], 1.4),
+                  ("PUT", slow_put, {}, [("log", LAST_STEP), "bootstrap", ("request", "PUT")], 0.8),
+                  ("parked-code wait", parked, CC_STORE, [("log", "MAPP onboarding started wait for 30 min"),
+                                                          "bootstrap", ("log", "Not exiting Tavle, as timer is running")],
+                   0.5)]
         outcomes = []
         for i in range(2 * len(points)):
-            name, script, store, wait = points[i % len(points)]
+            name, script, store, steps, span = points[i % len(points)]
             with self.subTest(point=name, run=i):
                 self.script(script)
                 dev = self.device(store)
                 if name == "parked-code wait":
                     dev.touch(ONBOARDING_IN_PROGRESS)
                 self.start(dev, scale)
-                wait(dev)
+                for step in steps:
+                    if step == "bootstrap":
+                        self.send("bootstrap", "1")
+                    elif step[0] == "log":
+                        dev.wait_log(step[1], timeout=30)
+                    else:
+                        self.server.wait_requests(step[1], dev=dev)
+                time.sleep(rng.uniform(0, span))
                 # A refused exit has taken the rules away already; otherwise
                 # both are in place when the stop comes.
                 self.assertEqual(sorted(self.rules()), [] if name == "parked-code wait" else RULES, name)
@@ -157,7 +147,3 @@ class StopTest(FlowCase):
         self.assertEqual([os.path.basename(path) for path, _ in runs[1:]], ["iptables"] * 6)
         self.assertEqual([" ".join(a.strip('"') for a in args.split(", ")[1:]) for _, args in runs[1:]],
                          FIREWALL_INSERT + FIREWALL_REMOVE)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,7 +4,6 @@ for unset and wait for it for ever.  Only the agent's own code sees the moved
 clock (harness.clock_env); OpenSSL checks the server's certificate against
 the real one."""
 import calendar
-import unittest
 
 from harness import ACS_USER, FULL_SCRIPT, applied, clock_env, wait_until
 from test_flow import FlowCase
@@ -28,7 +27,3 @@ class Year2038Test(FlowCase):
                 # entry point is traced), not the real one.
                 reads = [int(line.split()[1]) for line in dev.read("clock.trace").splitlines()]
                 self.assertTrue(reads and all(at <= s < at + 600 for s in reads), dev.read("clock.trace"))
-
-
-if __name__ == "__main__":
-    unittest.main()
