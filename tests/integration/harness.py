@@ -9,7 +9,6 @@ import json
 import os
 import re
 import shutil
-import signal
 import sys
 import tempfile
 import time
@@ -85,7 +84,7 @@ class Device(Sandbox):
 
     def stop(self):
         if self.proc is not None and self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGKILL)
+            self.proc.kill()
             self.proc.wait(timeout=10)
 
     def _collect_sanitizer_reports(self):
@@ -120,9 +119,9 @@ FIREWALL_REMOVE = FIREWALL_INSERT[:2]
 # settings.  With both markers present the agent exits at start-up; without
 # them it onboards again.
 CONFIGURED_STORE = {
-    "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp", "Device.ManagementServer.Username": "cpe-old",
-    "Device.ManagementServer.Password": "old-secret", "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test",
-    "Device.X_TAVEL_Cloud.L1Flags": "1"}
+    "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp",
+    "Device.ManagementServer.Username": "cpe-old", "Device.ManagementServer.Password": "old-secret",
+    "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test", "Device.X_TAVEL_Cloud.L1Flags": "1"}
 
 
 # ---- the onboarding server ----
@@ -179,9 +178,9 @@ class Server:
     certificates.  Wire a device to it with device_store()."""
 
     def __init__(self, script=None):
-        cert_dir()
+        certs = cert_dir()
         import obsim
-        self.sim = obsim.ObSim(cert_dir(), script=script if script is not None else {"get": reply()})
+        self.sim = obsim.ObSim(certs, script=script if script is not None else {"get": reply()})
         self.sim.start()
 
     @property
@@ -194,10 +193,8 @@ class Server:
 
     def device_store(self, extra=None, ca_path=None):
         """Store values pointing a device at this server, plus extra."""
-        values = {"Device.X_TAVEL_Agent.URL": self.url(),
-                  "Device.DeviceInfo.X_TAVEL_CACertPath": ca_path or self.ca_path}
-        values.update(extra or {})
-        return values
+        return dict({"Device.X_TAVEL_Agent.URL": self.url(),
+                     "Device.DeviceInfo.X_TAVEL_CACertPath": ca_path or self.ca_path}, **(extra or {}))
 
     def device(self, extra=None):
         """A factory device pointed at this server, with the mapping file."""
@@ -311,10 +308,8 @@ CLOCK_SHIFT_LIB = os.path.join(BUILD_DIR, "tests", "clockshift.so")
 def set_clock(dev, when):
     """Sets the agent's clock to `when` (seconds since the epoch; None: the
     real time) from now on, as NTP would."""
-    path = dev.path("clock.shift")
-    with open(path + ".tmp", "w") as f:
-        f.write("0\n" if when is None else "%d\n" % (when - int(time.time())))
-    os.replace(path + ".tmp", path)
+    dev.touch("clock.shift.tmp", b"0\n" if when is None else b"%d\n" % (when - int(time.time())))
+    os.replace(dev.path("clock.shift.tmp"), dev.path("clock.shift"))
 
 
 def clock_env(dev, when):
@@ -327,8 +322,6 @@ def clock_env(dev, when):
     # Under a user-mode emulator the shim must reach the target process, not
     # the emulator.
     if EMULATOR and os.path.basename(EMULATOR[0]).startswith("qemu-"):
-        env["QEMU_SET_ENV"] = "LD_PRELOAD=" + CLOCK_SHIFT_LIB
-    else:
-        env["LD_PRELOAD"] = CLOCK_SHIFT_LIB
-    return env
+        return dict(env, QEMU_SET_ENV="LD_PRELOAD=" + CLOCK_SHIFT_LIB)
+    return dict(env, LD_PRELOAD=CLOCK_SHIFT_LIB)
 

@@ -3,9 +3,9 @@ routing through the real bus layer, malformed payloads, and tavelctl's bus
 commands."""
 import os
 import time
-import unittest
 
-from harness import Device, PrivateBus, cpu_ticks, ctl, wait_owner
+from harness import Device, cpu_ticks, ctl, wait_owner
+from test_flow import FlowCase
 
 # A device that needs onboarding but has no role yet: the run polls for the
 # role and the agent otherwise sits idle on the bus.
@@ -15,15 +15,7 @@ NAME_FAILED = "fatal failed to request bus name for tavel service\n"
 REGISTER_FAILED = "fatal failed to register tavel service\n"
 
 
-class BusCase(unittest.TestCase):
-    def setUp(self):
-        self.bus = self.private_bus()
-
-    def private_bus(self, **kw):
-        bus = PrivateBus(**kw)
-        self.addCleanup(bus.close)
-        return bus
-
+class BusCase(FlowCase):
     def start_agent(self, wait_name=True):
         dev = Device(WAITING)
         self.addCleanup(dev.close)

@@ -57,9 +57,7 @@ class DemoTest(unittest.TestCase):
         return rows
 
     def root_of(self, out):
-        m = re.search(r"^  device root  (\S+)", out, re.M)
-        self.assertIsNotNone(m, out)
-        return m.group(1)
+        return re.search(r"^  device root  (\S+)", out, re.M).group(1)
 
     def test_default_onboarding_completes(self):
         result = run_demo()
@@ -89,9 +87,8 @@ class DemoTest(unittest.TestCase):
 
         requests = "\n".join(section(out, "Requests the onboarding server received"))
         self.assertRegex(requests, r"#1  GET /onboard HTTP/1.1  \(from port 4777[7-9], answered 200\)")
-        self.assertIn("x-api-key: obk-...60", requests)
-        self.assertIn("sn:TVG4A2190013", requests)
-        self.assertIn("opdesc: Nordlicht Fibre Home", requests)
+        for text in ("x-api-key: obk-...60", "sn:TVG4A2190013", "opdesc: Nordlicht Fibre Home"):
+            self.assertIn(text, requests)
 
         diff = "\n".join(section(out, "Data model: what changed"))
         self.assertIn("  Device.ManagementServer.URL\n      - https://acs.tavel.invalid:7754\n"
@@ -104,10 +101,9 @@ class DemoTest(unittest.TestCase):
 
         self.assertIn('event[TZ Config] timezone["CET-1CEST,M3.5.0,M10.5.0/3",CET,Europe/Berlin]',
                       "\n".join(section(out, "History events")))
-        markers = "\n".join(section(out, "Marker files"))
-        self.assertRegex(markers, r"/configs/cc_configured_by +present: \"TAVEL,DE\\0\\0\" \(10 bytes\)")
-        self.assertRegex(markers, r"/flash/mcq/tavel/timezoneconfigdone.txt +present")
-        self.assertRegex(markers, r"/flash/cc_from_tavel +absent")
+        for marker in (r"/configs/cc_configured_by +present: \"TAVEL,DE\\0\\0\" \(10 bytes\)",
+                       r"/flash/mcq/tavel/timezoneconfigdone.txt +present", r"/flash/cc_from_tavel +absent"):
+            self.assertRegex("\n".join(section(out, "Marker files")), marker)
         firewall = section(out, "Firewall commands recorded")
         self.assertEqual(len(firewall), 6, firewall)
         self.assertEqual(firewall[2], "  iptables -I INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 "

@@ -14,11 +14,11 @@ import struct
 import subprocess
 import tempfile
 import time
-import unittest
 
 import harness
-from harness import (ACS_USER, FULL_SCRIPT, PARIS_ZONE, STORE_FILE as STORE, PrivateBus, applied, bootstrap,
-                     store_problems, wait_owner, wait_until)
+from harness import (ACS_USER, FULL_SCRIPT, PARIS_ZONE, STORE_FILE as STORE, applied, bootstrap, store_problems,
+                     wait_owner, wait_until)
+from test_flow import FlowCase
 
 ROUNDS = int(os.environ.get("TAVEL_FAULT_ROUNDS", "4"))
 SEED = int(os.environ.get("TAVEL_FAULT_SEED", "1"))
@@ -28,20 +28,16 @@ SCALE = "1000"
 DESCRIPTIONS = ("Device.X_TAVEL_Agent.OpDesc", "Device.X_TAVEL_Agent.SubnetDesc")
 
 
-class FaultCase(unittest.TestCase):
+class FaultCase(FlowCase):
     maxDiff = None
-    def setUp(self):
-        self.onb = harness.Server(FULL_SCRIPT)
-        self.addCleanup(self.onb.close)
-        self.bus = PrivateBus()
-        self.addCleanup(self.bus.close)
 
-    def device(self):
-        dev = self.onb.device()
-        self.addCleanup(dev.close)
-        return dev
+    def setUp(self):
+        super().setUp()
+        self.onb = self.server
+        self.onb.sim.set_script(FULL_SCRIPT)
 
     def start(self, dev, scale=SCALE):
+        # Not waiting for the bus name: a kill must be able to come first.
         dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE=scale))
 
     def finish(self, dev, timeout=20):
