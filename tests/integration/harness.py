@@ -1,9 +1,6 @@
-"""A simulated device for integration tests of the real tavelAgent binary.
-
-Device() is a tavelsim.Sandbox (tools/tavelsim.py: the store, TAVEL_ROOT, the
-recording `iptables`, the emulator prefix) in its factory state, with helpers
-to start the agent, wait for log lines and read what it left behind.
-"""
+"""Integration tests of the real tavelAgent binary: Device() is a
+tools/tavelsim.py Sandbox in its factory state that starts the agent and
+waits for what it leaves behind; Server() the onboarding-server simulator."""
 import atexit
 import json
 import os
@@ -28,8 +25,7 @@ TAVELCTL = os.path.join(BUILD_DIR, "tavelctl")
 # The fixed local ports the agent binds for its transfers.
 LOCAL_PORTS = (47777, 47778, 47779)
 
-# A device in its factory state: enabled agent, no management account, no
-# cloud settings, root role.
+# Factory state: enabled agent, no management account or cloud settings, root role.
 FACTORY_STORE = {
     "Device.X_TAVEL_Agent.Enable": "1", "Device.X_TAVEL_Agent.URL": "https://127.0.0.1:1/onboard",
     "Device.X_TAVEL_Agent.APIKey": "test-api-key", "Device.ManagementServer.URL": FACTORY_ACS_URL,
@@ -73,15 +69,13 @@ class Device(Sandbox):
         return self.proc.wait(timeout=timeout)
 
     def wait_log(self, text, timeout=20, count=1, read=None):
-        """Waits until text occurs count times in the log (or what read
-        returns); returns the log."""
+        """The log (or what read returns) once it holds text count times."""
         read = read or self.log
         return wait_until(lambda: (lambda out: out.count(text) >= count and out)(read()), timeout, repr(text),
                           self.proc, read)
 
     def wait_stdout(self, text, timeout=10, count=1):
         return self.wait_log(text, timeout, count, read=self.stdout)
-
     def stop(self):
         if self.proc is not None and self.proc.poll() is None:
             self.proc.kill()
@@ -108,15 +102,17 @@ class Device(Sandbox):
 SANITIZER_MARKERS = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                      "runtime error:")
 
-# Stale rules go first, so a restart never doubles them; only the removal
-# runs at the exit.
+# Stale rules go first, so a restart never doubles them; the exit removes them.
 FIREWALL_INSERT = ["%s INPUT_%s -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT" % r for r in (
     ("-D", "FW_LEVEL"), ("-D", "WAN_REMOTE_ACCESS"), ("-I", "WAN_REMOTE_ACCESS"), ("-I", "FW_LEVEL"))]
 FIREWALL_REMOVE = FIREWALL_INSERT[:2]
 
 
-# A device that was onboarded already: a valid management account and cloud
-# settings.  With both markers present the agent exits at start-up; without
+# Needs onboarding but has no role yet: the run polls for one and the agent
+# otherwise sits idle on the bus.
+NO_ROLE = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
+
+# Onboarded already: with both markers the agent exits at start-up, without
 # them it onboards again.
 CONFIGURED_STORE = {
     "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp",
@@ -125,8 +121,6 @@ CONFIGURED_STORE = {
 
 
 # ---- the onboarding server ----
-
-OBSIM_DIR = os.path.join(SOURCE_DIR, "tools", "obsim")
 
 _cert_dir = None
 
@@ -138,8 +132,7 @@ def cert_dir():
     characters, so a longer one would name a file that does not exist."""
     global _cert_dir
     if _cert_dir is None:
-        if OBSIM_DIR not in sys.path:
-            sys.path.insert(0, OBSIM_DIR)
+        sys.path.insert(0, os.path.join(SOURCE_DIR, "tools", "obsim"))
         import obsim
         _cert_dir = tempfile.mkdtemp(prefix="tv", dir="/tmp")
         atexit.register(shutil.rmtree, _cert_dir, True)
@@ -155,8 +148,7 @@ def reply(status=200, headers=(), **kw):
     return dict(status=status, headers=[h if isinstance(h, str) else "%s: %s\r\n" % h for h in headers], **kw)
 
 
-# A reply handing out a new management account with descriptions, cloud
-# settings, a time zone and a country code.
+# A reply handing out a new management account, descriptions and cloud settings.
 NEW_ACCOUNT = [
     ("url", "https://acs.new.test:7547/cwmp"), ("name", "cpe-new"), ("pwd", "new-secret"), ("opdesc", "Operator One"),
     ("snetdesc", "Subnet A"), ("tenantid", "tenant-7"), ("l1url", "https://l1.new.test"), ("l2url", "NA"),
@@ -174,8 +166,7 @@ MAPPING = ('UTC,Etc,UTC,"UTC0","Etc/UTC"\n'
 
 
 class Server:
-    """obsim (HTTPS on 127.0.0.1) in this process, with the shared short-path
-    certificates.  Wire a device to it with device_store()."""
+    """obsim (HTTPS on 127.0.0.1) in this process, with the shared certificates."""
 
     def __init__(self, script=None):
         certs = cert_dir()
@@ -213,8 +204,7 @@ class Server:
         self.sim.clear_requests()
 
     def requests(self, method=None):
-        """Recorded requests (and TLS failures, which carry "event"); only
-        those of one method when given."""
+        """Recorded requests (and TLS failures, which carry "event")."""
         return [r for r in self.sim.requests() if method is None or r.get("method") == method]
 
     def wait_requests(self, method, count=1, timeout=20, dev=None):
@@ -230,9 +220,8 @@ class Server:
 
 
 class ServerCase(unittest.TestCase):
-    """A server per test and one agent at a time, also when an earlier
-    subtest failed with its agent still running: they share the fixed local
-    ports and the server."""
+    """A server per test and one agent at a time, also after a failed subtest
+    left its agent running: they share the fixed local ports and the server."""
 
     def setUp(self):
         self.server = Server()
@@ -259,8 +248,7 @@ class ServerCase(unittest.TestCase):
         return dev
 
 
-# A complete first boot: the account, descriptions, cloud settings and a
-# mapped time zone; LAST_STEP ends the apply step on a device without the
+# A complete first boot; LAST_STEP ends the apply step on a device without the
 # country-code capability.
 FULL_SCRIPT = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS], body="{}"), "put": reply(200)}
 ACS_USER = "cpe-new"

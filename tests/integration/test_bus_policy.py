@@ -30,10 +30,9 @@ def listened(member):
             lambda who, i: 'member=%s\n   array of bytes "%s"' % (member, who))
 
 
-# member, the tavelctl arguments of sender number i named who, where a
-# delivered one shows (the agent's stdout or log, the method's reply, or a
-# plain subscriber on the bus for the two handlers that do nothing) and the
-# trace itself.
+# member, the tavelctl arguments of sender number i named who, where a delivered
+# one shows (the agent's stdout or log, the method's reply, or a subscriber on
+# the bus for the two handlers that do nothing) and the trace itself.
 MEMBERS = [
     listened("setLogLevel"),
     listened("setLogDestination"),

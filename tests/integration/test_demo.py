@@ -1,7 +1,6 @@
-"""The README's demo (tools/demo/demo.py, the driver behind scripts/demo.sh)
-on the already built binaries: the default onboarding and a failing one must
-keep completing, reporting and cleaning up, so the first command an integrator
-runs never rots."""
+"""The README's demo (tools/demo/demo.py, behind scripts/demo.sh) on the built
+binaries: the default onboarding and a failing one keep completing, reporting
+and cleaning up, so the first command an integrator runs never rots."""
 import os
 import re
 import shutil
@@ -93,11 +92,10 @@ class DemoTest(unittest.TestCase):
         diff = "\n".join(section(out, "Data model: what changed"))
         self.assertIn("  Device.ManagementServer.URL\n      - https://acs.tavel.invalid:7754\n"
                       "      + https://acs.operator.example:7547/cwmp", diff)
+        # Secrets masked, unchanged parameters left out.
         self.assertIn("  Device.ManagementServer.Password\n      - (empty)\n      + ********", diff)
-        self.assertIn('  Device.Time.LocalTimeZone\n      - "UTC0"\n      + "CET-1CEST,M3.5.0,M10.5.0/3"', diff)
-        self.assertIn("  Device.DeviceInfo.X_TAVEL_CountryCode\n      - (empty)\n      + DE", diff)
         self.assertIn("+ cfk-...41", diff)
-        self.assertNotIn("SerialNumber", diff, "unchanged parameters are not listed")
+        self.assertNotIn("SerialNumber", diff)
 
         self.assertIn('event[TZ Config] timezone["CET-1CEST,M3.5.0,M10.5.0/3",CET,Europe/Berlin]',
                       "\n".join(section(out, "History events")))

@@ -1,8 +1,6 @@
-"""Faults during a real onboarding: the agent killed at points spread over
-its run and restarted, the store's file system full, the bus daemon killed,
-the onboarding server restarted, a storm of bus signals.  The device must end
-up configured as without the fault and its store must never be corrupt.
-
+"""Faults during a real onboarding (kill and restart, full store file system,
+bus daemon killed, server restarted, a storm of bus signals): the device must
+end up configured as without the fault, its store never corrupt.
 TAVEL_FAULT_ROUNDS (default 4) and TAVEL_FAULT_SEED (default 1) set the
 kill-and-restart rounds; bench/soak.py runs many more, at other seeds."""
 import glob
@@ -33,8 +31,7 @@ class FaultCase(FlowCase):
 
     def setUp(self):
         super().setUp()
-        self.onb = self.server
-        self.onb.sim.set_script(FULL_SCRIPT)
+        self.server.sim.set_script(FULL_SCRIPT)
 
     def start(self, dev, scale=SCALE):
         # Not waiting for the bus name: a kill must be able to come first.
@@ -49,8 +46,7 @@ class FaultCase(FlowCase):
             if time.monotonic() > deadline:
                 self.fail("agent did not finish; log tail:\n" + dev.log()[-3000:])
             if applied(dev) and "Valid Management URL is NOT presnt" in dev.log() and sent < 20:
-                if bootstrap(self.bus.env()):
-                    sent += 1
+                sent += bootstrap(self.bus.env())
                 time.sleep(0.2)
             time.sleep(0.02)
         self.assertEqual(dev.proc.returncode, 0)
@@ -61,7 +57,7 @@ class KillRestartTest(FaultCase):
         dev = self.device()
         self.start(dev)
         self.finish(dev)
-        self.assertEqual(self.onb.methods()[-2:], ["GET", "PUT"])
+        self.assertEqual(self.server.methods()[-2:], ["GET", "PUT"])
         self.assertIn(harness.EXIT_LINE, dev.log())
         reference = dev.store()
         self.assertEqual(reference["Device.ManagementServer.Username"], ACS_USER)
@@ -87,10 +83,8 @@ class KillRestartTest(FaultCase):
                 expected = reference
                 if (killed.get("Device.ManagementServer.Username") == ACS_USER
                         and not any(k in killed for k in DESCRIPTIONS)):
-                    # Killed between the account and the descriptions: on restart
-                    # the agent finds the same account, judges the reply not new,
-                    # and writes neither the descriptions nor a report.  A known
-                    # loss; everything else must still match.
+                    # Killed between the account and the descriptions: a known loss
+                    # (README); everything else must still match.
                     expected = {k: v for k, v in reference.items() if k not in DESCRIPTIONS}
                 self.assertEqual(store_problems(dev.path(STORE)), [])
                 self.assertEqual(dev.store(), expected)
@@ -108,10 +102,8 @@ class DiskFullTest(FaultCase):
                           capture_output=True).returncode != 0:
             self.skipTest("cannot mount a tmpfs here (no privilege in this container?)")
         self.addCleanup(subprocess.run, ["umount", "-l", dml], capture_output=True)
-        with open(dev.path(STORE), "wb") as f:
-            f.write(saved)
-        # Fill what is left, so the next temporary copy of the store cannot
-        # be written.
+        dev.touch(STORE, saved)
+        # Full, so the next temporary copy of the store cannot be written.
         subprocess.run(["dd", "if=/dev/zero", "of=" + os.path.join(dml, "filler"), "bs=512"], capture_output=True)
         before = dev.read(STORE, "rb")
         self.start(dev)
@@ -131,24 +123,24 @@ class ServerAndBusDownTest(FaultCase):
         # The server holds the first request unanswered until it goes down:
         # its connections are reset, which the agent takes for a failed
         # transfer (its back-off is test_onboarding's).
-        self.onb.sim.set_script(dict(FULL_SCRIPT, get={"hang": True}))
+        self.server.sim.set_script(dict(FULL_SCRIPT, get={"hang": True}))
         dev = self.device()
         # Retries of 10-19 s nominal take 0.1-0.19 s.
         self.start(dev, scale="100")
         wait_owner(dev, self.bus.env())
-        wait_until(lambda: self.onb.methods() == ["GET"], 10, "the first GET")
-        old = self.onb.sim
+        wait_until(lambda: self.server.methods() == ["GET"], 10, "the first GET")
+        old = self.server.sim
         old.stop()
         dev.wait_log("] ret 5000 retryCount value is 2 ")
         # Back on its old port with an empty record, like a restarted server;
         # it holds its reply back, so the bus dies while the fetch is under way.
         import obsim
         held = dict(FULL_SCRIPT, get=dict(FULL_SCRIPT["get"], delay=1.0))
-        self.onb.sim = obsim.ObSim(harness.cert_dir(), script=held, port=old.port, record_path=old.record_path,
+        self.server.sim = obsim.ObSim(harness.cert_dir(), script=held, port=old.port, record_path=old.record_path,
                                    script_path=old.script_path)
-        self.onb.sim.clear_requests()
-        self.onb.sim.start()
-        wait_until(lambda: self.onb.methods() == ["GET"], 10, "the GET in the restarted server's hands")
+        self.server.sim.clear_requests()
+        self.server.sim.start()
+        wait_until(lambda: self.server.methods() == ["GET"], 10, "the GET in the restarted server's hands")
         self.bus.proc.send_signal(signal.SIGKILL)
         self.bus.proc.wait(timeout=10)
         wait_until(lambda: applied(dev), 20, "the apply step without a bus")
@@ -161,7 +153,7 @@ class ServerAndBusDownTest(FaultCase):
         # no report sent.
         time.sleep(0.5)
         self.assertIsNone(dev.proc.poll())
-        self.assertNotIn("PUT", self.onb.methods())
+        self.assertNotIn("PUT", self.server.methods())
 
 
 def dbg(module, cmd):
@@ -181,10 +173,9 @@ MIX = [("sendDbgCmd", h) for h in VALID_DBG] + [
 
 
 class SignalStormTest(FaultCase):
-    """Signals of every kind, malformed ones included, while the timer thread
-    retries the fetch: the handlers and the timer steps share the agent's
-    state (a race shows in the TSan build).  bench/load.py sends 10,000 and
-    watches the agent's memory."""
+    """Signals of every kind while the timer thread retries the fetch: the
+    handlers and the timer steps share the agent's state (a race shows in the
+    TSan build).  bench/load.py sends 10,000 and watches the memory."""
     SIGNALS = 20 * len(MIX)
     RATE = 1200.0  # signals a second
 
@@ -224,10 +215,10 @@ class SignalStormTest(FaultCase):
 
     def test_signal_storm_during_onboarding(self):
         # The server refuses at first, so the fetch retries under the storm.
-        self.onb.sim.set_script({"get": {"status": 503}})
+        self.server.sim.set_script({"get": {"status": 503}})
         dev = self.device()
         self.start(dev)
-        wait_until(lambda: len(self.onb.requests("GET")) >= 2, 20, "the fetch retrying")
+        wait_until(lambda: len(self.server.requests("GET")) >= 2, 20, "the fetch retrying")
         wait_owner(dev, self.bus.env())
         self.flood(dev)
         self.assertIsNone(dev.proc.poll())
@@ -235,12 +226,12 @@ class SignalStormTest(FaultCase):
         self.assertNotIn("Send Status TO Server", log)  # status 0 with no report due is ignored
         self.assertIn("signal ignored: payload of 2 bytes, 4 needed", log)
         self.assertIn("signal ignored: payload of 3 bytes, 8 needed", log)
-        self.assertGreater(len(self.onb.requests("GET")), 2)
+        self.assertGreater(len(self.server.requests("GET")), 2)
 
         # The server comes good: the onboarding completes and reports once.
-        self.onb.sim.set_script(FULL_SCRIPT)
+        self.server.sim.set_script(FULL_SCRIPT)
         self.finish(dev, timeout=30)
         self.assertIn(harness.EXIT_LINE, dev.log())
-        puts = self.onb.requests("PUT")
+        puts = self.server.requests("PUT")
         self.assertEqual([p["target"] for p in puts], ["/onboard?status=SUCCESS"])
         self.assertEqual(dev.store()["Device.ManagementServer.Username"], ACS_USER)

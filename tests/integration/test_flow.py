@@ -3,11 +3,10 @@ bootstrap signal, status report and exit; report retries, the operator's
 retry delay, the wait for the time-zone marker."""
 import time
 
-from harness import (FIREWALL_INSERT, FIREWALL_REMOVE, LAST_STEP, NEW_ACCOUNT, TZ_MARKER, TZ_PARIS, PrivateBus,
+from harness import (FIREWALL_INSERT, FIREWALL_REMOVE, LAST_STEP, NEW_ACCOUNT, NO_ROLE, TZ_MARKER, TZ_PARIS, PrivateBus,
                      ServerCase, ctl, gaps, reply, retry_lines, wait_owner)
 
 APPLIED = reply(200, NEW_ACCOUNT + [TZ_PARIS])
-NO_ROLE = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
 # The report's own headers: a blank after every colon, and the descriptions
 # as stored from the reply (CR LF line ends leave their CR).
 REPORT_HEADERS = ["Content-Type: Application/json", "Content-Length: 0", "x-api-key: test-api-key",

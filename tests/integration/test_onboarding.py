@@ -1,7 +1,6 @@
 """The onboarding run of the real agent over real TLS against the server
-simulator: what a reply leads to, the request as the server sees it, the
-report of a new account, the retry decisions for failed fetches, and the
-waits before the first fetch."""
+simulator: what a reply leads to, the request and report as the server sees
+them, the retry decisions for failed fetches, the waits before the fetch."""
 import calendar
 import os
 import shutil
@@ -25,9 +24,8 @@ def account(**override):
 
 
 class OnboardingCase(ServerCase):
-    def start(self, dev, scale, **kw):
-        env = dict(kw.pop("env", {}), TAVEL_TIME_SCALE=str(scale))
-        dev.start(env=env, **kw)
+    def start(self, dev, scale, env=None):
+        dev.start(env=dict(env or {}, TAVEL_TIME_SCALE=str(scale)))
 
     def assert_exits(self, dev, timeout=30):
         self.assertEqual(dev.wait_exit(timeout), 0, dev.log()[-3000:])
@@ -35,9 +33,6 @@ class OnboardingCase(ServerCase):
 
 
 class NewAccountTest(FlowCase):
-    """The happy path, up to the report (test_flow has the report's
-    variants)."""
-
     def test_new_account_is_applied_then_reported_on_the_bootstrap(self):
         self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, CC_US], body="ignored body"),
                      "put": reply(200, body="accepted\n")})

@@ -4,8 +4,8 @@ import os
 import time
 
 from harness import (CC_CONFIGURED_BY, CC_FILE, FIREWALL_REMOVE, MAPPING, NEW_ACCOUNT, ONBOARDING_IN_PROGRESS,
-                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, PrivateBus, ServerCase, ctl, gaps, reply,
-                     retry_lines, wait_until)
+                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ctl, gaps, reply, retry_lines, wait_until)
+from test_flow import FlowCase
 
 # A decoy before the Paris line: the city matches, the code does not.
 ZONES = ('WET,Europe,Paris,"WET0","Wrong/Paris"\n' + MAPPING +
@@ -21,7 +21,7 @@ CC_STORE = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
             "Device.DeviceInfo.X_TAVEL_SupportedCountries": "CA,us;GB"}
 
 
-class SettingsCase(ServerCase):
+class SettingsTest(FlowCase):
     def device(self, extra=None, mapping=ZONES):
         return super().device(extra, mapping=mapping)
 
@@ -31,7 +31,6 @@ class SettingsCase(ServerCase):
         return dev.log()
 
 
-class TimeZoneTest(SettingsCase):
     def test_received_zone_and_country_code(self):
         # A zone header with the mapping file, and what it maps to (zone, name,
         # code, id) or the line of its failure; a country code with
@@ -128,15 +127,12 @@ class TimeZoneTest(SettingsCase):
         self.assertEqual(dev.history(), UNAVAILABLE_EVENT + NO_INFO_EVENT * 2)
         self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], "TZ:keep")
 
-class CountryCodeTest(SettingsCase):
     def test_code_is_parked_while_the_app_onboards_and_applied_later(self):
-        bus = PrivateBus()
-        self.addCleanup(bus.close)
         self.script({"get": reply(200, NEW_ACCOUNT + [("timezone", "101"), ("countrycode", "US")])})
         dev = self.device(CC_STORE)
         dev.touch(ONBOARDING_IN_PROGRESS)
         # The 30-minute wait is 3.6 s at this scale.
-        dev.start(env=dict(bus.env(), TAVEL_TIME_SCALE="500"))
+        dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE="500"))
         dev.wait_log("MAPP onboarding started wait for 30 min\n")
         parked = time.monotonic()
         # The line comes first, then the file is rewritten.
@@ -146,7 +142,7 @@ class CountryCodeTest(SettingsCase):
 
         # A successful report would end the agent, but the parked code holds
         # it: the firewall closes and the process stays.
-        wait_until(lambda: ctl(bus.env(), "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
+        wait_until(lambda: ctl(self.bus.env(), "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
         log = dev.wait_log("Not exiting Tavle, as timer is running !!!!")
         self.assertEqual(len(self.server.requests("PUT")), 1)
         self.assertNotIn("exitTavel !!!!", log)

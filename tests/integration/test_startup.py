@@ -5,13 +5,10 @@ import time
 import unittest
 
 from harness import (CC_CONFIGURED_BY, CC_FILE, CLOUD_MARKER, CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE,
-                     TZ_MARKER, Device)
+                     NO_ROLE, TZ_MARKER, Device)
 
 NEEDED = "Connect to onBoardServer  ...  "
 CONFIGURED_EXIT = "Valid Management URL is present ... EXIT TavelAgent!!"
-# No role yet: a run that starts keeps polling for one, so the decision is all
-# a test sees of it.
-NO_ROLE = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
 CC_SYNC = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
            "Device.DeviceInfo.X_TAVEL_SupportedCountries": "US,CA;DE"}
 MARKERS = (TZ_MARKER, CLOUD_MARKER)
@@ -75,6 +72,8 @@ class StartupTest(unittest.TestCase):
     def test_onboarding_needed_decision(self):
         for name, store, files, outcome, lines in DECISIONS:
             with self.subTest(name):
+                # No role yet: a run that starts keeps polling for one, so the
+                # decision is all the test sees of it.
                 dev = self.device(dict(store, **NO_ROLE), markers=())
                 for f in files:
                     dev.touch(*((f,) if isinstance(f, str) else f))

@@ -1,8 +1,6 @@
-"""A complete onboarding with the agent's clock past 2038-01-19, where a
-32-bit time_t can no longer hold the time: the agent would take the clock
-for unset and wait for it for ever.  Only the agent's own code sees the moved
-clock (harness.clock_env); OpenSSL checks the server's certificate against
-the real one."""
+"""A complete onboarding with the agent's clock past 2038-01-19, which a 32-bit
+time_t cannot hold: the agent would wait for the clock for ever.  Only the
+agent's own code sees the moved clock (harness.clock_env), not OpenSSL."""
 import calendar
 
 from harness import ACS_USER, FULL_SCRIPT, applied, clock_env, wait_until
