@@ -96,6 +96,26 @@ def read_store(path):
     return values
 
 
+def store_problems(path):
+    """Every way the store file could be corrupt (cut short, not UTF-8, a line
+    that does not parse); empty when it is sound.  Names are held to what the
+    agent writes, letters, digits, "_" and ".", stricter than readers are."""
+    try:
+        with open(path, "rb") as f:
+            data = f.read()
+    except FileNotFoundError:
+        data = b""
+    if not data:
+        return ["store is empty or missing"]
+    try:
+        lines = data.decode("utf-8").split("\n")
+    except UnicodeDecodeError as e:
+        return ["store is not UTF-8: %s" % e]
+    problems = [] if lines[-1] == "" else ["store does not end with a line feed (truncated?)"]
+    return problems + ["line %d does not parse: %r" % (n, line[:80]) for n, line in enumerate(lines[:-1], 1)
+                       if line and not line.startswith("#") and not re.match(r"[A-Za-z0-9_.]+=", line)]
+
+
 def write_store(path, values, comment="simulated device"):
     """Replaces the whole store with values (a new device image), the way the
     stand-in writes: under the lock beside it, through a renamed copy, mode
@@ -194,12 +214,13 @@ class Sandbox:
         env.update(extra or {})
         return env
 
-    def spawn(self, binary, env=None):
-        """Starts the agent; its standard output and error go to agent.stdout
-        and agent.stderr in the root."""
+    def spawn(self, binary, env=None, wrapper=(), cwd=None):
+        """Starts the agent, behind the words of wrapper (e.g. a tracer) when
+        given; its standard output and error go to agent.stdout and
+        agent.stderr in the root."""
         with open(self.path("agent.stdout"), "wb") as out, open(self.path("agent.stderr"), "wb") as err:
-            self.proc = subprocess.Popen(command(binary), env=self.env(env), stdout=out, stderr=err,
-                                         stdin=subprocess.DEVNULL)
+            self.proc = subprocess.Popen(list(wrapper) + command(binary), env=self.env(env), stdout=out,
+                                         stderr=err, stdin=subprocess.DEVNULL, cwd=cwd)
         return self.proc
 
     def remove(self):

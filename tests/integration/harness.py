@@ -1,15 +1,11 @@
-"""A simulated device for integration tests of the real tavelAgent binary.
-
-Device() is a tavelsim.Sandbox (tools/tavelsim.py: the store, TAVEL_ROOT, the
-recording `iptables`, the emulator prefix) in its factory state, with helpers
-to start the agent, wait for log lines and read what it left behind.
-"""
+"""Integration tests of the real tavelAgent binary: Device() is a
+tools/tavelsim.py Sandbox in its factory state that starts the agent and
+waits for what it leaves behind; Server() the onboarding-server simulator."""
 import atexit
 import json
 import os
 import re
 import shutil
-import signal
 import sys
 import tempfile
 import time
@@ -19,8 +15,8 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 # Re-exported: the tests import these names from here.
 import tavelsim  # noqa: E402,F401
 from tavelsim import (CC_CONFIGURED_BY, CC_FILE, CLOSED_POLICY, CLOUD_MARKER, EMULATOR,  # noqa: E402,F401
-                      CA_PATH_MAX, FACTORY_ACS_URL, MAPPING_FILE, ONBOARDING_IN_PROGRESS, OPEN_POLICY, TZ_MARKER, PrivateBus,
-                      Sandbox, command, cpu_ticks, run_binary)
+                      CA_PATH_MAX, FACTORY_ACS_URL, MAPPING_FILE, ONBOARDING_IN_PROGRESS, STORE_FILE, TZ_MARKER,
+                      PrivateBus, Sandbox, command, cpu_ticks, run_binary, store_problems)
 
 BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
 SOURCE_DIR = os.environ.get("TAVEL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
@@ -29,70 +25,60 @@ TAVELCTL = os.path.join(BUILD_DIR, "tavelctl")
 # The fixed local ports the agent binds for its transfers.
 LOCAL_PORTS = (47777, 47778, 47779)
 
-# A device in its factory state: enabled agent, no management account, no
-# cloud settings, root role.
+# Factory state: enabled agent, no management account or cloud settings, root role.
 FACTORY_STORE = {
-    "Device.X_TAVEL_Agent.Enable": "1",
-    "Device.X_TAVEL_Agent.URL": "https://127.0.0.1:1/onboard",
-    "Device.X_TAVEL_Agent.APIKey": "test-api-key",
-    "Device.ManagementServer.URL": FACTORY_ACS_URL,
-    "Device.ManagementServer.Username": "",
-    "Device.ManagementServer.Password": "",
-    "Device.X_TAVEL_WiFiService.WorkMode": "RGW",
-    "Device.X_TAVEL_WiFiService.WorkRole": "Controller",
-    "Device.DeviceInfo.SerialNumber": "SN0001",
-    "Device.DeviceInfo.X_TAVEL_OperatorID": "OP42",
-    "Device.DeviceInfo.X_TAVEL_Country": "DE",
-}
+    "Device.X_TAVEL_Agent.Enable": "1", "Device.X_TAVEL_Agent.URL": "https://127.0.0.1:1/onboard",
+    "Device.X_TAVEL_Agent.APIKey": "test-api-key", "Device.ManagementServer.URL": FACTORY_ACS_URL,
+    "Device.ManagementServer.Username": "", "Device.ManagementServer.Password": "",
+    "Device.X_TAVEL_WiFiService.WorkMode": "RGW", "Device.X_TAVEL_WiFiService.WorkRole": "Controller",
+    "Device.DeviceInfo.SerialNumber": "SN0001", "Device.DeviceInfo.X_TAVEL_OperatorID": "OP42",
+    "Device.DeviceInfo.X_TAVEL_Country": "DE"}
 
 
-def _wait(read, text, timeout, count, proc, what):
+def wait_until(predicate, timeout, what, proc=None, tail=None):
+    """The predicate's first true value; fails after timeout, or as soon as
+    proc has exited, with tail() (e.g. the log) in the message."""
     deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
+    while True:
         exited = proc is not None and proc.poll() is not None
-        out = read()
-        if out.count(text) >= count:
-            return out
-        if exited:
-            raise AssertionError("agent exited (%s) before %r on its %s:\n%s" %
-                                 (proc.returncode, text, what, out[-4000:]))
-        time.sleep(0.05)
-    raise AssertionError("timed out waiting for %r on the %s:\n%s" % (text, what, read()[-4000:]))
+        value = predicate()
+        if value:
+            return value
+        if exited or time.monotonic() > deadline:
+            raise AssertionError("%s waiting for %s:\n%s" % (
+                "agent exited (%s)" % proc.returncode if exited else "timed out after %.1f s" % timeout, what,
+                tail()[-4000:] if tail else ""))
+        time.sleep(0.02)
 
 
 class Device(Sandbox):
-    def __init__(self, store=None, keep=False):
+    def __init__(self, store=None):
         super().__init__(dict(FACTORY_STORE, **(store or {})), prefix="tavel-it-")
-        self.keep = keep
         self._sanitizer_reports = []
 
-    # ---- the agent ----
     def env(self, extra=None):
-        env = super().env()
-        env.setdefault("TAVEL_TIME_SCALE", "1")
-        env.update(extra or {})
-        return env
+        return super().env(dict({"TAVEL_TIME_SCALE": os.environ.get("TAVEL_TIME_SCALE", "1")}, **(extra or {})))
 
-    def start(self, env=None, agent=None):
+    def start(self, env=None, **kw):
         # A second start on the same root rewrites the output files: keep what
         # the sanitizers said about the previous run first.
         self._collect_sanitizer_reports()
-        return self.spawn(agent or AGENT, env)
+        return self.spawn(AGENT, env, **kw)
 
     def wait_exit(self, timeout=30):
         return self.proc.wait(timeout=timeout)
 
-    def wait_log(self, text, timeout=20, count=1):
-        """Waits until text occurs count times in the log; returns the log."""
-        return _wait(self.log, text, timeout, count, self.proc, "log")
+    def wait_log(self, text, timeout=20, count=1, read=None):
+        """The log (or what read returns) once it holds text count times."""
+        read = read or self.log
+        return wait_until(lambda: (lambda out: out.count(text) >= count and out)(read()), timeout, repr(text),
+                          self.proc, read)
 
     def wait_stdout(self, text, timeout=10, count=1):
-        """Waits until text occurs count times on standard output; returns it."""
-        return _wait(self.stdout, text, timeout, count, self.proc, "standard output")
-
+        return self.wait_log(text, timeout, count, read=self.stdout)
     def stop(self):
         if self.proc is not None and self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGKILL)
+            self.proc.kill()
             self.proc.wait(timeout=10)
 
     def _collect_sanitizer_reports(self):
@@ -105,43 +91,36 @@ class Device(Sandbox):
     def close(self):
         self.stop()
         self._collect_sanitizer_reports()
-        reports = self._sanitizer_reports
         # With a finding the root is kept: the log around it explains it.
-        if not self.keep and not reports:
-            self.remove()
-        if reports:
-            raise AssertionError("sanitizer report from the agent (root kept at %s):\n%s" %
-                                 (self.root, "\n----\n".join(r[-12000:] for r in reports)))
+        if self._sanitizer_reports:
+            raise AssertionError("sanitizer report from the agent (root kept at %s):\n%s" % (
+                self.root, "\n----\n".join(r[-12000:] for r in self._sanitizer_reports)))
+        self.remove()
 
 
 # What the sanitizer runtimes write first in a report on standard error.
 SANITIZER_MARKERS = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
                      "runtime error:")
 
-FIREWALL_INSERT = [
-    "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-    "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-    "-I INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-    "-I INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT",
-]
+# Stale rules go first, so a restart never doubles them; the exit removes them.
+FIREWALL_INSERT = ["%s INPUT_%s -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT" % r for r in (
+    ("-D", "FW_LEVEL"), ("-D", "WAN_REMOTE_ACCESS"), ("-I", "WAN_REMOTE_ACCESS"), ("-I", "FW_LEVEL"))]
 FIREWALL_REMOVE = FIREWALL_INSERT[:2]
 
 
-# A device that was onboarded already: a valid management account and cloud
-# settings.  With both markers present the agent exits at start-up; without
+# Needs onboarding but has no role yet: the run polls for one and the agent
+# otherwise sits idle on the bus.
+NO_ROLE = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
+
+# Onboarded already: with both markers the agent exits at start-up, without
 # them it onboards again.
 CONFIGURED_STORE = {
     "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp",
-    "Device.ManagementServer.Username": "cpe-old",
-    "Device.ManagementServer.Password": "old-secret",
-    "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test",
-    "Device.X_TAVEL_Cloud.L1Flags": "1",
-}
+    "Device.ManagementServer.Username": "cpe-old", "Device.ManagementServer.Password": "old-secret",
+    "Device.X_TAVEL_Cloud.L1URL": "https://l1.configured.test", "Device.X_TAVEL_Cloud.L1Flags": "1"}
 
 
 # ---- the onboarding server ----
-
-OBSIM_DIR = os.path.join(SOURCE_DIR, "tools", "obsim")
 
 _cert_dir = None
 
@@ -153,8 +132,7 @@ def cert_dir():
     characters, so a longer one would name a file that does not exist."""
     global _cert_dir
     if _cert_dir is None:
-        if OBSIM_DIR not in sys.path:
-            sys.path.insert(0, OBSIM_DIR)
+        sys.path.insert(0, os.path.join(SOURCE_DIR, "tools", "obsim"))
         import obsim
         _cert_dir = tempfile.mkdtemp(prefix="tv", dir="/tmp")
         atexit.register(shutil.rmtree, _cert_dir, True)
@@ -164,37 +142,18 @@ def cert_dir():
     return _cert_dir
 
 
-def short_path(path):
-    assert len(path) <= CA_PATH_MAX, "CA path %r is longer than the agent keeps" % path
-    return path
-
-
 def reply(status=200, headers=(), **kw):
     """One obsim reply.  headers: (name, value) pairs or raw lines; pairs
     become "name: value" with CR LF, as a server writes them."""
-    lines = []
-    for h in headers:
-        lines.append(h if isinstance(h, str) else "%s: %s\r\n" % h)
-    out = {"status": status, "headers": lines}
-    out.update(kw)
-    return out
+    return dict(status=status, headers=[h if isinstance(h, str) else "%s: %s\r\n" % h for h in headers], **kw)
 
 
-# A reply handing out a new management account with descriptions, cloud
-# settings, a time zone and a country code.
+# A reply handing out a new management account, descriptions and cloud settings.
 NEW_ACCOUNT = [
-    ("url", "https://acs.new.test:7547/cwmp"),
-    ("name", "cpe-new"),
-    ("pwd", "new-secret"),
-    ("opdesc", "Operator One"),
-    ("snetdesc", "Subnet A"),
-    ("tenantid", "tenant-7"),
-    ("l1url", "https://l1.new.test"),
-    ("l2url", "NA"),
-    ("remotemappurl", "https://mapp.new.test"),
-    ("kprconfigurl", "https://cfg.new.test"),
-    ("kprconfigapikey", "cfg-key-9"),
-]
+    ("url", "https://acs.new.test:7547/cwmp"), ("name", "cpe-new"), ("pwd", "new-secret"), ("opdesc", "Operator One"),
+    ("snetdesc", "Subnet A"), ("tenantid", "tenant-7"), ("l1url", "https://l1.new.test"), ("l2url", "NA"),
+    ("remotemappurl", "https://mapp.new.test"), ("kprconfigurl", "https://cfg.new.test"),
+    ("kprconfigapikey", "cfg-key-9")]
 TZ_PARIS = ("timezone", '{"code":"CET","x":"y","id":"Europe\\/Paris"}')
 # Field 4 of the mapping line that TZ_PARIS selects, and field 5 as the data
 # model receives it (quotes removed, line end kept).
@@ -207,51 +166,32 @@ MAPPING = ('UTC,Etc,UTC,"UTC0","Etc/UTC"\n'
 
 
 class Server:
-    """obsim (HTTPS on 127.0.0.1) in this process, with the shared short-path
-    certificates.  Wire a device to it with device_store()."""
+    """obsim (HTTPS on 127.0.0.1) in this process, with the shared certificates."""
 
     def __init__(self, script=None):
-        cert_dir()
+        certs = cert_dir()
         import obsim
-        self.sim = obsim.ObSim(cert_dir(), script=script if script is not None else {"get": reply()})
+        self.sim = obsim.ObSim(certs, script=script if script is not None else {"get": reply()})
         self.sim.start()
 
     @property
     def ca_path(self):
-        return short_path(self.sim.ca_path)
-
-    @property
-    def other_ca_path(self):
-        return short_path(os.path.join(cert_dir(), "oca.pem"))
+        assert len(self.sim.ca_path) <= CA_PATH_MAX, "CA path %r is longer than the agent keeps" % self.sim.ca_path
+        return self.sim.ca_path
 
     def url(self, path="/onboard"):
         return self.sim.url(path)
 
     def device_store(self, extra=None, ca_path=None):
         """Store values pointing a device at this server, plus extra."""
-        values = {"Device.X_TAVEL_Agent.URL": self.url(),
-                  "Device.DeviceInfo.X_TAVEL_CACertPath": ca_path or self.ca_path}
-        values.update(extra or {})
-        return values
+        return dict({"Device.X_TAVEL_Agent.URL": self.url(),
+                     "Device.DeviceInfo.X_TAVEL_CACertPath": ca_path or self.ca_path}, **(extra or {}))
 
     def device(self, extra=None):
         """A factory device pointed at this server, with the mapping file."""
         dev = Device(self.device_store(extra))
         dev.touch(MAPPING_FILE, MAPPING.encode())
         return dev
-
-    def set_script(self, script):
-        self.sim.set_script(script)
-
-    def restart(self, script):
-        """The server back on its old port (after sim.stop()), with a new
-        script and an empty request record, like a restarted real server."""
-        import obsim
-        port, record, path = self.sim.port, self.sim.record_path, self.sim.script_path
-        self.sim.stop()
-        self.sim = obsim.ObSim(cert_dir(), script=script, port=port, record_path=record, script_path=path)
-        self.sim.clear_requests()
-        self.sim.start()
 
     def methods(self):
         return [r.get("method", r.get("event")) for r in self.requests()]
@@ -264,38 +204,24 @@ class Server:
         self.sim.clear_requests()
 
     def requests(self, method=None):
-        """Recorded requests (and TLS failures, which carry "event"); only
-        those of one method when given."""
-        out = self.sim.requests()
-        if method is not None:
-            out = [r for r in out if r.get("method") == method]
-        return out
+        """Recorded requests (and TLS failures, which carry "event")."""
+        return [r for r in self.sim.requests() if method is None or r.get("method") == method]
 
     def wait_requests(self, method, count=1, timeout=20, dev=None):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            got = self.requests(method)
-            if len(got) >= count:
-                return got
-            if dev is not None and dev.proc is not None and dev.proc.poll() is not None:
-                break
-            time.sleep(0.02)
-        raise AssertionError("expected %d %s request(s), got %s; log tail:\n%s" %
-                             (count, method, json.dumps(self.requests()), dev.log()[-3000:] if dev else ""))
+        return wait_until(lambda: (lambda got: len(got) >= count and got)(self.requests(method)), timeout,
+                          "%d %s request(s)" % (count, method), dev and dev.proc,
+                          lambda: json.dumps(self.requests()) + "\n" + (dev.log() if dev else ""))
 
     def close(self):
         self.sim.stop()
         for path in (self.sim.script_path, self.sim.record_path, self.sim.script_path + ".tmp"):
-            try:
+            if os.path.exists(path):
                 os.unlink(path)
-            except FileNotFoundError:
-                pass
 
 
 class ServerCase(unittest.TestCase):
-    """A server per test and one agent at a time, also when an earlier
-    subtest failed with its agent still running: they share the fixed local
-    ports and the server."""
+    """A server per test and one agent at a time, also after a failed subtest
+    left its agent running: they share the fixed local ports and the server."""
 
     def setUp(self):
         self.server = Server()
@@ -322,18 +248,7 @@ class ServerCase(unittest.TestCase):
         return dev
 
 
-def wait_until(predicate, timeout, what, step=0.02):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        value = predicate()
-        if value:
-            return value
-        time.sleep(step)
-    raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
-
-
-# A complete first boot: the account, descriptions, cloud settings and a
-# mapped time zone; LAST_STEP ends the apply step on a device without the
+# A complete first boot; LAST_STEP ends the apply step on a device without the
 # country-code capability.
 FULL_SCRIPT = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS], body="{}"), "put": reply(200)}
 ACS_USER = "cpe-new"
@@ -351,12 +266,8 @@ def ctl(bus_env, *args, timeout=30):
 
 
 def wait_owner(dev, bus_env, timeout=10):
-    """Waits until the agent answers dummyFunction on the bus."""
-    deadline = time.monotonic() + timeout
-    while ctl(bus_env, "call", "dummyFunction", "0").returncode != 0:
-        if dev.proc.poll() is not None or time.monotonic() > deadline:
-            raise AssertionError("agent never answered on the bus; log:\n" + dev.log()[-3000:])
-        time.sleep(0.05)
+    wait_until(lambda: ctl(bus_env, "call", "dummyFunction", "0").returncode == 0, timeout,
+               "the agent to answer on the bus", dev.proc, dev.log)
 
 
 def bootstrap(bus_env, status="1"):
@@ -372,20 +283,7 @@ def retry_lines(log, code):
 
 def gaps(requests):
     """Seconds between successive recorded requests."""
-    times = [r["received"] for r in requests]
-    return [b - a for a, b in zip(times, times[1:])]
-
-
-def build_sanitizer():
-    """'asan', 'tsan' or '' for the build under test, from its CMake cache."""
-    try:
-        with open(os.path.join(BUILD_DIR, "CMakeCache.txt")) as f:
-            for line in f:
-                if line.startswith("TAVEL_SANITIZE:"):
-                    return line.split("=", 1)[1].strip()
-    except OSError:
-        pass
-    return ""
+    return [b["received"] - a["received"] for a, b in zip(requests, requests[1:])]
 
 
 # ---- the agent's clock ----
@@ -398,10 +296,8 @@ CLOCK_SHIFT_LIB = os.path.join(BUILD_DIR, "tests", "clockshift.so")
 def set_clock(dev, when):
     """Sets the agent's clock to `when` (seconds since the epoch; None: the
     real time) from now on, as NTP would."""
-    path = dev.path("clock.shift")
-    with open(path + ".tmp", "w") as f:
-        f.write("0\n" if when is None else "%d\n" % (when - int(time.time())))
-    os.replace(path + ".tmp", path)
+    dev.touch("clock.shift.tmp", b"0\n" if when is None else b"%d\n" % (when - int(time.time())))
+    os.replace(dev.path("clock.shift.tmp"), dev.path("clock.shift"))
 
 
 def clock_env(dev, when):
@@ -414,12 +310,6 @@ def clock_env(dev, when):
     # Under a user-mode emulator the shim must reach the target process, not
     # the emulator.
     if EMULATOR and os.path.basename(EMULATOR[0]).startswith("qemu-"):
-        env["QEMU_SET_ENV"] = "LD_PRELOAD=" + CLOCK_SHIFT_LIB
-    else:
-        env["LD_PRELOAD"] = CLOCK_SHIFT_LIB
-    return env
+        return dict(env, QEMU_SET_ENV="LD_PRELOAD=" + CLOCK_SHIFT_LIB)
+    return dict(env, LD_PRELOAD=CLOCK_SHIFT_LIB)
 
-
-def clock_reads(dev):
-    """The seconds the agent read first through each clock entry point."""
-    return [int(line.split()[1]) for line in dev.read("clock.trace").splitlines()]

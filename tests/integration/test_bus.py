@@ -1,48 +1,32 @@
 """The agent on a private message bus: its name, dummyFunction, the signal
-routing through the real bus layer, malformed payloads, and tavelctl's bus
-commands."""
+routing through the real bus layer, malformed payloads; tavelctl's bus
+commands, and its dml commands on a store that tools/tavelsim.py (the other
+tests' and the demo's) reads and writes alike."""
 import os
+import shutil
+import tempfile
 import time
-import unittest
 
-from busfixture import CLOSED_POLICY, PrivateBus
-from harness import SOURCE_DIR, Device, ctl, wait_owner
+from harness import NO_ROLE, TAVELCTL, Device, cpu_ticks, ctl, run_binary, tavelsim, wait_owner
+from test_flow import FlowCase
 
-# A device that needs onboarding but has no role yet: the run polls for the
-# role and the agent otherwise sits idle on the bus.
-WAITING = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
 WAITING_LINE = "TAVEL work mode is CFG... Waiting to take Role !!"
 NAME_FAILED = "fatal failed to request bus name for tavel service\n"
 REGISTER_FAILED = "fatal failed to register tavel service\n"
 
 
-class BusCase(unittest.TestCase):
-    def setUp(self):
-        self.bus = self.private_bus()
-
-    def private_bus(self, **kw):
-        bus = PrivateBus(**kw)
-        self.addCleanup(bus.close)
-        return bus
-
-    def start_agent(self, bus=None, wait_name=True):
-        dev = Device(WAITING)
+class BusCase(FlowCase):
+    def start_agent(self, wait_name=True):
+        dev = Device(NO_ROLE)
         self.addCleanup(dev.close)
-        dev.start(env=(bus or self.bus).env())
+        dev.start(env=self.bus.env())
         dev.wait_log(WAITING_LINE)
         if wait_name:
-            wait_owner(dev, (bus or self.bus).env())
+            wait_owner(dev, self.bus.env())
         return dev
 
-    def ctl(self, *args, bus=None, env=None):
-        return ctl(dict((bus or self.bus).env(), **(env or {})), *args)
-
-    def assert_failure_lines(self, log):
-        # The bus thread's lines interleave with the main thread's, so only
-        # their order is fixed.
-        name = log.find(NAME_FAILED)
-        self.assertGreaterEqual(name, 0, log)
-        self.assertGreater(log.find(REGISTER_FAILED, name), name, log)
+    def ctl(self, *args, env=None):
+        return ctl(dict(self.bus.env(), **(env or {})), *args)
 
     def assert_ok(self, result):
         self.assertEqual(result.returncode, 0, result.stderr)
@@ -50,140 +34,156 @@ class BusCase(unittest.TestCase):
 
 
 class ServiceTest(BusCase):
-    def test_dummy_function_answers_one_whatever_it_gets(self):
-        self.start_agent()
-        for arg in ("0", "-1", "7", "2147483647", "-2147483648"):
-            with self.subTest(arg=arg):
-                self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", arg)).stdout, "1\n")
-
-    def test_unknown_method_is_logged_and_refused_at_once(self):
+    def test_service_and_signals_of_a_waiting_agent(self):
         dev = self.start_agent()
-        started = time.monotonic()
-        result = self.ctl("call", "resetDevice", "3")
-        self.assertLess(time.monotonic() - started, 5)
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("UnknownMethod", result.stderr)
-        self.assertEqual(result.stdout, "")
-        dev.wait_log("fatal unknown message: resetDevice\n")
-        self.assertEqual(dev.log().count("unknown message"), 1)
-        # The service is still there.
-        self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "1")).stdout, "1\n")
+        # Waiting for a role it polls every 10 s: a loop polling the bus, a
+        # timer or the store would burn ticks meanwhile.
+        time.sleep(0.5)
+        before = cpu_ticks(dev.proc.pid)
+        time.sleep(3)
+        self.assertLessEqual(cpu_ticks(dev.proc.pid) - before, 1, "ticks in 3 s while idle")
 
-    def test_second_agent_cannot_own_the_name_and_keeps_running(self):
-        first = self.start_agent()
-        second = self.start_agent(wait_name=False)
-        log = second.wait_log(REGISTER_FAILED)
-        self.assert_failure_lines(log)
-        self.assertEqual(log.count("fatal "), 2)
-        self.assertNotIn("fatal", first.log())
-        # Its bus thread ended without subscribing: only the owner reacts.
-        self.assert_ok(self.ctl("dbg", "setTimeout", "5"))
-        first.wait_stdout("cmdLine+11 = 5.\n")
-        time.sleep(0.3)
-        self.assertEqual(second.stdout(), "")
-        self.assertIsNone(second.proc.poll())
-
-    @unittest.skipUnless(os.geteuid() == 0, "the policy grants the name to root")
-    def test_installed_policy_lets_the_agent_own_its_name(self):
-        policy = os.path.join(SOURCE_DIR, "packaging", "dbus", "velka.tavel.conf")
-        strict = self.private_bus(policy=CLOSED_POLICY, include=policy)
-        self.start_agent(bus=strict)
-        self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "2", bus=strict)).stdout, "1\n")
-
-        # The same strict bus without the policy refuses the name.
-        bare = self.private_bus(policy=CLOSED_POLICY)
-        dev = self.start_agent(bus=bare, wait_name=False)
-        self.assert_failure_lines(dev.wait_log(REGISTER_FAILED))
-
-
-class SignalTest(BusCase):
-    def test_debug_commands(self):
-        dev = self.start_agent()
         self.assert_ok(self.ctl("dbg", "setTimeout", "600"))
         out = dev.wait_stdout("cmdLine+11 = 600.\n")
-        self.assertEqual(out, "enter tavel_processDbgCmdSignal.\n"
-                         "tavel_processDbgCmdSignal cmd: setTimeout 600.\n"
-                         "debug cmdLine = setTimeout 600.\n"
-                         "cmdLine+11 = 600.\n")
-
+        self.assertEqual(out, "enter tavel_processDbgCmdSignal.\ntavel_processDbgCmdSignal cmd: setTimeout 600.\n"
+                         "debug cmdLine = setTimeout 600.\ncmdLine+11 = 600.\n")
         self.assert_ok(self.ctl("dbg", "acsinfo", "--module", "TavelAgent"))
         dev.wait_stdout("tavel_processDbgCmdSignal, ignore.\n")
-
         self.assert_ok(self.ctl("dbg", "acsinfo"))
         out = dev.wait_stdout("After printing ACS Details...\n")
         acs = out.split("debug cmdLine = acsinfo.\n", 1)[1]
         self.assertTrue(acs.startswith("printing ACS Details...\n"), acs)
         self.assertIn("ACS Connection Details", acs)
-
         self.assert_ok(self.ctl("dbg", "httpinfo", "now"))
         out = dev.wait_stdout("Dump Http Connection Details.")
         self.assertIn("debug cmdLine = httpinfo now.\nhttpinfo", out)
 
-    def test_ntp_sync_and_log_signals(self):
-        dev = self.start_agent()
+        for arg in ("0", "-1", "7", "2147483647", "-2147483648"):
+            with self.subTest(arg=arg):
+                self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", arg)).stdout, "1\n")
+        started = time.monotonic()
+        result = self.ctl("call", "resetDevice", "3")
+        self.assertLess(time.monotonic() - started, 5)
+        self.assertEqual((result.returncode, result.stdout), (1, ""))
+        self.assertIn("UnknownMethod", result.stderr)
+        dev.wait_log("fatal unknown message: resetDevice\n")
+        self.assertEqual(dev.log().count("unknown message"), 1)
+
         value = "".join(chr(ord("a") + i % 26) for i in range(60))
         self.assert_ok(self.ctl("ntp", value))
         dev.wait_log("notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is %s.\n"
                      % value[:49])
         self.assert_ok(self.ctl("sync", "1", "up"))
         dev.wait_log("] Received ACS Connection Status\n")
-        self.assert_ok(self.ctl("sync", "1"))
-        dev.wait_log("] type = 1, len = 0\n")
-        # Routed by member alone, whoever sends it; the log-control rows do nothing.
-        for member in ("setLogLevel", "setLogDestination"):
-            self.assert_ok(self.ctl("signal", member, "--hex", "07000000"))
-        self.assert_ok(self.ctl("call", "dummyFunction", "0"))
-        self.assertIsNone(dev.proc.poll())
+        # A sync message without a body and the log-control rows are
+        # test_bus_policy's.
 
-    def test_malformed_payloads_are_survived(self):
-        # Every wrong size runs in exact-size ASan blocks in test_signal.cpp;
-        # here the ones only the real bus layer can deliver.
-        dev = self.start_agent()
+        # Malformed payloads: every wrong size runs in exact-size ASan blocks
+        # in test_signal.cpp; here the ones only the real bus layer delivers.
+        seen = len(dev.stdout())
         for args in (["--size", "7"], ["--size", str(1 << 20)], ["--no-arg"], ["--string", "tavelAgent"]):
             self.assert_ok(self.ctl("signal", "sendDbgCmd", *args))
         self.assert_ok(self.ctl("signal", "tavelCfgmgrSignal", "--no-arg"))
         self.assert_ok(self.ctl("signal", "tavelSyngMgrSignal", "--string", "x"))
         self.assert_ok(self.ctl("signal", "notifyNTPTimezoneUpdate", "--size", "0"))
         self.assert_ok(self.ctl("signal", "somethingElse", "--size", "4", "--no-owner-check"))
-
         dev.wait_log("signal ignored: payload of 0 bytes, 4 needed\n")
         dev.wait_log("signal ignored: payload of 0 bytes, 1 needed\n")
         dev.wait_log("] msg is NULL\n")
         self.assertNotIn("Send Status TO Server", dev.log())
-        deadline = time.monotonic() + 10
-        while dev.stdout().count("parameter mismatched") < 4 and time.monotonic() < deadline:
-            time.sleep(0.05)
-        out = dev.stdout()
+        dev.wait_stdout("parameter mismatched", count=4)
+        out = dev.stdout()[seen:]
         self.assertEqual(out.count("parameter mismatched"), 4, out)
         self.assertEqual(out.count("enter tavel_processDbgCmdSignal."), 4, out)
         self.assertNotIn("cmd:", out)
         self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "9")).stdout, "1\n")
 
+        # A second agent cannot own the name and keeps running; its bus
+        # thread ended without subscribing, so only the owner reacts.
+        second = self.start_agent(wait_name=False)
+        log = second.wait_log(REGISTER_FAILED)
+        # The bus thread's lines interleave with the main thread's, so only
+        # their order is fixed.
+        self.assertTrue(0 <= log.find(NAME_FAILED) < log.find(REGISTER_FAILED), log)
+        self.assertEqual(log.count("fatal "), 2)
+        self.assertNotIn("fatal failed", dev.log())
+        self.assert_ok(self.ctl("dbg", "setTimeout", "5"))
+        dev.wait_stdout("cmdLine+11 = 5.\n")
+        time.sleep(0.3)
+        self.assertEqual(second.stdout(), "")
+        self.assertIsNone(second.proc.poll())
+        self.assertIsNone(dev.proc.poll())
+
 
 class TavelctlTest(BusCase):
-    def assert_fails(self, result, status, text):
-        self.assertEqual(result.returncode, status, result.stderr)
-        self.assertEqual(result.stderr.count("\n"), 1, result.stderr)
-        self.assertIn(text, result.stderr)
+    def setUp(self):
+        super().setUp()
+        self.root = tempfile.mkdtemp(prefix="tavelctl-dml-")
+        self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)
+        self.store = os.path.join(self.root, "flash", "dml", "datamodel.conf")
+
+    def dml(self, *args, status=0):
+        r = run_binary(TAVELCTL, "dml", *args, env=dict(os.environ, TAVEL_ROOT=self.root), text=False)
+        self.assertEqual(r.returncode, status, (args, r.stderr))
+        return r
+
+    def test_set_get_dump_round_trip(self):
+        # Absent parameter and missing store: an empty line, an empty dump.
+        self.assertEqual(self.dml("get", "Device.Missing").stdout, b"\n")
+        self.assertEqual(self.dml("dump").stdout, b"")
+        os.makedirs(os.path.dirname(self.store))
+        with open(self.store, "wb") as f:
+            f.write(b"# factory\nDevice.A=1\n")
+        value = "line1\nline2\ttab\\back\rcr"
+        self.dml("set", "Device.B", value)
+        self.assertEqual(self.dml("get", "Device.B").stdout, value.encode() + b"\n")
+        self.assertEqual(tavelsim.read_store(self.store), {"Device.A": "1", "Device.B": value})
+        self.assertEqual(self.dml("dump").stdout, b"Device.A=1\nDevice.B=line1\\nline2\\ttab\\\\back\\rcr\n")
+        with open(self.store, "rb") as f:
+            self.assertTrue(f.read().startswith(b"# factory\nDevice.A=1\n"))
+        self.dml("unset", "Device.A")
+        self.assertEqual(self.dml("get", "Device.A").stdout, b"\n")
+        self.assertEqual(self.dml("dump").stdout.count(b"\n"), 1)
+
+        # The store of the other tests and the demo (tools/tavelsim.py) against
+        # the stand-in's: what one writes the other reads alike, and both skip
+        # malformed lines and the later lines of a name.
+        tavelsim.write_store(self.store, {"Device.C": value})
+        with open(self.store, "a") as f:
+            f.write("bad name=1\n=2\nDevice.C=later\nDevice.E=a\\x\\\n")
+        read = tavelsim.read_store(self.store)
+        self.assertEqual(read, {"Device.C": value, "Device.E": "a\\x\\"})
+        for name, stored in read.items():
+            self.assertEqual(self.dml("get", name).stdout, stored.encode() + b"\n")
 
     def test_errors_are_one_line(self):
-        self.assert_fails(self.ctl("bootstrap", "1"), 1, "velka.tavel has no owner")
-        self.assert_fails(self.ctl("call", "dummyFunction", "1"), 1, "ServiceUnknown")
+        for args in [(), ("get",), ("set", "A"), ("dump", "x"), ("frobnicate",)]:
+            self.assertIn(b"tavelctl dml get", self.dml(*args, status=2).stderr)
+        self.dml("set", "bad name", "x", status=2)
+        os.makedirs(self.store)  # a directory where the store belongs
+        for args in [("get", "A"), ("set", "A", "1"), ("dump",)]:
+            r = self.dml(*args, status=1)
+            self.assertEqual(r.stderr.count(b"\n"), 1, r.stderr)
+            self.assertIn(b"datamodel.conf", r.stderr)
+        # The bus commands' errors are one line too.
         nowhere = {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=" + os.path.join(self.bus.dir, "none")}
-        self.assert_fails(self.ctl("ntp", "CET", env=nowhere), 1, "cannot connect to the system bus")
-        self.assert_fails(self.ctl("bootstrap", "x1"), 1, "not a 32-bit integer")
-        self.assert_fails(self.ctl("bootstrap", "4294967296"), 1, "not a 32-bit integer")
-        self.assert_fails(self.ctl("signal", "sendDbgCmd", "--hex", "0g"), 1, "hex")
-        self.assert_fails(self.ctl("dbg", "x" * 2048), 1, "longer than 2047")
-        self.assert_fails(self.ctl("dbg", "acsinfo", "--module", "m" * 64), 1, "longer than 63")
-        self.assert_fails(self.ctl("bootstrap"), 2, "usage")
-        self.assert_fails(self.ctl("signal", "sendDbgCmd"), 2, "exactly one of")
-        self.assert_fails(self.ctl("signal", "sendDbgCmd", "--size", "1", "--no-arg"), 2, "exactly one of")
-        self.assert_fails(self.ctl("signal", "sendDbgCmd", "--bogus"), 2, "--bogus")
-
-    def test_stray_signal_needs_no_owner(self):
+        for args, env, status, text in (
+                (["bootstrap", "1"], None, 1, "velka.tavel has no owner"),
+                (["call", "dummyFunction", "1"], None, 1, "ServiceUnknown"),
+                (["ntp", "CET"], nowhere, 1, "cannot connect to the system bus"),
+                (["bootstrap", "x1"], None, 1, "not a 32-bit integer"),
+                (["bootstrap", "4294967296"], None, 1, "not a 32-bit integer"),
+                (["signal", "sendDbgCmd", "--hex", "0g"], None, 1, "hex"),
+                (["dbg", "x" * 2048], None, 1, "longer than 2047"),
+                (["dbg", "acsinfo", "--module", "m" * 64], None, 1, "longer than 63"),
+                (["bootstrap"], None, 2, "usage"),
+                (["signal", "sendDbgCmd"], None, 2, "exactly one of"),
+                (["signal", "sendDbgCmd", "--size", "1", "--no-arg"], None, 2, "exactly one of"),
+                (["signal", "sendDbgCmd", "--bogus"], None, 2, "--bogus")):
+            with self.subTest(args=args[:3]):
+                result = self.ctl(*args, env=env)
+                self.assertEqual(result.returncode, status, result.stderr)
+                self.assertEqual(result.stderr.count("\n"), 1, result.stderr)
+                self.assertIn(text, result.stderr)
+        # A stray signal needs no owner.
         self.assert_ok(self.ctl("signal", "sendDbgCmd", "--size", "2112", "--no-owner-check"))
-
-
-if __name__ == "__main__":
-    unittest.main()

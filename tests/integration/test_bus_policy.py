@@ -5,23 +5,19 @@ import grp
 import os
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 
-from busfixture import CLOSED_POLICY
-from harness import SOURCE_DIR, TAVELCTL, command, wait_until
+from harness import CLOSED_POLICY, SOURCE_DIR, TAVELCTL, PrivateBus, command, wait_until
 from test_bus import BusCase
 
 POLICY = os.path.join(SOURCE_DIR, "packaging", "dbus", "velka.tavel.conf")
 
 
 def modules_gid():
-    """The gid that plays the modules' group.  dbus-daemon drops the rules of a
-    group missing from the group database, and the test must not add one to
-    the host, so unless the host has "tavel" the rules go to another existing
-    group; setpriv sets the senders' exact groups, so no sender holds it by
-    accident."""
+    """The gid that plays the modules' group: dbus-daemon drops the rules of a
+    group it does not know, and the test must not add one to the host.
+    setpriv sets the senders' exact groups, so none holds it by accident."""
     try:
         return grp.getgrnam("tavel").gr_gid
     except KeyError:
@@ -34,10 +30,9 @@ def listened(member):
             lambda who, i: 'member=%s\n   array of bytes "%s"' % (member, who))
 
 
-# member, the tavelctl arguments of sender number i named who, where a
-# delivered one shows (the agent's stdout or log, the method's reply, or a
-# plain subscriber on the bus for the two handlers that do nothing) and the
-# trace itself.
+# member, the tavelctl arguments of sender number i named who, where a delivered
+# one shows (the agent's stdout or log, the method's reply, or a subscriber on
+# the bus for the two handlers that do nothing) and the trace itself.
 MEMBERS = [
     listened("setLogLevel"),
     listened("setLogDestination"),
@@ -56,6 +51,7 @@ MEMBERS = [
 @unittest.skipUnless(shutil.which("setpriv"), "setpriv (util-linux) is not installed")
 class PolicyTest(BusCase):
     def setUp(self):
+        super().setUp()
         with open(POLICY) as f:
             shipped = f.read()
         self.assertIn('<policy group="tavel">', shipped)
@@ -65,7 +61,8 @@ class PolicyTest(BusCase):
         policy = os.path.join(tmp, "velka.tavel.conf")
         with open(policy, "w") as f:
             f.write(shipped.replace('group="tavel"', 'group="%d"' % self.gid))
-        self.bus = self.private_bus(policy=CLOSED_POLICY, include=policy)
+        self.bus = PrivateBus(policy=CLOSED_POLICY, include=policy)
+        self.addCleanup(self.bus.close)
         # The other users reach the socket through its directory.
         os.chmod(self.bus.dir, 0o755)
         nobody = ["setpriv", "--reuid=nobody", "--regid=nogroup"]
@@ -80,7 +77,8 @@ class PolicyTest(BusCase):
         """dbus-monitor as nobody: denied BecomeMonitor, it subscribes like any
         module.  A monitor (root) would be shown even the messages the policy
         then refuses."""
-        out = open(os.path.join(self.bus.dir, "listener.out"), "w+")
+        path = os.path.join(self.bus.dir, "listener.out")
+        out = open(path, "w")
         self.addCleanup(out.close)
         rules = ["type='signal',member='%s'" % m for m, _, where, _ in MEMBERS if where == "listener"]
         proc = subprocess.Popen(self.senders[0][1] + ["dbus-monitor", "--address", self.bus.address] + rules,
@@ -88,51 +86,33 @@ class PolicyTest(BusCase):
         self.addCleanup(proc.wait, 10)
         self.addCleanup(proc.terminate)
 
-        def ready():
-            self.send([], ["signal", "setLogLevel", "--hex", b"ready".hex()])
-            return '"ready"' in self.read(out)
+        def read():
+            with open(path) as f:
+                return f.read()
 
-        wait_until(ready, 10, "the listener's subscription")
-        return out
-
-    @staticmethod
-    def read(f):
-        f.seek(0)
-        return f.read()
+        wait_until(lambda: self.send([], ["signal", "setLogLevel", "--hex", b"ready".hex()]) and '"ready"' in read(),
+                   10, "the listener's subscription")
+        return read
 
     def test_only_root_and_the_modules_group_are_served(self):
         dev = self.start_agent()
-        listener = self.listen()
-        traces = {"stdout": dev.stdout, "log": dev.log, "listener": lambda: self.read(listener)}
+        traces = {"stdout": dev.stdout, "log": dev.log, "listener": self.listen()}
         matrix = {}
         for member, args, where, trace in MEMBERS:
-            row = []
-            for i, (who, prefix) in enumerate(self.senders, 1):
-                result = self.send(prefix, args(who, i))
-                if where == "reply":
-                    served = result.returncode == 0 and result.stdout == "1\n"
-                    if not served:
-                        self.assertIn("AccessDenied", result.stderr, "%s by %s" % (member, who))
-                else:
-                    # A signal leaves no error at its sender: the trace tells.
-                    self.assertEqual(result.returncode, 0, "%s by %s: %s" % (member, who, result.stderr))
-                row.append(served if where == "reply" else None)
-            if where != "reply":
+            results = [self.send(prefix, args(who, i)) for i, (who, prefix) in enumerate(self.senders, 1)]
+            if where == "reply":
+                row = [r.returncode == 0 and r.stdout == "1\n" for r in results]
+                for served, r in zip(row, results):
+                    self.assertTrue(served or "AccessDenied" in r.stderr, (member, r.stderr))
+            else:
+                # A signal leaves no error at its sender: the trace tells.
+                self.assertEqual([r.returncode for r in results], [0] * len(results), member)
                 # Root sends last; once its signal is through, the earlier ones
                 # are through too or were refused.
-                last = len(self.senders)
-                wait_until(lambda: trace("root", last) in traces[where](), 10, "root's %s" % member)
-                text = traces[where]()
-                row = [trace(who, i) in text for i, (who, _) in enumerate(self.senders, 1)]
+                wait_until(lambda: trace("root", len(self.senders)) in traces[where](), 10, "root's %s" % member)
+                row = [trace(who, i) in traces[where]() for i, (who, _) in enumerate(self.senders, 1)]
             matrix[member] = ["served" if s else "refused" for s in row]
-
-        table = ["bus policy: shipped velka.tavel.conf, group \"tavel\" played by gid %d" % self.gid,
-                 "%-24s %-8s %-8s %s" % ("member", "root", "group", "nobody")]
-        table += ["%-24s %-8s %-8s %s" % (m, r[2], r[1], r[0]) for m, r in matrix.items()]
-        sys.stderr.write("\n" + "\n".join(table) + "\n")
-        self.assertEqual(matrix, {m[0]: ["refused", "served", "served"] for m in MEMBERS})
+        # Senders nobody, group, root.
+        self.assertEqual(matrix, {m[0]: ["refused", "served", "served"] for m in MEMBERS},
+                         "group \"tavel\" played by gid %d" % self.gid)
         self.assertIsNone(dev.proc.poll())
-
-
-if __name__ == "__main__":
-    unittest.main()

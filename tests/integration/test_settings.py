@@ -2,13 +2,10 @@
 marker files and the history log, with the real agent over real TLS."""
 import os
 import time
-import unittest
-
-from busfixture import PrivateBus
 
 from harness import (CC_CONFIGURED_BY, CC_FILE, FIREWALL_REMOVE, MAPPING, NEW_ACCOUNT, ONBOARDING_IN_PROGRESS,
-                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase, ctl, gaps, reply, retry_lines,
-                     wait_until)
+                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ctl, gaps, reply, retry_lines, wait_until)
+from test_flow import FlowCase
 
 # A decoy before the Paris line: the city matches, the code does not.
 ZONES = ('WET,Europe,Paris,"WET0","Wrong/Paris"\n' + MAPPING +
@@ -24,7 +21,7 @@ CC_STORE = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
             "Device.DeviceInfo.X_TAVEL_SupportedCountries": "CA,us;GB"}
 
 
-class SettingsCase(ServerCase):
+class SettingsTest(FlowCase):
     def device(self, extra=None, mapping=ZONES):
         return super().device(extra, mapping=mapping)
 
@@ -34,29 +31,52 @@ class SettingsCase(ServerCase):
         return dev.log()
 
 
-class TimeZoneTest(SettingsCase):
-    def test_received_zone_is_mapped_into_the_data_model(self):
-        cases = [
-            (TZ_PARIS, PARIS_ZONE, PARIS_NAME, "CET", "Europe/Paris"),
-            (("timezone", '{"code":"CET","x":"y","id":"Europe/Paris"}'), PARIS_ZONE, PARIS_NAME, "CET",
-             "Europe/Paris"),
-            (("timezone", '{"code":"ART","name":"x","id":"America\\/Argentina\\/Jujuy"}'), '"<-03>3"',
-             "America/Argentina/Jujuy\n", "ART", "America/Argentina/Jujuy"),
-        ]
-        for header, zone, name, code, ident in cases:
-            with self.subTest(header=header[1]):
-                self.script({"get": reply(200, [NOT_USED, header])})
-                dev = self.device()
+    def test_received_zone_and_country_code(self):
+        # A zone header with the mapping file, and what it maps to (zone, name,
+        # code, id) or the line of its failure; a country code with
+        # cc_configured_by before the run, and whether it is applied.  The
+        # escaped Paris reply is test_flow's.
+        for header, mapping, mapped, cc, mark, applied in (
+                ('{"code":"CET","x":"y","id":"Europe/Paris"}', ZONES, (PARIS_ZONE, PARIS_NAME, "CET", "Europe/Paris"),
+                 "US", None, True),
+                # Set by the mobile app.
+                ('{"code":"ART","name":"x","id":"America\\/Argentina\\/Jujuy"}', ZONES,
+                 ('"<-03>3"', "America/Argentina/Jujuy\n", "ART", "America/Argentina/Jujuy"), "US", b"MAPP", False),
+                ('{"code":"XYZ","x":"y","id":"Atlantis\\/Nowhere"}', ZONES, "read eof -content is empty \n", "US",
+                 b"mapp,FR\n", False),
+                # The code matches, the city does not; a code not supported.
+                ('{"code":"CET","x":"y","id":"Europe\\/Rome"}', ZONES, "read eof -content is empty \n", "FR", None,
+                 False),
+                (TZ_PARIS[1], None, "popen error \n", "USA", None, False)):
+            with self.subTest(zone=header, code=cc, mark=mark):
+                self.script({"get": reply(200, [NOT_USED, ("timezone", header), ("countrycode", cc)])})
+                dev = self.device(CC_STORE, mapping=mapping)
+                if mark is not None:
+                    dev.touch(CC_CONFIGURED_BY, mark)
                 log = self.run_to_exit(dev)
                 store = dev.store()
-                self.assertEqual(store.get("Device.Time.LocalTimeZone"), zone)
-                self.assertEqual(store.get("Device.Time.X_TAVEL_LocalTimeZoneName"), name)
                 self.assertTrue(dev.exists(TZ_MARKER))
-                self.assertEqual(dev.history(), SUCCESS_EVENT % (zone, code, ident))
-                self.assertIn("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
-                              "Configuration from Velka Cloud Successful" % (zone, code, ident), log)
-                # The marker follows the data-model write, after the pause.
-                self.assertLess(log.index("final timezone = %s" % zone), log.index("tavel_handleTimezonedetails exit"))
+                if isinstance(mapped, str):
+                    for line in (mapped, "Applying timezoneconfig failed\n", "] gettimezonecmd failed"):
+                        self.assertIn(line, log)
+                    self.assertEqual(dev.history(), "")
+                    self.assertNotIn("Device.Time.LocalTimeZone", store)
+                else:
+                    zone, name, code, ident = mapped
+                    self.assertEqual(store.get("Device.Time.LocalTimeZone"), zone)
+                    self.assertEqual(store.get("Device.Time.X_TAVEL_LocalTimeZoneName"), name)
+                    self.assertEqual(dev.history(), SUCCESS_EVENT % (zone, code, ident))
+                    self.assertIn("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
+                                  "Configuration from Velka Cloud Successful" % (zone, code, ident), log)
+                    # The marker follows the data-model write, after the pause.
+                    self.assertLess(log.index("final timezone = %s" % zone),
+                                    log.index("tavel_handleTimezonedetails exit"))
+                self.assertIn("update cc since MAPP didn't set\n" if applied else
+                              "country code from tavel %s is not valid\n" % cc[:3], log)
+                marked = dev.read(CC_CONFIGURED_BY, "rb") if dev.exists(CC_CONFIGURED_BY) else None
+                self.assertEqual(marked, b"TAVEL,US\0\0" if applied else mark)
+                self.assertEqual(store.get("Device.DeviceInfo.X_TAVEL_CountryCode"), "US" if applied else None)
+                self.assertFalse(dev.exists(CC_FILE))
 
     def test_configured_zone_is_only_rewritten_when_it_differs(self):
         # The device value carries three leading characters the mapping lacks,
@@ -78,12 +98,12 @@ class TimeZoneTest(SettingsCase):
                     self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], PARIS_ZONE)
                     self.assertEqual(dev.history(), SUCCESS_EVENT % (PARIS_ZONE, "CET", "Europe/Paris"))
 
-    def test_unavailable_service_retries_with_one_event(self):
+    def test_unavailable_service_retries_with_one_event_and_no_info_keeps_the_zone(self):
         scale = 100
         self.script({"get": [reply(200, [NOT_USED, ("timezone", "100")]),
-                                        reply(200, [NOT_USED, ("timezone", "100")]),
-                                        reply(200, [NOT_USED, ("timezone", "101")])]})
-        dev = self.device()
+                             reply(200, [NOT_USED, ("timezone", "100")]),
+                             reply(200, [NOT_USED, ("timezone", "101")])]})
+        dev = self.device({"Device.Time.LocalTimeZone": "TZ:keep"})
         log = self.run_to_exit(dev, scale)
         self.assertEqual(dev.history(), UNAVAILABLE_EVENT + NO_INFO_EVENT)
         self.assertEqual(log.count("history event send: event[TZ Config] Timezone Configuration failed from "
@@ -97,69 +117,22 @@ class TimeZoneTest(SettingsCase):
         for (_, nominal), gap in zip(retries, gaps(gets)):
             self.assertGreaterEqual(gap, nominal / scale - 0.002)
         # No zone was applied; only the last reply left the marker.
-        self.assertNotIn("Device.Time.LocalTimeZone", dev.store())
         self.assertTrue(dev.exists(TZ_MARKER))
-
-    def test_no_time_zone_info_marks_and_records_every_reply(self):
-        self.script({"get": reply(200, [NOT_USED, ("timezone", "101")])})
-        dev = self.device({"Device.Time.LocalTimeZone": "TZ:keep"})
-        for run in (1, 2):
-            if dev.exists(TZ_MARKER):
-                os.unlink(dev.path(TZ_MARKER))
-            log = self.run_to_exit(dev)
-            self.assertTrue(dev.exists(TZ_MARKER))
-            self.assertIn("No Timezone Info from IP STACK use existing ONT timezone\n", log)
-            self.assertEqual(dev.history(), NO_INFO_EVENT * run)
+        self.assertIn("No Timezone Info from IP STACK use existing ONT timezone\n", log)
+        # Without the marker the next run asks again (the last reply repeats)
+        # and records one more event.
+        os.unlink(dev.path(TZ_MARKER))
+        self.run_to_exit(dev)
+        self.assertTrue(dev.exists(TZ_MARKER))
+        self.assertEqual(dev.history(), UNAVAILABLE_EVENT + NO_INFO_EVENT * 2)
         self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], "TZ:keep")
 
-    def test_zone_without_mapping_marks_without_event(self):
-        unknown = ("timezone", '{"code":"XYZ","x":"y","id":"Atlantis\\/Nowhere"}')
-        for name, header, mapping, failure in (
-                ("no line", unknown, ZONES, "read eof -content is empty \n"),
-                ("code matches, city does not", ("timezone", '{"code":"CET","x":"y","id":"Europe\\/Rome"}'),
-                 ZONES, "read eof -content is empty \n"),
-                ("no mapping file", TZ_PARIS, None, "popen error \n")):
-            with self.subTest(name):
-                self.script({"get": reply(200, [NOT_USED, header])})
-                dev = self.device(mapping=mapping)
-                log = self.run_to_exit(dev)
-                self.assertIn(failure, log)
-                self.assertIn("Applying timezoneconfig failed\n", log)
-                self.assertIn("] gettimezonecmd failed", log)
-                self.assertTrue(dev.exists(TZ_MARKER))
-                self.assertEqual(dev.history(), "")
-                self.assertNotIn("Device.Time.LocalTimeZone", dev.store())
-
-
-class CountryCodeTest(SettingsCase):
-    def test_received_code_is_applied_unless_refused(self):
-        # code received, cc_configured_by before the run, applied
-        for code, mark, applied in (("US", None, True),
-                                    # Set by the mobile app.
-                                    ("US", b"MAPP", False), ("US", b"mapp,FR\n", False),
-                                    # Not supported.
-                                    ("FR", None, False), ("USA", None, False)):
-            with self.subTest(code=code, mark=mark):
-                self.script({"get": reply(200, [NOT_USED, ("timezone", "101"), ("countrycode", code)])})
-                dev = self.device(CC_STORE)
-                if mark is not None:
-                    dev.touch(CC_CONFIGURED_BY, mark)
-                log = self.run_to_exit(dev)
-                self.assertIn("update cc since MAPP didn't set\n" if applied else
-                              "country code from tavel %s is not valid\n" % code[:3], log)
-                marked = dev.read(CC_CONFIGURED_BY, "rb") if dev.exists(CC_CONFIGURED_BY) else None
-                self.assertEqual(marked, b"TAVEL,US\0\0" if applied else mark)
-                self.assertEqual(dev.store().get("Device.DeviceInfo.X_TAVEL_CountryCode"), "US" if applied else None)
-                self.assertFalse(dev.exists(CC_FILE))
-
     def test_code_is_parked_while_the_app_onboards_and_applied_later(self):
-        bus = PrivateBus()
-        self.addCleanup(bus.close)
         self.script({"get": reply(200, NEW_ACCOUNT + [("timezone", "101"), ("countrycode", "US")])})
         dev = self.device(CC_STORE)
         dev.touch(ONBOARDING_IN_PROGRESS)
         # The 30-minute wait is 3.6 s at this scale.
-        dev.start(env=dict(bus.env(), TAVEL_TIME_SCALE="500"))
+        dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE="500"))
         dev.wait_log("MAPP onboarding started wait for 30 min\n")
         parked = time.monotonic()
         # The line comes first, then the file is rewritten.
@@ -169,7 +142,7 @@ class CountryCodeTest(SettingsCase):
 
         # A successful report would end the agent, but the parked code holds
         # it: the firewall closes and the process stays.
-        wait_until(lambda: ctl(bus.env(), "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
+        wait_until(lambda: ctl(self.bus.env(), "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
         log = dev.wait_log("Not exiting Tavle, as timer is running !!!!")
         self.assertEqual(len(self.server.requests("PUT")), 1)
         self.assertNotIn("exitTavel !!!!", log)
@@ -187,7 +160,3 @@ class CountryCodeTest(SettingsCase):
         # The flag that refused the exit stays set for good.
         time.sleep(0.3)
         self.assertIsNone(dev.proc.poll())
-
-
-if __name__ == "__main__":
-    unittest.main()
