@@ -1,61 +1,69 @@
 /*
- * Shared environment of the unit-test binary.
- *
+ * Shared environment of the unit-test binary, and the headers its files use.
  * util.cpp reads TAVEL_ROOT once per process, so the whole binary runs under
- * one temporary root, set before any test starts and removed at the end.
- * Tests that touch device paths call tavelTestCleanRoot() first, which
- * empties the root so each test starts from a blank device.
- *
- * Sleeps and timer delays of the agent are scaled down (TAVEL_TIME_SCALE
- * 1000, unless the environment already sets it) so steps that wait on the
- * device finish in milliseconds here.
+ * one temporary root, removed at the end; tests that touch device paths empty
+ * it first with tavelTestCleanRoot().  The agent's sleeps and timer delays
+ * are scaled down (TAVEL_TIME_SCALE 1000 unless the environment sets it), so
+ * steps that wait on the device finish in milliseconds here.
  */
 #ifndef TAVEL_TEST_ENV_H
 #define TAVEL_TEST_ENV_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
 
+#include "cfgm_intf.h"
+#include "dml.h"
 #include "main.h"
+#include "reply_fields.h"
+#include "store.h"
 #include "tavel_curl.h"
+#include "tavel_externalinft.h"
+#include "tavel_signal.h"
 #include "util.h"
 
-class TavelTestEnvironment : public ::testing::Environment
-{
-public:
-    explicit TavelTestEnvironment(std::string root) : root_(std::move(root)) {}
-    void TearDown() override
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(root_, ec);
-    }
+using namespace std::string_literals;
 
-private:
-    std::string root_;
-};
-
-/* The temporary root of this test binary (created on first use). */
 inline const std::string &tavelTestRoot()
 {
+    static char dir[] = "/tmp/tavel-unit-XXXXXX";
     static const std::string root = [] {
-        char tmpl[] = "/tmp/tavel-unit-XXXXXX";
-        const char *dir = mkdtemp(tmpl);
-        if (dir == nullptr) {
+        if (mkdtemp(dir) == nullptr) {
             abort(); /* never run tests against the real device paths */
         }
         setenv("TAVEL_ROOT", dir, 1);
         setenv("TAVEL_TIME_SCALE", "1000", 0);
-        ::testing::AddGlobalTestEnvironment(new TavelTestEnvironment(dir));
+        /* At exit rather than after the tests, so that listing them (as the
+         * build does to find them) leaves no root behind either.  Forked
+         * children leave by _exit(). */
+        atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(dir, ec);
+        });
         return std::string(dir);
     }();
     return root;
@@ -65,7 +73,6 @@ inline const std::string &tavelTestRoot()
  * (or anything the tests call) can read TAVEL_ROOT. */
 inline const bool g_tavelTestRootReady = !tavelTestRoot().empty();
 
-/* A device path under the test root. */
 inline std::string tavelTestPath(const std::string &devicePath)
 {
     return tavelTestRoot() + devicePath;
@@ -80,7 +87,6 @@ inline void tavelTestCleanRoot()
     }
 }
 
-/* Writes a file at a device path, creating its directories. */
 inline void tavelTestWriteFile(const std::string &devicePath, const std::string &content)
 {
     std::string path = tavelTestPath(devicePath);
@@ -89,7 +95,7 @@ inline void tavelTestWriteFile(const std::string &devicePath, const std::string 
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-/* Whole content of a file ("" when absent). */
+/* "" when absent. */
 inline std::string tavelTestSlurp(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -106,7 +112,7 @@ inline bool tavelTestExists(const std::string &devicePath)
     return std::filesystem::exists(tavelTestPath(devicePath), ec);
 }
 
-/* The platform log and the history log the stand-in writes under the root. */
+/* The platform log the stand-in writes under the root. */
 inline std::string tavelTestLog()
 {
     return tavelTestReadFile("/var/log/tavel.log");
@@ -167,7 +173,6 @@ inline bool tavelTestLogHas(const std::string &level, const std::string &text)
     return false;
 }
 
-/* Occurrences of text in s. */
 inline int tavelTestCount(const std::string &s, const std::string &text)
 {
     int n = 0;
@@ -175,6 +180,23 @@ inline int tavelTestCount(const std::string &s, const std::string &text)
         ++n;
     }
     return n;
+}
+
+/* The bytes in a heap block of exactly their size, without a terminator, so
+ * that the sanitizer builds catch a read past the end (as libcurl and the bus
+ * hand over their data). */
+inline std::unique_ptr<char[]> tavelTestBlock(const std::string &bytes)
+{
+    std::unique_ptr<char[]> block(new char[bytes.size()]);
+    memcpy(block.get(), bytes.data(), bytes.size());
+    return block;
+}
+
+/* The state of a fresh reply: every received value empty, under the test root. */
+inline void tavelTestFreshReply()
+{
+    ASSERT_STREQ(tavel_root(), tavelTestRoot().c_str()) << "TAVEL_ROOT must be in place before the state";
+    tavel_resetServerData();
 }
 
 /* A fresh TAVEL_ROOT per test for the data-model store tests, so no test
