@@ -117,45 +117,6 @@ inline std::string tavelTestLog()
 {
     return tavelTestReadFile("/var/log/tavel.log");
 }
-inline std::string tavelTestHistory()
-{
-    return tavelTestReadFile("/var/log/history.log");
-}
-
-/* A timer that never signals, put in place of one of the agent's timers so
- * a test can see whether and for how long the agent armed it. */
-class TavelQuietTimer
-{
-public:
-    TavelQuietTimer()
-    {
-        struct sigevent sev {
-        };
-        sev.sigev_notify = SIGEV_NONE;
-        ok_ = timer_create(CLOCK_MONOTONIC, &sev, &timer_) == 0;
-    }
-    TavelQuietTimer(const TavelQuietTimer &) = delete;
-    TavelQuietTimer &operator=(const TavelQuietTimer &) = delete;
-    ~TavelQuietTimer()
-    {
-        if (ok_) {
-            timer_delete(timer_);
-        }
-    }
-    bool ok() const { return ok_; }
-    timer_t get() const { return timer_; }
-    double remainingSeconds() const
-    {
-        struct itimerspec spec {
-        };
-        timer_gettime(timer_, &spec);
-        return static_cast<double>(spec.it_value.tv_sec) + spec.it_value.tv_nsec / 1e9;
-    }
-
-private:
-    timer_t timer_{};
-    bool ok_ = false;
-};
 
 /* True when the platform log holds a record of the given level ("debug",
  * "notice", "error") whose text after the agent's log prefix is exactly
@@ -198,56 +159,5 @@ inline void tavelTestFreshReply()
     ASSERT_STREQ(tavel_root(), tavelTestRoot().c_str()) << "TAVEL_ROOT must be in place before the state";
     tavel_resetServerData();
 }
-
-/* A fresh TAVEL_ROOT per test for the data-model store tests, so no test
- * sees another test's store (nor the store layer's cache of it). */
-class TavelRootTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        std::string tmpl = ::testing::TempDir() + "tavel-dml-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        root_ = tmpl;
-        setenv("TAVEL_ROOT", root_.c_str(), 1);
-    }
-    void TearDown() override
-    {
-        setenv("TAVEL_ROOT", tavelTestRoot().c_str(), 1);
-        std::error_code ec;
-        std::filesystem::remove_all(root_, ec);
-    }
-    std::string dir() const { return root_ + "/flash/dml"; }
-    std::string storeFile() const { return dir() + "/datamodel.conf"; }
-    void writeStore(const std::string &text) const
-    {
-        std::filesystem::create_directories(dir());
-        std::ofstream(storeFile(), std::ios::binary | std::ios::trunc) << text;
-    }
-    std::string readStore() const { return tavelTestSlurp(storeFile()); }
-
-    std::string root_;
-};
-
-namespace curltest
-{
-
-// The state of a fresh reply: every received value empty, under the test root.
-inline void freshServerData()
-{
-    ASSERT_STREQ(tavel_root(), tavelTestRoot().c_str()) << "TAVEL_ROOT must be in place before the state";
-    tavel_resetServerData();
-}
-
-// Hands a line to the header callback in a buffer of exactly its length, as
-// libcurl does (no terminator), so a sanitizer build catches any over-read.
-inline size_t feedHeader(const std::string &line)
-{
-    std::unique_ptr<char[]> buf(new char[line.size()]);
-    memcpy(buf.get(), line.data(), line.size());
-    return header_handler(buf.get(), 1, line.size(), nullptr);
-}
-
-} // namespace curltest
 
 #endif
