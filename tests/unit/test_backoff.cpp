@@ -1,8 +1,5 @@
 // Retry back-off: which codes are retried, with which delay, and what state
 // each rule leaves behind.
-#include <gtest/gtest.h>
-
-#include "main.h"
 #include "test_env.h"
 
 namespace
@@ -109,16 +106,13 @@ TEST(ConnStatusMapping, EveryCodeHasItsIndex)
 
 TEST(StatusSuffix, ChosenByStatusAndNeverOverruns)
 {
-    char url[256] = "https://ob.example.test/status";
-    appendStatusSuffix(url, 3);
-    EXPECT_STREQ(url, "https://ob.example.test/status?status=SUCCESS");
-    char failed[256] = "u";
-    appendStatusSuffix(failed, 2);
-    EXPECT_STREQ(failed, "u?status=ERROR:CONN_FAILED");
-    char none[256] = "u";
-    appendStatusSuffix(none, 1);
-    EXPECT_STREQ(none, "u");
-
+    const std::pair<int, const char *> suffixes[] = {
+        {3, "?status=SUCCESS"}, {2, "?status=ERROR:CONN_FAILED"}, {1, ""}};
+    for (const auto &[status, suffix] : suffixes) {
+        char url[256] = "https://ob.example.test/status";
+        appendStatusSuffix(url, status);
+        EXPECT_EQ(url, "https://ob.example.test/status"s + suffix);
+    }
     char full[257];
     memset(full, 'a', 250);
     full[250] = '\0';

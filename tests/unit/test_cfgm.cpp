@@ -1,16 +1,5 @@
 // The agent's data-model decisions against the real store: management
 // account, agent object, work mode, and the cloud settings.
-#include <gtest/gtest.h>
-#include <string.h>
-
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "cfgm_intf.h"
-#include "main.h"
-#include "store.h"
-#include "tavel_externalinft.h"
 #include "test_env.h"
 
 namespace
@@ -18,11 +7,13 @@ namespace
 
 using Params = std::vector<std::pair<std::string, std::string>>;
 
-void writeStore(const Params &params)
+void writeStore(const Params &params, const Params &more = {})
 {
     std::string text = "# unit test device\n";
-    for (const auto &p : params) {
-        text += p.first + "=" + tavel::dml::encodeValue(p.second) + "\n";
+    for (const Params *list : {&params, &more}) {
+        for (const auto &p : *list) {
+            text += p.first + "=" + tavel::dml::encodeValue(p.second) + "\n";
+        }
     }
     tavelTestWriteFile("/flash/dml/datamodel.conf", text);
 }
@@ -35,14 +26,18 @@ std::string stored(const char *name)
     return store.get(name);
 }
 
-const Params kAccount = {{"Device.ManagementServer.URL", "https://acs.example.test/cwmp"},
-                         {"Device.ManagementServer.Username", "cpe"},
-                         {"Device.ManagementServer.Password", "pw"}};
-
-Params with(Params base, const Params &more)
+// An account as the server sends it, and the same in the data model.
+char kUrl[] = "https://acs.example.test/cwmp", kUser[] = "cpe", kPass[] = "pw";
+const Params kAccount = {{"Device.ManagementServer.URL", kUrl},
+                         {"Device.ManagementServer.Username", kUser},
+                         {"Device.ManagementServer.Password", kPass}};
+ServerData received()
 {
-    base.insert(base.end(), more.begin(), more.end());
-    return base;
+    ServerData account = g_serverData;
+    account.mgmtUrl = kUrl;
+    account.cdpusername = kUser;
+    account.cdppassword = kPass;
+    return account;
 }
 
 class Cfgm : public ::testing::Test
@@ -57,18 +52,18 @@ protected:
 
 TEST_F(Cfgm, WorkModeDecisionTable)
 {
-    struct Case {
+    const struct {
         const char *mode, *role;
         int expected;
-    } const cases[] = {{"RGW", "", 1},
-                       {"RGW", "Satellite", 1},
-                       {"AP_Bridge", "Controller", 1},
-                       {"AP_Bridge", "", 0},
-                       {"AP_Bridge", "Agent", 0},
-                       {"CFG", "Controller", -1},
-                       {"", "Controller", 0},
-                       {"rgw", "", 0},
-                       {"Mesh", "", 0}};
+    } cases[] = {{"RGW", "", 1},
+                 {"RGW", "Satellite", 1},
+                 {"AP_Bridge", "Controller", 1},
+                 {"AP_Bridge", "", 0},
+                 {"AP_Bridge", "Agent", 0},
+                 {"CFG", "Controller", -1},
+                 {"", "Controller", 0},
+                 {"rgw", "", 0},
+                 {"Mesh", "", 0}};
     for (const auto &c : cases) {
         writeStore({{"Device.X_TAVEL_WiFiService.WorkMode", c.mode},
                     {"Device.X_TAVEL_WiFiService.WorkRole", c.role}});
@@ -81,12 +76,13 @@ TEST_F(Cfgm, WorkModeDecisionTable)
     EXPECT_TRUE(tavelTestLogHas("error", "get of OID_WIFISERVICE failed"));
 }
 
-TEST_F(Cfgm, ManagementUrlValidity)
+// The grace period for ACSConnFailed/ACSRetryReq runs in test_startup.py.
+TEST_F(Cfgm, ManagementUrlValidityAndConnectionStatus)
 {
-    struct Case {
+    const struct {
         const char *url, *user, *pass;
         int empty;
-    } const cases[] = {
+    } cases[] = {
         {"https://acs.tavel.invalid:7754", "u", "p", 1}, // factory default
         {" ", "u", "p", 1},
         {"", "u", "p", 1},
@@ -101,22 +97,23 @@ TEST_F(Cfgm, ManagementUrlValidity)
                     {"Device.ManagementServer.Password", c.pass}});
         EXPECT_EQ(tavel_isMgmtServerUrlEmpty(), c.empty) << "'" << c.url << "'";
     }
-    writeStore(with(kAccount, {{"Fault.dml_getManagementServerInfo", "1"}}));
+    writeStore({{"Device.X_TAVEL_Agent.ACSConnStatus", "ACSConnFailed"}});
+    EXPECT_EQ(tavel_isConnStatusFailed(), 0) << "no valid URL: no connection to judge";
+    writeStore(kAccount, {{"Fault.dml_getOnBoardingServerInfo", "1"}});
+    EXPECT_EQ(tavel_isConnStatusFailed(), 1);
+    writeStore(kAccount, {{"Fault.dml_getManagementServerInfo", "1"}});
     EXPECT_EQ(tavel_isMgmtServerUrlEmpty(), 1);
     EXPECT_TRUE(tavelTestLogHas("error", "Go For Polling .... preCfgMgmtUrl: "));
 }
 
 TEST_F(Cfgm, SameAccountComparesTheBackupObject)
 {
-    ServerData account = g_serverData;
-    char url[] = "https://acs.example.test/cwmp", user[] = "cpe", pass[] = "pw", empty[] = "";
-    account.mgmtUrl = url;
-    account.cdpusername = user;
-    account.cdppassword = pass;
-    const Params backup = {{"Device.ManagementServer.X_TAVEL_Backup.URL", url},
-                           {"Device.ManagementServer.X_TAVEL_Backup.Username", user},
-                           {"Device.ManagementServer.X_TAVEL_Backup.Password", pass}};
+    const Params backup = {{"Device.ManagementServer.X_TAVEL_Backup.URL", kUrl},
+                           {"Device.ManagementServer.X_TAVEL_Backup.Username", kUser},
+                           {"Device.ManagementServer.X_TAVEL_Backup.Password", kPass}};
     writeStore(backup);
+    ServerData account = received();
+    char empty[] = "";
     account.cdppassword = empty;
     EXPECT_EQ(isSameManagementAccount(&account), 0);
 
@@ -125,8 +122,8 @@ TEST_F(Cfgm, SameAccountComparesTheBackupObject)
     writeStore({});
     EXPECT_EQ(isSameManagementAccount(&none), 0);
 
-    account.cdppassword = pass;
-    writeStore(with(backup, {{"Fault.dml_getDefaultManagmentInfo", "1"}}));
+    account = received();
+    writeStore(backup, {{"Fault.dml_getDefaultManagmentInfo", "1"}});
     EXPECT_EQ(isSameManagementAccount(&account), 0);
     EXPECT_TRUE(tavelTestLogHas("error", "get of MANAGEMENT Backup Obj failed"));
 }
@@ -173,28 +170,14 @@ TEST_F(Cfgm, AgentObjectFillsTheRequestRecord)
     EXPECT_STREQ(info.x_api_key, "");
 }
 
-// The grace period for ACSConnFailed/ACSRetryReq runs in test_startup.py.
-TEST_F(Cfgm, ConnStatusWithoutUrlOrReadableObject)
-{
-    writeStore({{"Device.X_TAVEL_Agent.ACSConnStatus", "ACSConnFailed"}});
-    EXPECT_EQ(tavel_isConnStatusFailed(), 0); // no valid URL: no connection to judge
-    writeStore(with(kAccount, {{"Fault.dml_getOnBoardingServerInfo", "1"}}));
-    EXPECT_EQ(tavel_isConnStatusFailed(), 1);
-}
-
 TEST_F(Cfgm, NewAccountIsWrittenAfterEmptyingTheObject)
 {
     writeStore({{"Device.ManagementServer.URL", "https://old.example.test"},
                 {"Device.ManagementServer.Username", "old"},
                 {"Device.ManagementServer.Password", "old"},
                 {"Device.X_TAVEL_Agent.OpDesc", "x"}});
-    ServerData account = g_serverData;
-    char url[] = "https://acs.example.test/cwmp", user[] = "cpe", pass[] = "pw";
-    std::string op(40, 'o');
-    std::string subnet = "subnet desc\r";
-    account.mgmtUrl = url;
-    account.cdpusername = user;
-    account.cdppassword = pass;
+    ServerData account = received();
+    std::string op(40, 'o'), subnet = "subnet desc\r";
     account.operdesc = &op[0];
     account.subnetdesc = &subnet[0];
     // Account, order and the unlogged password are checked in test_onboarding.py.
@@ -204,32 +187,13 @@ TEST_F(Cfgm, NewAccountIsWrittenAfterEmptyingTheObject)
 
     // A failing first write: no pause, no second write.
     tavelTestCleanRoot();
-    writeStore(with(kAccount, {{"Fault.dml_setManagementServerInfo", "1"}}));
+    writeStore(kAccount, {{"Fault.dml_setManagementServerInfo", "1"}});
     EXPECT_EQ(tavel_setMgmtServerObj(&account), -1);
     EXPECT_EQ(tavelTestCount(tavelTestLog(), "Sleeping tavelAgent"), 0);
     EXPECT_EQ(stored("Device.ManagementServer.URL"), "https://acs.example.test/cwmp");
 }
 
-TEST_F(Cfgm, CloudEmptinessChecks)
-{
-    writeStore({});
-    EXPECT_EQ(tavel_isL1ClouldUrlEmpty(), 1);
-    EXPECT_EQ(tavel_isKPRconfigApikeyEmpty(), 1);
-    EXPECT_TRUE(tavelTestLogHas("notice", " default value present go for polling ...l1ClouldUrl "));
-
-    writeStore({{"Device.X_TAVEL_Cloud.L2URL", " "}, {"Device.X_TAVEL_Cloud.ConfigAPIKey", "k"}});
-    EXPECT_EQ(tavel_isL2ClouldUrlEmpty(), 0); // a single blank is a value
-    EXPECT_EQ(tavel_isKPRconfigApikeyEmpty(), 0);
-    EXPECT_TRUE(tavelTestLogHas("notice", " valid Apikey present no need to poll ...kprConfigApikey k"));
-
-    writeStore({{"Fault.dml_getKPRCConfigL1Server", "1"}, {"Fault.dml_getKPRCRAccessConfig", "1"}});
-    EXPECT_EQ(tavel_isL1ClouldUrlEmpty(), 0);
-    EXPECT_EQ(tavel_isRMAPPUrlEmpty(), 0);
-    EXPECT_TRUE(tavelTestLogHas("notice", "unable to get l1ClouldUrl"));
-    EXPECT_TRUE(tavelTestLogHas("notice", "unable to get mappUrl"));
-}
-
-TEST_F(Cfgm, CloudSettingsApplyOnlyWhatArrived)
+TEST_F(Cfgm, CloudSettingsApplyOnlyWhatArrivedAndReadBackEmptyOrNot)
 {
     writeStore({{"Device.X_TAVEL_Cloud.ConfigURL", "https://cfg.example.test"},
                 {"Device.X_TAVEL_Cloud.L2URL", "https://l2.old"}});
@@ -253,6 +217,23 @@ TEST_F(Cfgm, CloudSettingsApplyOnlyWhatArrived)
     tavel_setCloudMAPPURL(g_serverData);
     EXPECT_TRUE(tavelTestExists(TAVEL_CLOULDURLCONFIG_FILE));
     EXPECT_EQ(tavelTestCount(tavelTestLog(), "functin failed"), 0);
+
+    // Read back: empty, set (a single blank is a value), or unreadable.
+    writeStore({});
+    EXPECT_EQ(tavel_isL1ClouldUrlEmpty(), 1);
+    EXPECT_EQ(tavel_isKPRconfigApikeyEmpty(), 1);
+    EXPECT_TRUE(tavelTestLogHas("notice", " default value present go for polling ...l1ClouldUrl "));
+
+    writeStore({{"Device.X_TAVEL_Cloud.L2URL", " "}, {"Device.X_TAVEL_Cloud.ConfigAPIKey", "k"}});
+    EXPECT_EQ(tavel_isL2ClouldUrlEmpty(), 0);
+    EXPECT_EQ(tavel_isKPRconfigApikeyEmpty(), 0);
+    EXPECT_TRUE(tavelTestLogHas("notice", " valid Apikey present no need to poll ...kprConfigApikey k"));
+
+    writeStore({{"Fault.dml_getKPRCConfigL1Server", "1"}, {"Fault.dml_getKPRCRAccessConfig", "1"}});
+    EXPECT_EQ(tavel_isL1ClouldUrlEmpty(), 0);
+    EXPECT_EQ(tavel_isRMAPPUrlEmpty(), 0);
+    EXPECT_TRUE(tavelTestLogHas("notice", "unable to get l1ClouldUrl"));
+    EXPECT_TRUE(tavelTestLogHas("notice", "unable to get mappUrl"));
 }
 
 } // namespace

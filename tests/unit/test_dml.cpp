@@ -1,19 +1,74 @@
-#include <string.h>
+// The data-model store file and the dml_ stand-in on top of it.
+#include <sys/resource.h>
 
-#include <functional>
-#include <thread>
-
-#include "dml.h"
 #include "test_env.h"
+
+using tavel::dml::Change;
+using tavel::dml::UpdateResult;
 
 namespace
 {
 
-using DmlRead = TavelRootTest;
-using DmlWrite = TavelRootTest;
-using DmlFault = TavelRootTest;
-using DmlCountryList = TavelRootTest;
-using DmlThreads = TavelRootTest;
+// Every test starts from a blank device and without the parse of an earlier
+// test's store, which a file of the same identity could pass for.
+class Dml : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        tavelTestCleanRoot();
+        dml_releaseCache();
+    }
+    static std::string dir() { return tavelTestPath("/flash/dml"); }
+    static std::string storeFile() { return dir() + "/datamodel.conf"; }
+    static void writeStore(const std::string &text) { tavelTestWriteFile("/flash/dml/datamodel.conf", text); }
+    static std::string readStore() { return tavelTestSlurp(storeFile()); }
+    static ino_t inode()
+    {
+        struct stat st {
+        };
+        EXPECT_EQ(stat(storeFile().c_str(), &st), 0);
+        return st.st_ino;
+    }
+};
+
+// Each text as a line of its own.
+std::string lines(std::initializer_list<std::string> texts)
+{
+    std::string out;
+    for (const std::string &text : texts) {
+        out += text + "\n";
+    }
+    return out;
+}
+
+UpdateResult update(const std::vector<Change> &changes)
+{
+    std::string error;
+    return tavel::dml::update(changes, nullptr, &error);
+}
+
+UpdateResult set(const std::string &name, const std::string &value)
+{
+    return update({Change{name, value}});
+}
+
+tavel::dml::Store loaded()
+{
+    tavel::dml::Store store;
+    EXPECT_TRUE(store.load(nullptr));
+    return store;
+}
+
+// The texts, each followed by a bar.
+std::string joined(std::initializer_list<const char *> texts)
+{
+    std::string out;
+    for (const char *text : texts) {
+        out = out + text + "|";
+    }
+    return out;
+}
 
 template <typename T> T filled(unsigned char byte)
 {
@@ -27,76 +82,352 @@ template <typename T> bool sameBytes(const T &a, const T &b)
     return memcmp(&a, &b, sizeof(T)) == 0;
 }
 
-TEST_F(DmlRead, FillsEachRecordFromItsParameters)
+TEST_F(Dml, StoreReadsNameValueLinesAndSkipsCommentsAndMalformedLines)
 {
-    writeStore("Device.X_TAVEL_Agent.URL=https://ob.example/x\n"
-               "Device.X_TAVEL_Agent.OnBoardStatus=ConnectionSuccess\n"
-               "Device.X_TAVEL_Agent.OpDesc=op\n"
-               "Device.X_TAVEL_Agent.SubnetDesc=sub\n"
-               "Device.X_TAVEL_Agent.ACSConnStatus=ACSRetryReq\n"
-               "Device.DeviceInfo.SerialNumber=SN1\n"
-               "Device.DeviceInfo.X_TAVEL_OperatorID=OP\n"
-               "Device.DeviceInfo.X_TAVEL_Country=DE\n"
-               "Device.DeviceInfo.X_TAVEL_CACertPath=/etc/ca.pem\n"
-               "Device.DeviceInfo.X_TAVEL_CCSyncRequired=1\n"
-               "Device.DeviceInfo.X_TAVEL_CountryCode=FR\n"
-               "Device.Time.LocalTimeZone=CET-1CEST\n"
-               "Device.X_TAVEL_Cloud.L2URL=https://l2\n"
-               "Device.X_TAVEL_Cloud.L2Flags=255\n"
-               "Device.X_TAVEL_Cloud.RemoteAccessURL=https://ra\n"
-               "Device.X_TAVEL_Cloud.ConfigURL=https://cfg\n");
-    ASSERT_EQ(dml_init(0), 0);
-
-    // Enable, URL, key, account and work mode are read through the agent's
-    // own accessors in test_cfgm.cpp.
-    auto ob = filled<OnBoardingServerInfo>(0x55);
-    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
-    EXPECT_STREQ(ob.onBoardStatus, "ConnectionSuccess");
-    EXPECT_STREQ(ob.opDesc, "op");
-    EXPECT_STREQ(ob.subnetDesc, "sub");
-    EXPECT_STREQ(ob.acsConnStatus, "ACSRetryReq");
-    EXPECT_EQ(ob.URL[sizeof(ob.URL) - 1], 0); // the rest of a field is zeroed
-    auto mgmt = filled<ManagementServerInfo>(0x55);
-    ASSERT_EQ(dml_getDefaultManagmentInfo(&mgmt), 0);
-    EXPECT_STREQ(mgmt.Password, ""); // absent
-
-    char cc[DML_COUNTRYID_LEN], tz[DML_TIMEZONE_LEN];
-    ASSERT_EQ(dml_getCountryID(cc), 0);
-    ASSERT_EQ(dml_getTimeZone(tz), 0);
-    EXPECT_STREQ(cc, "FR");
-    EXPECT_STREQ(tz, "CET-1CEST");
-
-    // Only the three defined texts of the node record are the stand-in's.
-    auto node = filled<NodeInfo>(0x5a);
-    ASSERT_EQ(dml_getNodeInfo(&node), 0);
-    EXPECT_STREQ(node.serialNumber, "SN1");
-    EXPECT_STREQ(node.operatorId, "OP");
-    EXPECT_STREQ(node.country, "DE");
-    EXPECT_EQ(node.reserved0[0], 0x5a);
-    EXPECT_EQ(node.reserved1[0], 0x5a);
-
-    auto cap = filled<ModelCapability>(0x00);
-    ASSERT_EQ(dml_getModelCapability(&cap), 0);
-    EXPECT_EQ(cap.isCCSyncRequired, 1);
-    EXPECT_STREQ(dml_getHIECertifcatePath(), "/etc/ca.pem");
-
-    KPRCConfigServer l1 = filled<KPRCConfigServer>(0x55), l2 = l1;
-    ASSERT_EQ(dml_getKPRCConfigL1Server(&l1), 0);
-    ASSERT_EQ(dml_getKPRCConfigL2Server(&l2), 0);
-    EXPECT_STREQ(l1.URL, "");
-    EXPECT_EQ(l1.flags, 0);
-    EXPECT_STREQ(l2.URL, "https://l2");
-    EXPECT_EQ(l2.flags, 255);
-    auto ra = filled<KPRCRAccessConfig>(0x55);
-    ASSERT_EQ(dml_getKPRCRAccessConfig(&ra), 0);
-    EXPECT_STREQ(ra.URL, "https://ra");
-    auto zc = filled<KPRCZoragentConfig>(0x55);
-    ASSERT_EQ(dml_getKPRCZoragentConfig(&zc), 0);
-    EXPECT_STREQ(zc.configURL, "https://cfg");
-    EXPECT_STREQ(zc.apiKey, "");
+    writeStore(lines({"# A=from a comment", "", "A=1", "B==x=y", "no equals sign here", "=orphan value",
+                      "bad name=x", "Nul\0Name=x"s, "Bin=va\0lue\xff"s, "A=second", "Empty="}) +
+               "Last=tail");
+    const tavel::dml::Store store = loaded();
+    const struct {
+        const char *name;
+        bool has;
+        std::string value;
+    } params[] = {{"A", true, "1"}, // the first line of a name wins
+                  {"B", true, "=x=y"}, {"Bin", true, "va\0lue\xff"s}, {"Last", true, "tail"},
+                  {"Empty", true, ""}, {"bad name", false, ""},       {"Nul", false, ""},
+                  {"", false, ""},     {"Missing", false, ""}};
+    for (const auto &p : params) {
+        EXPECT_EQ(store.has(p.name), p.has) << p.name;
+        EXPECT_EQ(store.get(p.name), p.value) << p.name;
+    }
+    std::vector<std::string> names;
+    for (const tavel::dml::Param &p : store.params()) {
+        names.emplace_back(p.name);
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"A", "B", "Bin", "A", "Empty", "Last"}));
 }
 
-TEST_F(DmlRead, EnableNeedsANonZeroDecimalAndFlagsAByte)
+TEST_F(Dml, StoreUpdateKeepsEveryOtherLineAndEscapesValues)
+{
+    writeStore(lines({"# device defaults", "A=1", "", "garbage line", "B=2", "A=shadowed", "# end"}) + "C=3");
+    ASSERT_EQ(update({Change{"B", "two"}, Change{"New", "x\ty"}, Change{"C", "3"}}), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), lines({"# device defaults", "A=1", "", "garbage line", "B=two", "A=shadowed",
+                                  "# end", "C=3", "New=x\\ty"}));
+
+    ASSERT_EQ(update({Change{"A", "", true}}), UpdateResult::Ok);
+    EXPECT_FALSE(loaded().has("A")); // unset removes the shadowed copy as well
+    EXPECT_EQ(loaded().get("B"), "two");
+    EXPECT_EQ(set("bad name", "x"), UpdateResult::Error);
+    EXPECT_EQ(set("#A", "x"), UpdateResult::Error);
+
+    // Control bytes and backslashes stay on one line.
+    writeStore("");
+    const std::string value = "a\\b\r\nc\td\\n";
+    ASSERT_EQ(set("K", value), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), "K=a\\\\b\\r\\nc\\td\\\\n\n");
+    EXPECT_EQ(loaded().get("K"), value);
+    // Hand-written values with escapes the store does not know keep both
+    // bytes, a trailing backslash included.
+    EXPECT_EQ(tavel::dml::decodeValue("C:\\dir\\x\\"), "C:\\dir\\x\\");
+    EXPECT_EQ(tavel::dml::decodeValue("\\\\n\\n"), "\\n\n");
+}
+
+// A new store holds account passwords and is private; a rewrite keeps the
+// mode the integrator gave it, and the same value spares the flash a write.
+TEST_F(Dml, StoreFileModeAndRewrites)
+{
+    ASSERT_EQ(set("Device.X", "v"), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), "Device.X=v\n");
+    struct stat st;
+    ASSERT_EQ(stat(storeFile().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    writeStore("A=1\n");
+    ASSERT_EQ(chmod(storeFile().c_str(), 0640), 0);
+    const ino_t before = inode();
+    ASSERT_EQ(set("A", "1"), UpdateResult::Ok);
+    EXPECT_EQ(inode(), before);
+    ASSERT_EQ(set("A", "2"), UpdateResult::Ok);
+    EXPECT_NE(inode(), before);
+    ASSERT_EQ(stat(storeFile().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u);
+}
+
+TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreFailsReadsAndWrites)
+{
+    ASSERT_EQ(dml_init(0), 0);
+    auto mgmt = filled<ManagementServerInfo>(0x55);
+    ASSERT_EQ(dml_getManagementServerInfo(&mgmt), 0);
+    EXPECT_STREQ(mgmt.URL, "");
+    EXPECT_STREQ(mgmt.Password, "");
+
+    const struct {
+        const char *what;
+        std::function<void()> make;
+        const char *error;
+    } broken[] = {
+        {"a directory at the store", [&] { std::filesystem::create_directories(storeFile()); },
+         "datamodel.conf: Is a directory"},
+        {"a file where its directory belongs",
+         [&] {
+             std::filesystem::create_directories(tavelTestPath("/flash"));
+             std::ofstream(dir()) << "x";
+         },
+         "datamodel.conf: Not a directory"},
+        {"larger than the store may grow",
+         [&] {
+             writeStore("A=1\n");
+             ASSERT_EQ(truncate(storeFile().c_str(), off_t{tavel::dml::kMaxStoreSize + 1}), 0);
+         },
+         "datamodel.conf: File too large"},
+    };
+    ASSERT_STREQ(dml_getHIECertifcatePath(), "");
+    for (const auto &b : broken) {
+        SCOPED_TRACE(b.what);
+        std::filesystem::remove_all(tavelTestPath("/flash"));
+        b.make();
+        tavel::dml::Store store;
+        std::string error;
+        EXPECT_FALSE(store.load(&error));
+        EXPECT_NE(error.find(b.error), std::string::npos) << error;
+        EXPECT_EQ(set("A", "1"), UpdateResult::Error);
+        EXPECT_NE(dml_init(0), 0);
+        mgmt = filled<ManagementServerInfo>(0x55);
+        EXPECT_NE(dml_getManagementServerInfo(&mgmt), 0);
+        EXPECT_TRUE(sameBytes(mgmt, filled<ManagementServerInfo>(0x55)));
+        EXPECT_NE(dml_setCountryID("DE"), 0);
+        EXPECT_STREQ(dml_getHIECertifcatePath(), "");
+    }
+    if (geteuid() != 0) {
+        writeStore("A=1\n");
+        ASSERT_EQ(chmod(storeFile().c_str(), 0), 0);
+        EXPECT_FALSE(tavel::dml::Store().load(nullptr));
+        EXPECT_EQ(set("A", "2"), UpdateResult::Error);
+    }
+}
+
+TEST_F(Dml, StoreOfHundredThousandLinesAndAMegabyteValueStaysFast)
+{
+    std::string text;
+    for (int i = 0; i < 100000; ++i) {
+        text += "Device.Param" + std::to_string(i) + "=value " + std::to_string(i) + "\n";
+    }
+    const std::string big(1 << 20, 'x');
+    writeStore(text + "Big=" + big + "\n");
+
+    auto start = std::chrono::steady_clock::now();
+    tavel::dml::Store store = loaded();
+    EXPECT_EQ(store.get("Device.Param99999"), "value 99999");
+    EXPECT_EQ(store.get("Big"), big);
+    ASSERT_EQ(update({Change{"Device.Param50000", "changed"}, Change{"Added", "1"}}), UpdateResult::Ok);
+    ASSERT_TRUE(store.load(nullptr));
+    auto elapsed = std::chrono::steady_clock::now() - start;
+
+    EXPECT_EQ(store.get("Device.Param50000"), "changed");
+    EXPECT_EQ(store.get("Added"), "1");
+    EXPECT_EQ(store.params().size(), 100002u);
+    // Linear work stays well below this even in sanitizer builds.
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 2000);
+}
+
+TEST_F(Dml, FailedWriteLeavesTheOldStoreByteIdentical)
+{
+    const std::string old = "# keep me\nA=1\nB=2\n";
+    writeStore(old);
+    // A file-size limit makes every write past 4 KiB fail as on a full disk.
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit limit;
+        getrlimit(RLIMIT_FSIZE, &limit);
+        limit.rlim_cur = 4096;
+        setrlimit(RLIMIT_FSIZE, &limit);
+        _exit(set("A", std::string(65536, 'y')) == UpdateResult::Error ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "the update did not report the failed write";
+    EXPECT_EQ(readStore(), old);
+    // Nothing but the store and its lock: no temporary file is left behind.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir()), {}), 2);
+}
+
+TEST_F(Dml, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
+{
+    constexpr int kWriters = 4, kRounds = 40;
+    const std::string header = "# header\nSentinel=ok\n", padding(8192, 'p');
+    writeStore(header);
+    std::vector<pid_t> children;
+    for (int w = 0; w < kWriters; ++w) {
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            bool ok = true;
+            for (int r = 0; r < kRounds; ++r) {
+                const std::string n = std::to_string(w), v = std::to_string(r);
+                ok = ok && update({Change{"W" + n, v}, Change{"Pad" + n, padding + v}}) == UpdateResult::Ok;
+            }
+            _exit(ok ? 0 : 1);
+        }
+        children.push_back(child);
+    }
+
+    // Meanwhile every snapshot a reader sees must be a whole file.
+    std::vector<int> statuses(children.size(), -1);
+    int torn = 0, snapshots = 0;
+    for (size_t left = children.size(); left > 0; ++snapshots) {
+        tavel::dml::Store store = loaded();
+        const std::string &text = store.contents();
+        if (text.compare(0, header.size(), header) != 0 || text.back() != '\n' ||
+            std::count(text.begin(), text.end(), '\n') != 1 + static_cast<long>(store.params().size())) {
+            ++torn;
+        }
+        for (size_t i = 0; i < children.size(); ++i) {
+            int status = 0;
+            if (statuses[i] == -1 && waitpid(children[i], &status, WNOHANG) == children[i]) {
+                statuses[i] = status;
+                --left;
+            }
+        }
+    }
+    for (int status : statuses) {
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    EXPECT_EQ(torn, 0) << "of " << snapshots << " snapshots";
+    const tavel::dml::Store store = loaded();
+    for (int w = 0; w < kWriters; ++w) {
+        EXPECT_EQ(store.get("W" + std::to_string(w)), std::to_string(kRounds - 1));
+        EXPECT_EQ(store.get("Pad" + std::to_string(w)), padding + std::to_string(kRounds - 1));
+    }
+    EXPECT_EQ(store.get("Sentinel"), "ok");
+}
+
+std::string cachedGet(const std::string &name)
+{
+    std::string error;
+    tavel::dml::CachedStore store(&error);
+    return store.ok() ? store->get(name) : "error: " + error;
+}
+
+// Rewrites the file in place, keeping its inode, with the given time.
+void inPlace(const std::string &path, const std::string &text, struct timespec mtime)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+    const struct timespec times[2] = {mtime, mtime};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+const struct timespec kOld = {1500000000, 100}, kOld1 = {kOld.tv_sec, kOld.tv_nsec + 1};
+
+// Outside writers that keep the size, each leaving as little of the file's
+// identity changed as it can.
+TEST_F(Dml, CachedReadsSeeOutsideWritesThatKeepSizeAndSecond)
+{
+    const std::string path = storeFile();
+    const struct {
+        const char *what;
+        bool oldFile; // the file read first was last changed long ago
+        std::function<void()> write;
+    } writers[] = {
+        {"replaced, other nanoseconds", true,
+         [&] {
+             inPlace(path + ".new", "A=2\n", kOld1);
+             ASSERT_EQ(rename((path + ".new").c_str(), path.c_str()), 0);
+         }},
+        {"in place, other nanoseconds", true,
+         [&] {
+             inPlace(path, "A=2\n", {kOld.tv_sec, kOld.tv_nsec + 2});
+         }},
+        {"in place, the same time as the read file (within one clock tick)", false,
+         [&] {
+             struct stat st {
+             };
+             stat(path.c_str(), &st);
+             inPlace(path, "A=2\n", st.st_mtim);
+         }},
+    };
+    for (const auto &w : writers) {
+        writeStore("A=1\n");
+        if (w.oldFile) {
+            inPlace(path, "A=1\n", kOld);
+        }
+        EXPECT_EQ(cachedGet("A"), "1") << w.what;
+        w.write();
+        EXPECT_EQ(cachedGet("A"), "2") << w.what;
+    }
+}
+
+TEST_F(Dml, UpdatesWorkOnTheFileAndReleaseDropsTheParse)
+{
+    const std::string path = storeFile();
+    writeStore("");
+    inPlace(path, "A=1\nB=1\n", kOld);
+    EXPECT_EQ(cachedGet("A"), "1");
+    // An outside write the parse has not seen survives an update.
+    inPlace(path, "A=1\nB=2\n", kOld1);
+    ASSERT_EQ(set("C", "3"), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), "A=1\nB=2\nC=3\n");
+    // The parse the update kept follows its own edits: later lines shift.
+    ASSERT_EQ(set("A", "longer"), UpdateResult::Ok);
+    EXPECT_EQ(cachedGet("B"), "2");
+    EXPECT_EQ(cachedGet("C"), "3");
+
+    // A file last changed long ago is known by its identity alone: a
+    // rewrite that keeps all of it is not seen until the parse is dropped.
+    inPlace(path, "A=longer\nB=7\nC=3\n", kOld);
+    EXPECT_EQ(cachedGet("B"), "7");
+    inPlace(path, "A=longer\nB=8\nC=3\n", kOld);
+    EXPECT_EQ(cachedGet("B"), "7");
+    dml_releaseCache();
+    EXPECT_EQ(cachedGet("B"), "8");
+}
+
+TEST_F(Dml, GettersFillEachRecordFromItsParameters)
+{
+    writeStore(
+        lines({"Device.X_TAVEL_Agent.URL=https://ob.example/x",
+               "Device.X_TAVEL_Agent.OnBoardStatus=ConnectionSuccess", "Device.X_TAVEL_Agent.OpDesc=op",
+               "Device.X_TAVEL_Agent.SubnetDesc=sub", "Device.X_TAVEL_Agent.ACSConnStatus=ACSRetryReq",
+               "Device.DeviceInfo.SerialNumber=SN1", "Device.DeviceInfo.X_TAVEL_OperatorID=OP",
+               "Device.DeviceInfo.X_TAVEL_Country=DE", "Device.DeviceInfo.X_TAVEL_CACertPath=/etc/ca.pem",
+               "Device.DeviceInfo.X_TAVEL_CCSyncRequired=1", "Device.DeviceInfo.X_TAVEL_CountryCode=FR",
+               "Device.Time.LocalTimeZone=CET-1CEST", "Device.X_TAVEL_Cloud.L2URL=https://l2",
+               "Device.X_TAVEL_Cloud.L2Flags=255", "Device.X_TAVEL_Cloud.RemoteAccessURL=https://ra",
+               "Device.X_TAVEL_Cloud.ConfigURL=https://cfg"}));
+    // Every record starts filled, so a field a getter leaves alone shows.
+    auto ob = filled<OnBoardingServerInfo>(0x55);
+    auto mgmt = filled<ManagementServerInfo>(0x55);
+    auto node = filled<NodeInfo>(0x5a); // only its three defined texts are the stand-in's
+    auto cap = filled<ModelCapability>(0x00);
+    auto l1 = filled<KPRCConfigServer>(0x55), l2 = l1;
+    auto ra = filled<KPRCRAccessConfig>(0x55);
+    auto zc = filled<KPRCZoragentConfig>(0x55);
+    char cc[DML_COUNTRYID_LEN], tz[DML_TIMEZONE_LEN];
+    ASSERT_EQ(dml_init(0) | dml_getOnBoardingServerInfo(&ob) | dml_getDefaultManagmentInfo(&mgmt) |
+                  dml_getCountryID(cc) | dml_getTimeZone(tz) | dml_getNodeInfo(&node) |
+                  dml_getModelCapability(&cap) | dml_getKPRCConfigL1Server(&l1) |
+                  dml_getKPRCConfigL2Server(&l2) | dml_getKPRCRAccessConfig(&ra) |
+                  dml_getKPRCZoragentConfig(&zc),
+              0);
+    // Enable, URL, key, account and work mode are read through the agent's
+    // own accessors in test_cfgm.cpp.
+    EXPECT_EQ(
+        joined({ob.onBoardStatus, ob.opDesc, ob.subnetDesc, ob.acsConnStatus, mgmt.Password, cc, tz,
+                node.serialNumber, node.operatorId, node.country, l1.URL, l2.URL, ra.URL, zc.configURL,
+                zc.apiKey, dml_getHIECertifcatePath()}),
+        "ConnectionSuccess|op|sub|ACSRetryReq||FR|CET-1CEST|SN1|OP|DE||https://l2|https://ra|https://cfg||"
+        "/etc/ca.pem|");
+    EXPECT_EQ(ob.URL[sizeof(ob.URL) - 1], 0); // the rest of a field is zeroed
+    EXPECT_EQ(node.reserved0[0], 0x5a);
+    EXPECT_EQ(node.reserved1[0], 0x5a);
+    EXPECT_EQ(cap.isCCSyncRequired, 1);
+    EXPECT_EQ(l1.flags, 0);
+    EXPECT_EQ(l2.flags, 255);
+}
+
+TEST_F(Dml, EnableNeedsANonZeroDecimalAndFlagsAByte)
 {
     const std::pair<const char *, int> enables[] = {
         {"1", 1},   {"7", 1},  {"-2", 1}, {"99999999999999999999", 1},
@@ -104,7 +435,7 @@ TEST_F(DmlRead, EnableNeedsANonZeroDecimalAndFlagsAByte)
         {"1x", 0},  {" 1", 0}, {"+", 0},  {"0x1", 0},
     };
     for (const auto &[text, expected] : enables) {
-        writeStore(std::string("Device.X_TAVEL_Agent.Enable=") + text + "\n");
+        writeStore("Device.X_TAVEL_Agent.Enable="s + text + "\n");
         OnBoardingServerInfo ob{};
         ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
         EXPECT_EQ(ob.enable, expected) << "'" << text << "'";
@@ -112,21 +443,21 @@ TEST_F(DmlRead, EnableNeedsANonZeroDecimalAndFlagsAByte)
     const std::pair<const char *, int> flags[] = {{"0", 0},  {"1", 1}, {"255", 255}, {"256", 0},
                                                   {"-1", 0}, {"x", 0}, {"", 0},      {"0255", 0}};
     for (const auto &[text, expected] : flags) {
-        writeStore(std::string("Device.X_TAVEL_Cloud.L1Flags=") + text + "\n");
+        writeStore("Device.X_TAVEL_Cloud.L1Flags="s + text + "\n");
         KPRCConfigServer cfg{};
         ASSERT_EQ(dml_getKPRCConfigL1Server(&cfg), 0);
         EXPECT_EQ(cfg.flags, expected) << "'" << text << "'";
     }
 }
 
-TEST_F(DmlRead, LongTextsAreCutToTheirFields)
+TEST_F(Dml, LongTextsAreCutToTheirFields)
 {
     const std::string huge(1 << 20, 'u');
-    writeStore("Device.ManagementServer.URL=" + huge + "\n" + "Device.ManagementServer.Username=user\n" +
-               "Device.X_TAVEL_WiFiService.WorkMode=" + std::string(40, 'm') + "\n" +
-               "Device.DeviceInfo.X_TAVEL_CountryCode=ABCDEF\n" + "Device.DeviceInfo.SerialNumber=" +
-               std::string(100, 's') + "\n" + "Device.DeviceInfo.X_TAVEL_CACertPath=" + huge + "\n");
-
+    writeStore(lines({"Device.ManagementServer.URL=" + huge, "Device.ManagementServer.Username=user",
+                      "Device.X_TAVEL_WiFiService.WorkMode=" + std::string(40, 'm'),
+                      "Device.DeviceInfo.X_TAVEL_CountryCode=ABCDEF",
+                      "Device.DeviceInfo.SerialNumber=" + std::string(100, 's'),
+                      "Device.DeviceInfo.X_TAVEL_CACertPath=" + huge}));
     ManagementServerInfo mgmt{};
     ASSERT_EQ(dml_getManagementServerInfo(&mgmt), 0);
     EXPECT_EQ(strnlen(mgmt.URL, sizeof(mgmt.URL)), sizeof(mgmt.URL) - 1);
@@ -145,49 +476,15 @@ TEST_F(DmlRead, LongTextsAreCutToTheirFields)
     char cc[DML_COUNTRYID_LEN];
     ASSERT_EQ(dml_getCountryID(cc), 0);
     EXPECT_STREQ(cc, "ABC");
-
     auto node = filled<NodeInfo>(0x5a);
     ASSERT_EQ(dml_getNodeInfo(&node), 0);
     EXPECT_EQ(std::string(node.serialNumber), std::string(sizeof(node.serialNumber) - 1, 's'));
     EXPECT_EQ(node.reserved1[0], 0x5a);
-
     EXPECT_EQ(strlen(dml_getHIECertifcatePath()), huge.size()); // no field: handed out whole
 }
 
-TEST_F(DmlRead, MissingStoreGivesEmptyValuesAndUnreadableStoreFails)
+TEST_F(Dml, CloudSettersKeepFieldsThatArriveEmpty)
 {
-    ASSERT_EQ(dml_init(0), 0);
-    auto mgmt = filled<ManagementServerInfo>(0x55);
-    ASSERT_EQ(dml_getManagementServerInfo(&mgmt), 0);
-    EXPECT_STREQ(mgmt.URL, "");
-    EXPECT_STREQ(mgmt.Password, "");
-
-    ASSERT_EQ(mkdir((root_ + "/flash").c_str(), 0755), 0);
-    ASSERT_EQ(mkdir(dir().c_str(), 0755), 0);
-    ASSERT_EQ(mkdir(storeFile().c_str(), 0755), 0);
-    EXPECT_NE(dml_init(0), 0);
-    mgmt = filled<ManagementServerInfo>(0x55);
-    EXPECT_NE(dml_getManagementServerInfo(&mgmt), 0);
-    EXPECT_TRUE(sameBytes(mgmt, filled<ManagementServerInfo>(0x55)));
-    EXPECT_NE(dml_setCountryID("DE"), 0);
-    const char *path = dml_getHIECertifcatePath();
-    ASSERT_NE(path, nullptr);
-    EXPECT_STREQ(path, "");
-}
-
-TEST_F(DmlWrite, CloudSettersKeepFieldsThatArriveEmpty)
-{
-    KPRCZoragentConfig zc{};
-    strcpy(zc.configURL, "https://cfg");
-    ASSERT_EQ(dml_setKPRCZoragentConfig(&zc), 0);
-    zc = KPRCZoragentConfig{};
-    strcpy(zc.apiKey, "secret");
-    ASSERT_EQ(dml_setKPRCZoragentConfig(&zc), 0);
-    zc = KPRCZoragentConfig{};
-    ASSERT_EQ(dml_getKPRCZoragentConfig(&zc), 0);
-    EXPECT_STREQ(zc.configURL, "https://cfg");
-    EXPECT_STREQ(zc.apiKey, "secret");
-
     KPRCConfigServer l1{};
     strcpy(l1.URL, "https://l1");
     l1.flags = 1;
@@ -211,15 +508,31 @@ TEST_F(DmlWrite, CloudSettersKeepFieldsThatArriveEmpty)
     // A field filled to its last byte without a NUL is read only up to its end.
     KPRCConfigServer full{};
     memset(full.URL, 'f', sizeof(full.URL));
-    full.flags = 0;
     ASSERT_EQ(dml_setKPRCConfigL2Server(&full), 0);
     full = KPRCConfigServer{};
     ASSERT_EQ(dml_getKPRCConfigL2Server(&full), 0);
     EXPECT_EQ(strlen(full.URL), sizeof(full.URL) - 1);
 }
 
-TEST_F(DmlWrite, ManagementSetterStoresEmptyFields)
+TEST_F(Dml, SettersChangeOnlyTheirParametersAndStoreEmptyAccountFields)
 {
+    writeStore(lines({"# factory", "Device.X_TAVEL_Agent.OnBoardStatus=NoConnection",
+                      "Device.X_TAVEL_Agent.URL=https://ob", "Device.Time.LocalTimeZone=UTC",
+                      "Device.X_TAVEL_Agent.OpDesc=old"}));
+    ASSERT_EQ(dml_setOnBoardStatus("ConnectionSuccess"), 0);
+    ASSERT_EQ(dml_setOpSubnetDesc("op\nx", ""), 0);
+    ASSERT_EQ(dml_setCountryID("DE"), 0);
+    ASSERT_EQ(dml_setTimeZone("CET-1CEST", "Europe/Berlin"), 0);
+    EXPECT_EQ(readStore(),
+              lines({"# factory", "Device.X_TAVEL_Agent.OnBoardStatus=ConnectionSuccess",
+                     "Device.X_TAVEL_Agent.URL=https://ob", "Device.Time.LocalTimeZone=CET-1CEST",
+                     "Device.X_TAVEL_Agent.OpDesc=op\\nx",
+                     "Device.X_TAVEL_Agent.SubnetDesc=", "Device.DeviceInfo.X_TAVEL_CountryCode=DE",
+                     "Device.Time.X_TAVEL_LocalTimeZoneName=Europe/Berlin"}));
+    EXPECT_NE(dml_setOnBoardStatus(nullptr), 0);
+    EXPECT_NE(dml_setTimeZone("UTC", nullptr), 0);
+
+    writeStore("");
     ManagementServerInfo info{};
     strcpy(info.URL, "https://acs");
     strcpy(info.Username, "user");
@@ -228,44 +541,18 @@ TEST_F(DmlWrite, ManagementSetterStoresEmptyFields)
     info = ManagementServerInfo{};
     ASSERT_EQ(dml_getManagementServerInfo(&info), 0);
     EXPECT_STREQ(info.Password, "pa\ts\\s");
-
     ManagementServerInfo empty{};
     ASSERT_EQ(dml_setManagementServerInfo(&empty), 0);
-    EXPECT_EQ(readStore(), "Device.ManagementServer.URL=\n"
-                           "Device.ManagementServer.Username=\n"
-                           "Device.ManagementServer.Password=\n");
+    EXPECT_EQ(readStore(), lines({"Device.ManagementServer.URL=", "Device.ManagementServer.Username=",
+                                  "Device.ManagementServer.Password="}));
 }
 
-TEST_F(DmlWrite, SmallSettersChangeOnlyTheirParameters)
+TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
 {
-    writeStore("# factory\n"
-               "Device.X_TAVEL_Agent.OnBoardStatus=NoConnection\n"
-               "Device.X_TAVEL_Agent.URL=https://ob\n"
-               "Device.Time.LocalTimeZone=UTC\n"
-               "Device.X_TAVEL_Agent.OpDesc=old\n");
-    ASSERT_EQ(dml_setOnBoardStatus("ConnectionSuccess"), 0);
-    ASSERT_EQ(dml_setOpSubnetDesc("op\nx", ""), 0);
-    ASSERT_EQ(dml_setCountryID("DE"), 0);
-    ASSERT_EQ(dml_setTimeZone("CET-1CEST", "Europe/Berlin"), 0);
-    EXPECT_EQ(readStore(), "# factory\n"
-                           "Device.X_TAVEL_Agent.OnBoardStatus=ConnectionSuccess\n"
-                           "Device.X_TAVEL_Agent.URL=https://ob\n"
-                           "Device.Time.LocalTimeZone=CET-1CEST\n"
-                           "Device.X_TAVEL_Agent.OpDesc=op\\nx\n"
-                           "Device.X_TAVEL_Agent.SubnetDesc=\n"
-                           "Device.DeviceInfo.X_TAVEL_CountryCode=DE\n"
-                           "Device.Time.X_TAVEL_LocalTimeZoneName=Europe/Berlin\n");
-    EXPECT_NE(dml_setOnBoardStatus(nullptr), 0);
-    EXPECT_NE(dml_setTimeZone("UTC", nullptr), 0);
-}
-
-TEST_F(DmlFault, FaultLineFailsTheOperationWithOutputsUntouched)
-{
-    const std::string values = "Device.ManagementServer.URL=https://acs\n"
-                               "Device.X_TAVEL_WiFiService.WorkMode=RGW\n"
-                               "Device.DeviceInfo.X_TAVEL_CACertPath=/ca.pem\n"
-                               "Device.DeviceInfo.X_TAVEL_SupportedCountries=US\n"
-                               "Device.X_TAVEL_Cloud.ConfigURL=https://cfg\n";
+    const std::string values = lines(
+        {"Device.ManagementServer.URL=https://acs", "Device.X_TAVEL_WiFiService.WorkMode=RGW",
+         "Device.DeviceInfo.X_TAVEL_CACertPath=/ca.pem", "Device.DeviceInfo.X_TAVEL_SupportedCountries=US",
+         "Device.X_TAVEL_Cloud.ConfigURL=https://cfg"});
     auto mgmt = filled<ManagementServerInfo>(0x55);
     auto ob = filled<OnBoardingServerInfo>(0x55);
     auto node = filled<NodeInfo>(0x55);
@@ -304,10 +591,11 @@ TEST_F(DmlFault, FaultLineFailsTheOperationWithOutputsUntouched)
     EXPECT_EQ(list.groups, untouched.groups);
     EXPECT_EQ(std::string(mode, sizeof(mode)), std::string(sizeof(mode), 0x55));
 
+    // The path of an earlier call is not handed out again.
+    writeStore(values);
+    ASSERT_STREQ(dml_getHIECertifcatePath(), "/ca.pem");
     writeStore(values + "Fault.dml_getHIECertifcatePath=1\n");
-    const char *path = dml_getHIECertifcatePath();
-    ASSERT_NE(path, nullptr);
-    EXPECT_STREQ(path, "");
+    EXPECT_STREQ(dml_getHIECertifcatePath(), "");
 
     // A fault names one operation and lasts only while its line stands.
     writeStore(values + "Fault.dml_getWorkMode=1\nFault.dml_getWorkRole=0\n");
@@ -319,7 +607,7 @@ TEST_F(DmlFault, FaultLineFailsTheOperationWithOutputsUntouched)
     EXPECT_STREQ(mode, "RGW");
 }
 
-TEST_F(DmlCountryList, ParsesGroupsAndKeepsTheArraysWhileUnchanged)
+TEST_F(Dml, CountryListGroupsAndKeepsTheArraysWhileUnchanged)
 {
     writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=US,CA;GB, FR ,,DE;;LONGCODE;\n");
     SupportedCountryList list{};
@@ -333,7 +621,6 @@ TEST_F(DmlCountryList, ParsesGroupsAndKeepsTheArraysWhileUnchanged)
         }
     }
     EXPECT_EQ(groups, (std::vector<std::vector<std::string>>{{"US", "CA"}, {"GB", "FR", "DE"}, {"LONG"}}));
-
     SupportedCountryList again{};
     ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
     EXPECT_EQ(again.groups, list.groups);
@@ -344,41 +631,36 @@ TEST_F(DmlCountryList, ParsesGroupsAndKeepsTheArraysWhileUnchanged)
     EXPECT_EQ(again.groups, nullptr);
 }
 
-TEST_F(DmlThreads, ConcurrentSettersLoseNoUpdate)
+TEST_F(Dml, ConcurrentSettersLoseNoUpdate)
 {
     constexpr int kRounds = 25;
-    std::vector<std::thread> threads;
-    threads.emplace_back([] {
-        for (int i = 0; i < kRounds; ++i) {
-            dml_setOnBoardStatus(("status" + std::to_string(i)).c_str());
-        }
-    });
-    threads.emplace_back([] {
-        for (int i = 0; i < kRounds; ++i) {
-            dml_setTimeZone(("tz" + std::to_string(i)).c_str(), "zone");
-        }
-    });
-    threads.emplace_back([] {
-        for (int i = 0; i < kRounds; ++i) {
-            dml_setCountryID(std::to_string(i).c_str());
-        }
-    });
-    threads.emplace_back([] {
-        for (int i = 0; i < kRounds; ++i) {
+    const std::function<void(const std::string &)> writers[] = {
+        [](const std::string &i) { dml_setOnBoardStatus(("status" + i).c_str()); },
+        [](const std::string &i) { dml_setTimeZone(("tz" + i).c_str(), "zone"); },
+        [](const std::string &i) { dml_setCountryID(i.c_str()); },
+        [](const std::string &) {
             SupportedCountryList list;
             dml_getSupportedCountryList(&list);
             dml_getHIECertifcatePath();
-        }
-    });
+        },
+    };
+    std::vector<std::thread> threads;
+    for (const auto &write : writers) {
+        threads.emplace_back([&write] {
+            for (int i = 0; i < kRounds; ++i) {
+                write(std::to_string(i));
+            }
+        });
+    }
     for (std::thread &t : threads) {
         t.join();
     }
     OnBoardingServerInfo ob{};
-    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
-    EXPECT_STREQ(ob.onBoardStatus, "status24");
     char tz[DML_TIMEZONE_LEN], cc[DML_COUNTRYID_LEN];
+    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
     ASSERT_EQ(dml_getTimeZone(tz), 0);
     ASSERT_EQ(dml_getCountryID(cc), 0);
+    EXPECT_STREQ(ob.onBoardStatus, "status24");
     EXPECT_STREQ(tz, "tz24");
     EXPECT_STREQ(cc, "24");
 }

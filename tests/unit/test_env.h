@@ -1,61 +1,69 @@
 /*
- * Shared environment of the unit-test binary.
- *
+ * Shared environment of the unit-test binary, and the headers its files use.
  * util.cpp reads TAVEL_ROOT once per process, so the whole binary runs under
- * one temporary root, set before any test starts and removed at the end.
- * Tests that touch device paths call tavelTestCleanRoot() first, which
- * empties the root so each test starts from a blank device.
- *
- * Sleeps and timer delays of the agent are scaled down (TAVEL_TIME_SCALE
- * 1000, unless the environment already sets it) so steps that wait on the
- * device finish in milliseconds here.
+ * one temporary root, removed at the end; tests that touch device paths empty
+ * it first with tavelTestCleanRoot().  The agent's sleeps and timer delays
+ * are scaled down (TAVEL_TIME_SCALE 1000 unless the environment sets it), so
+ * steps that wait on the device finish in milliseconds here.
  */
 #ifndef TAVEL_TEST_ENV_H
 #define TAVEL_TEST_ENV_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
 
+#include "cfgm_intf.h"
+#include "dml.h"
 #include "main.h"
+#include "reply_fields.h"
+#include "store.h"
 #include "tavel_curl.h"
+#include "tavel_externalinft.h"
+#include "tavel_signal.h"
 #include "util.h"
 
-class TavelTestEnvironment : public ::testing::Environment
-{
-public:
-    explicit TavelTestEnvironment(std::string root) : root_(std::move(root)) {}
-    void TearDown() override
-    {
-        std::error_code ec;
-        std::filesystem::remove_all(root_, ec);
-    }
+using namespace std::string_literals;
 
-private:
-    std::string root_;
-};
-
-/* The temporary root of this test binary (created on first use). */
 inline const std::string &tavelTestRoot()
 {
+    static char dir[] = "/tmp/tavel-unit-XXXXXX";
     static const std::string root = [] {
-        char tmpl[] = "/tmp/tavel-unit-XXXXXX";
-        const char *dir = mkdtemp(tmpl);
-        if (dir == nullptr) {
+        if (mkdtemp(dir) == nullptr) {
             abort(); /* never run tests against the real device paths */
         }
         setenv("TAVEL_ROOT", dir, 1);
         setenv("TAVEL_TIME_SCALE", "1000", 0);
-        ::testing::AddGlobalTestEnvironment(new TavelTestEnvironment(dir));
+        /* At exit rather than after the tests, so that listing them (as the
+         * build does to find them) leaves no root behind either.  Forked
+         * children leave by _exit(). */
+        atexit([] {
+            std::error_code ec;
+            std::filesystem::remove_all(dir, ec);
+        });
         return std::string(dir);
     }();
     return root;
@@ -65,7 +73,6 @@ inline const std::string &tavelTestRoot()
  * (or anything the tests call) can read TAVEL_ROOT. */
 inline const bool g_tavelTestRootReady = !tavelTestRoot().empty();
 
-/* A device path under the test root. */
 inline std::string tavelTestPath(const std::string &devicePath)
 {
     return tavelTestRoot() + devicePath;
@@ -80,7 +87,6 @@ inline void tavelTestCleanRoot()
     }
 }
 
-/* Writes a file at a device path, creating its directories. */
 inline void tavelTestWriteFile(const std::string &devicePath, const std::string &content)
 {
     std::string path = tavelTestPath(devicePath);
@@ -89,7 +95,7 @@ inline void tavelTestWriteFile(const std::string &devicePath, const std::string 
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-/* Whole content of a file ("" when absent). */
+/* "" when absent. */
 inline std::string tavelTestSlurp(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -106,50 +112,11 @@ inline bool tavelTestExists(const std::string &devicePath)
     return std::filesystem::exists(tavelTestPath(devicePath), ec);
 }
 
-/* The platform log and the history log the stand-in writes under the root. */
+/* The platform log the stand-in writes under the root. */
 inline std::string tavelTestLog()
 {
     return tavelTestReadFile("/var/log/tavel.log");
 }
-inline std::string tavelTestHistory()
-{
-    return tavelTestReadFile("/var/log/history.log");
-}
-
-/* A timer that never signals, put in place of one of the agent's timers so
- * a test can see whether and for how long the agent armed it. */
-class TavelQuietTimer
-{
-public:
-    TavelQuietTimer()
-    {
-        struct sigevent sev {
-        };
-        sev.sigev_notify = SIGEV_NONE;
-        ok_ = timer_create(CLOCK_MONOTONIC, &sev, &timer_) == 0;
-    }
-    TavelQuietTimer(const TavelQuietTimer &) = delete;
-    TavelQuietTimer &operator=(const TavelQuietTimer &) = delete;
-    ~TavelQuietTimer()
-    {
-        if (ok_) {
-            timer_delete(timer_);
-        }
-    }
-    bool ok() const { return ok_; }
-    timer_t get() const { return timer_; }
-    double remainingSeconds() const
-    {
-        struct itimerspec spec {
-        };
-        timer_gettime(timer_, &spec);
-        return static_cast<double>(spec.it_value.tv_sec) + spec.it_value.tv_nsec / 1e9;
-    }
-
-private:
-    timer_t timer_{};
-    bool ok_ = false;
-};
 
 /* True when the platform log holds a record of the given level ("debug",
  * "notice", "error") whose text after the agent's log prefix is exactly
@@ -167,7 +134,6 @@ inline bool tavelTestLogHas(const std::string &level, const std::string &text)
     return false;
 }
 
-/* Occurrences of text in s. */
 inline int tavelTestCount(const std::string &s, const std::string &text)
 {
     int n = 0;
@@ -177,55 +143,21 @@ inline int tavelTestCount(const std::string &s, const std::string &text)
     return n;
 }
 
-/* A fresh TAVEL_ROOT per test for the data-model store tests, so no test
- * sees another test's store (nor the store layer's cache of it). */
-class TavelRootTest : public ::testing::Test
+/* The bytes in a heap block of exactly their size, without a terminator, so
+ * that the sanitizer builds catch a read past the end (as libcurl and the bus
+ * hand over their data). */
+inline std::unique_ptr<char[]> tavelTestBlock(const std::string &bytes)
 {
-protected:
-    void SetUp() override
-    {
-        std::string tmpl = ::testing::TempDir() + "tavel-dml-XXXXXX";
-        ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-        root_ = tmpl;
-        setenv("TAVEL_ROOT", root_.c_str(), 1);
-    }
-    void TearDown() override
-    {
-        setenv("TAVEL_ROOT", tavelTestRoot().c_str(), 1);
-        std::error_code ec;
-        std::filesystem::remove_all(root_, ec);
-    }
-    std::string dir() const { return root_ + "/flash/dml"; }
-    std::string storeFile() const { return dir() + "/datamodel.conf"; }
-    void writeStore(const std::string &text) const
-    {
-        std::filesystem::create_directories(dir());
-        std::ofstream(storeFile(), std::ios::binary | std::ios::trunc) << text;
-    }
-    std::string readStore() const { return tavelTestSlurp(storeFile()); }
+    std::unique_ptr<char[]> block(new char[bytes.size()]);
+    memcpy(block.get(), bytes.data(), bytes.size());
+    return block;
+}
 
-    std::string root_;
-};
-
-namespace curltest
-{
-
-// The state of a fresh reply: every received value empty, under the test root.
-inline void freshServerData()
+/* The state of a fresh reply: every received value empty, under the test root. */
+inline void tavelTestFreshReply()
 {
     ASSERT_STREQ(tavel_root(), tavelTestRoot().c_str()) << "TAVEL_ROOT must be in place before the state";
     tavel_resetServerData();
 }
-
-// Hands a line to the header callback in a buffer of exactly its length, as
-// libcurl does (no terminator), so a sanitizer build catches any over-read.
-inline size_t feedHeader(const std::string &line)
-{
-    std::unique_ptr<char[]> buf(new char[line.size()]);
-    memcpy(buf.get(), line.data(), line.size());
-    return header_handler(buf.get(), 1, line.size(), nullptr);
-}
-
-} // namespace curltest
 
 #endif

@@ -1,13 +1,6 @@
 // The reader of the onboarding reply's headers: which lines carry which value
 // and how each value is cut out of a line that is not NUL-terminated.
-#include <string>
-
-#include <gtest/gtest.h>
-
-#include "reply_fields.h"
 #include "test_env.h"
-
-using curltest::feedHeader;
 
 namespace
 {
@@ -15,8 +8,13 @@ namespace
 class HeaderTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { curltest::freshServerData(); }
+    void SetUp() override { tavelTestFreshReply(); }
 };
+
+size_t feed(const std::string &line)
+{
+    return header_handler(tavelTestBlock(line).get(), 1, line.size(), nullptr);
+}
 
 // The stored value of a field by its header name; the country code otherwise.
 const char *storedValue(const std::string &name)
@@ -39,33 +37,26 @@ TEST_F(HeaderTest, TypesFollowExactCaseSensitiveNames)
     for (int type = 1; type <= 13; ++type) {
         EXPECT_EQ(getHeaderType((std::string(known[type - 1]) + ": v\r\n").c_str()), type) << known[type - 1];
     }
-    const char *ignored[] = {
-        "URL: x\r\n", "Url: x\r\n", "url : x\r\n", "urls: x\r\n",  "HTTP/1.1 200 OK\r\n",
-        "\r\n",       "",           ":::\r\n",     "x-url: x\r\n", "Content-Length: 0\r\n",
-        "l1url\r\n"};
-    for (const char *line : ignored) {
+    for (const char *line : {"URL: x\r\n", "Url: x\r\n", "url : x\r\n", "urls: x\r\n", "HTTP/1.1 200 OK\r\n",
+                             "\r\n", "", ":::\r\n", "x-url: x\r\n", "Content-Length: 0\r\n", "l1url\r\n"}) {
         EXPECT_EQ(getHeaderType(line), HDR_NONE) << line;
     }
-    // Leading colons are skipped before the name is taken.
+    // Leading colons are skipped before the name is taken, but only the first
+    // 255 bytes are looked at: a name pushed past them is lost.
     EXPECT_EQ(getHeaderType("::url: x\r\n"), HDR_URL);
-}
-
-TEST_F(HeaderTest, NameIsJudgedOnTheFirst255BytesOnly)
-{
-    std::string longName(300, 'a');
-    EXPECT_EQ(feedHeader(longName + ": v\r\n"), longName.size() + 5);
-    EXPECT_EQ(getHeaderType((longName + ": v\r\n").c_str()), HDR_NONE);
-    // Only the first 255 bytes are looked at: a name pushed past them by
-    // leading colons is lost, one just inside them is still found.
     EXPECT_EQ(getHeaderType((std::string(255, ':') + "url: v\r\n").c_str()), HDR_NONE);
     EXPECT_EQ(getHeaderType((std::string(250, ':') + "url: v\r\n").c_str()), HDR_URL);
+    const std::string longName(300, 'a');
+    EXPECT_EQ(feed(longName + ": v\r\n"), longName.size() + 5);
+    EXPECT_EQ(getHeaderType((longName + ": v\r\n").c_str()), HDR_NONE);
 }
 
 // Each line is fed after "<field>: old" for its own field, so a line that
 // clears or keeps the earlier value shows it.
 TEST_F(HeaderTest, ValueRulesPerLine)
 {
-    const char *const kOpdesc = "opdesc", *const kSnet = "snetdesc", *const kTenant = "tenantid";
+    const char *const kOpdesc = "opdesc", *const kSnet = "snetdesc", *const kTenant = "tenantid",
+                      *const kCc = "countrycode";
     const struct {
         const char *field;
         std::string line;
@@ -96,15 +87,15 @@ TEST_F(HeaderTest, ValueRulesPerLine)
         {kOpdesc, "opdesc:", ""},
         {kSnet, "snetdesc: \n", ""},
         {kSnet, "snetdesc: z\n", "z"},
-        {"countrycode", "countrycode: US\r\n", "US"},
-        {"countrycode", "countrycode: DEUX\r\n", "DEU"},
-        {"countrycode", "countrycode:FR\r\n", "FR"},
-        {"countrycode", "countrycode: \r\n", ""},
-        {"countrycode", "countrycode: ABCDEFGHIJ", "ABC"},
+        {kCc, "countrycode: US\r\n", "US"},
+        {kCc, "countrycode: DEUX\r\n", "DEU"},
+        {kCc, "countrycode:FR\r\n", "FR"},
+        {kCc, "countrycode: \r\n", ""},
+        {kCc, "countrycode: ABCDEFGHIJ", "ABC"},
     };
     for (const auto &c : cases) {
-        feedHeader(std::string(c.field) + ": old\r\n");
-        feedHeader(c.line);
+        feed(std::string(c.field) + ": old\r\n");
+        feed(c.line);
         EXPECT_STREQ(storedValue(c.field), c.expected) << c.line;
     }
 }
@@ -117,90 +108,61 @@ TEST_F(HeaderTest, NaMeansEmptyForCloudFieldsOnly)
         if (!f.isHeap() || f.type == HDR_OPDESC || f.type == HDR_SNETDESC) {
             continue;
         }
-        char *const &value = g_serverData.*f.heap;
-        feedHeader(std::string(f.name) + ": NA\r\n");
-        EXPECT_STREQ(value, f.type >= HDR_L1URL ? "" : "NA") << f.name;
-        feedHeader(std::string(f.name) + ": NAX\r\n");
-        EXPECT_STREQ(value, "NAX") << f.name;
-        feedHeader(std::string(f.name) + ": na\r\n");
-        EXPECT_STREQ(value, "na") << f.name;
-        feedHeader(std::string(f.name) + ":\tv w\r\n");
-        EXPECT_STREQ(value, "v") << f.name;
+        const std::pair<const char *, const char *> values[] = {
+            {" NA", f.type >= HDR_L1URL ? "" : "NA"}, {" NAX", "NAX"}, {" na", "na"}, {"\tv w", "v"}};
+        for (const auto &[value, stored] : values) {
+            feed(std::string(f.name) + ":" + value + "\r\n");
+            EXPECT_STREQ(g_serverData.*f.heap, stored) << f.name << ":" << value;
+        }
     }
 }
 
-TEST_F(HeaderTest, LaterHeaderWinsAndAbsentHeaderKeepsValue)
+// A later reply without a header, a line too short to hold one and the
+// time-zone line (stored elsewhere) keep the values received before.
+TEST_F(HeaderTest, LaterHeaderOfAnyLengthWinsAndLinesWithoutItKeepTheValue)
 {
-    feedHeader("url: https://one\r\n");
-    feedHeader("l1url: https://cloud\r\n");
-    feedHeader("url: https://two\r\n");
+    feed("url: https://one\r\n");
+    feed("l1url: https://cloud\r\n");
+    feed("url: https://two\r\n");
+    feed("countrycode: GB\r\n");
+    for (const std::string line :
+         {"HTTP/1.1 200 OK\r\n", "\r\n", "", "\n", "u", "timezone: Europe\\/Berlin,CET-1CEST\r\n"}) {
+        EXPECT_EQ(feed(line), line.size()) << line;
+    }
     EXPECT_STREQ(g_serverData.mgmtUrl, "https://two");
-    // A later reply without the header leaves the earlier value alone.
-    feedHeader("HTTP/1.1 200 OK\r\n");
-    feedHeader("\r\n");
     EXPECT_STREQ(g_serverData.l1url, "https://cloud");
-}
-
-TEST_F(HeaderTest, TinyLinesChangeNothingAndEveryLineIsAccepted)
-{
-    feedHeader("url: keep\r\n");
-    feedHeader("countrycode: GB\r\n");
-    const std::string lines[] = {"", "\n", "u", "\r\n"};
-    for (const std::string &line : lines) {
-        EXPECT_EQ(feedHeader(line), line.size());
-    }
-    EXPECT_STREQ(g_serverData.mgmtUrl, "keep");
     EXPECT_STREQ(g_serverData.countryCode, "GB");
+    EXPECT_STREQ(g_serverData.tenantID, "");
+    // Values of any length: a megabyte is stored whole, and a short value
+    // after it leaves no trace of it.
+    std::string value(1024 * 1024, 'k');
+    feed("kprconfigapikey: " + value + "\r\n");
+    EXPECT_EQ(std::string(g_serverData.kprconfigapikey), value);
+    feed("opdesc: " + value + "\r\n");
+    EXPECT_EQ(strlen(g_serverData.operdesc), value.size() + 1);
+    feed("kprconfigapikey: short\r\n");
+    EXPECT_STREQ(g_serverData.kprconfigapikey, "short");
 
     // size * nmemb is the length libcurl is told was handled.
-    std::string line = "url: abcd\r\n";
-    std::unique_ptr<char[]> buf(new char[line.size()]);
-    memcpy(buf.get(), line.data(), line.size());
-    EXPECT_EQ(header_handler(buf.get(), line.size(), 1, nullptr), line.size());
+    const std::string line = "url: abcd\r\n";
+    EXPECT_EQ(header_handler(tavelTestBlock(line).get(), line.size(), 1, nullptr), line.size());
 }
 
-TEST_F(HeaderTest, TimezoneLineStoresNothingHere)
-{
-    feedHeader("url: keep\r\n");
-    EXPECT_EQ(feedHeader("timezone: Europe\\/Berlin,CET-1CEST\r\n"), 36u);
-    EXPECT_STREQ(g_serverData.mgmtUrl, "keep");
-    EXPECT_STREQ(g_serverData.tenantID, "");
-}
-
-TEST_F(HeaderTest, PasswordLineIsStoredButNeverLogged)
+TEST_F(HeaderTest, TraceShowsEachLineWithinItsLengthButNoPassword)
 {
     size_t mark = tavelTestLog().size();
-    feedHeader("pwd: s3cr3t-value\r\n");
-    feedHeader("x-note: has pwd inside s3cr3t-two\r\n");
-    feedHeader("name: operator-a\r\n");
+    feed("pwd: s3cr3t-value\r\n");
+    feed("x-note: has pwd inside s3cr3t-two\r\n");
+    feed("name: operator-a\r\n");
+    // The bytes after the line in memory must never reach the log.
+    std::string mem = "tenantid: t-42\r\nTRAILING-GARBAGE";
+    header_handler(&mem[0], 1, strlen("tenantid: t-42\r\n"), nullptr);
     std::string log = tavelTestLog().substr(mark);
     EXPECT_STREQ(g_serverData.cdppassword, "s3cr3t-value");
+    EXPECT_STREQ(g_serverData.tenantID, "t-42");
     EXPECT_EQ(log.find("s3cr3t"), std::string::npos) << log;
     EXPECT_NE(log.find(" header value is name: operator-a"), std::string::npos) << log;
     EXPECT_NE(log.find("Size 1 nmemb: 18"), std::string::npos) << log;
-}
-
-TEST_F(HeaderTest, LoggedLineStopsAtItsLength)
-{
-    // The bytes after the line in memory must never reach the log.
-    std::string mem = "tenantid: t-42\r\nTRAILING-GARBAGE";
-    size_t n = strlen("tenantid: t-42\r\n");
-    size_t mark = tavelTestLog().size();
-    header_handler(&mem[0], 1, n, nullptr);
-    std::string log = tavelTestLog().substr(mark);
-    EXPECT_STREQ(g_serverData.tenantID, "t-42");
-    EXPECT_NE(log.find("tenantid: t-42"), std::string::npos);
+    EXPECT_NE(log.find("tenantid: t-42"), std::string::npos) << log;
     EXPECT_EQ(log.find("TRAILING"), std::string::npos) << log;
-}
-
-TEST_F(HeaderTest, MegabyteValueIsStoredWhole)
-{
-    std::string value(1024 * 1024, 'k');
-    feedHeader("kprconfigapikey: " + value + "\r\n");
-    EXPECT_EQ(std::string(g_serverData.kprconfigapikey), value);
-    feedHeader("opdesc: " + value + "\r\n");
-    EXPECT_EQ(strlen(g_serverData.operdesc), value.size() + 1);
-    // Shrinking back to a short value leaves no trace of the long one.
-    feedHeader("kprconfigapikey: short\r\n");
-    EXPECT_STREQ(g_serverData.kprconfigapikey, "short");
 }

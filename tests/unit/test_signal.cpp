@@ -1,18 +1,6 @@
 // The bus signal handlers and the debug-command interpreter, called directly
 // with payloads in exactly-sized heap blocks so that a read past the end is
 // caught by the address sanitizer build.
-#include <gtest/gtest.h>
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "main.h"
-#include "tavel_signal.h"
 #include "test_env.h"
 
 namespace
@@ -21,36 +9,24 @@ namespace
 const std::string kEnter = "enter tavel_processDbgCmdSignal.\n";
 const std::string kMismatch = "tavel_processDbgCmdSignal, parameter mismatched.\n";
 const std::string kIgnore = "tavel_processDbgCmdSignal, ignore.\n";
-
-std::string helpText()
-{
-    return std::string("httpinfo") + std::string(22, ' ') + "\tDump Http Connection Details. " +
-           std::string(30, ' ') + "\n" + "acsinfo" + std::string(23, ' ') +
-           "\tDump ACS Connection Details. " + std::string(31, ' ') + "\n";
-}
-
-// A zeroed heap block of exactly n bytes, nothing after it.
-using Block = std::unique_ptr<char, FreeDeleter>;
-
-Block exactBlock(size_t n)
-{
-    return Block(static_cast<char *>(calloc(n > 0 ? n : 1, 1)));
-}
+const std::string kHelp = "httpinfo" + std::string(22, ' ') + "\tDump Http Connection Details. " +
+                          std::string(30, ' ') + "\nacsinfo" + std::string(23, ' ') +
+                          "\tDump ACS Connection Details. " + std::string(31, ' ') + "\n";
 
 // A debug-command payload of exactly 2,112 bytes.
-Block dbgPayload(const std::string &module, const std::string &cmd)
+std::string dbgPayload(const std::string &module, const std::string &cmd)
 {
-    auto block = exactBlock(TAVEL_DBG_PAYLOAD_LEN);
-    memcpy(block.get(), module.data(), std::min(module.size(), size_t{TAVEL_DBG_MODULE_LEN}));
-    memcpy(block.get() + TAVEL_DBG_MODULE_LEN, cmd.data(),
-           std::min(cmd.size(), size_t{TAVEL_DBG_CMDLINE_LEN}));
-    return block;
+    std::string payload(TAVEL_DBG_PAYLOAD_LEN, '\0');
+    memcpy(&payload[0], module.data(), std::min(module.size(), size_t{TAVEL_DBG_MODULE_LEN}));
+    memcpy(&payload[TAVEL_DBG_MODULE_LEN], cmd.data(), std::min(cmd.size(), size_t{TAVEL_DBG_CMDLINE_LEN}));
+    return payload;
 }
 
-std::string runDbgSignal(const void *payload, uint32_t len)
+std::string runDbgSignal(const std::string &payload)
 {
     testing::internal::CaptureStdout();
-    tavel_processDbgCmdSignal(nullptr, nullptr, payload, len);
+    tavel_processDbgCmdSignal(nullptr, nullptr, tavelTestBlock(payload).get(),
+                              static_cast<uint32_t>(payload.size()));
     return testing::internal::GetCapturedStdout();
 }
 
@@ -68,39 +44,32 @@ protected:
     void TearDown() override { tavel_resetRetryState(); }
 };
 
-TEST_F(DbgCmdTest, WrongSizeOrMissingPayloadOnlyReportsMismatch)
+TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReported)
 {
-    for (size_t n : {size_t{0}, size_t{3}, size_t{7}, size_t{2111}, size_t{2113}}) {
-        SCOPED_TRACE(n);
-        auto block = exactBlock(n);
-        memcpy(block.get(), "tavelAgent", std::min(n, size_t{11}));
-        EXPECT_EQ(runDbgSignal(block.get(), static_cast<uint32_t>(n)), kEnter + kMismatch);
+    const std::string sized = dbgPayload("tavelAgent", "") + '\0';
+    for (size_t n : {0, 3, 7, 2111, 2113}) {
+        EXPECT_EQ(runDbgSignal(sized.substr(0, n)), kEnter + kMismatch) << n;
     }
-    EXPECT_EQ(runDbgSignal(nullptr, TAVEL_DBG_PAYLOAD_LEN), kEnter + kMismatch);
-}
+    testing::internal::CaptureStdout();
+    tavel_processDbgCmdSignal(nullptr, nullptr, nullptr, TAVEL_DBG_PAYLOAD_LEN);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), kEnter + kMismatch);
 
-TEST_F(DbgCmdTest, OtherModulesAreIgnored)
-{
-    for (const char *module : {"tavelagent", "tavelAgentX", "tavel", ""}) {
-        SCOPED_TRACE(module);
-        auto payload = dbgPayload(module, "setTimeout 5");
-        EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN), kEnter + kIgnore);
-    }
     // A name filling its whole field has no terminator, so it is not the agent's.
-    std::string unterminated = "tavelAgent" + std::string(TAVEL_DBG_MODULE_LEN - 10, 'x');
-    auto payload = dbgPayload(unterminated, "setTimeout 5");
-    EXPECT_EQ(runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN), kEnter + kIgnore);
+    const std::string modules[] = {"tavelagent", "tavelAgentX", "tavel", "",
+                                   "tavelAgent" + std::string(TAVEL_DBG_MODULE_LEN - 10, 'x')};
+    for (const std::string &module : modules) {
+        EXPECT_EQ(runDbgSignal(dbgPayload(module, "setTimeout 5")), kEnter + kIgnore) << module;
+    }
     EXPECT_EQ(g_retryTimeout, 86400);
 }
 
-TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
+TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionElevenAndAnythingElsePrintsTheHelp)
 {
-    struct Case {
+    const struct {
         const char *cmd;
-        const char *shown;
+        const char *shown; // null: the help
         int32_t value;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"setTimeout", "", 0},                                // ends before the value position
         {"setTimeout ", "", 0},                               // ends exactly at it
         {"setTimeout abc", "abc", 0},                         // no digits
@@ -109,41 +78,34 @@ TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionEleven)
         {"setTimeout 42s", "42s", 42},                        // digits up to the first other character
         {"setTimeout 99999999999", "99999999999", INT32_MAX}, // saturates
         {"abcdefghijk7 setTimeout", "7 setTimeout", 7},       // the word anywhere
+        {"httpinfo ", nullptr, 12345},
+        {" httpinfo", nullptr, 12345},
+        {"HTTPINFO", nullptr, 12345},
+        {"acsinfo\n", nullptr, 12345},
+        {"setTimeou 5", nullptr, 12345},
+        {"", nullptr, 12345},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.cmd);
+    for (const auto &c : cases) {
         g_retryTimeout = 12345;
-        EXPECT_EQ(runDbgCmd(c.cmd),
-                  std::string("debug cmdLine = ") + c.cmd + ".\n" + "cmdLine+11 = " + c.shown + ".\n");
-        EXPECT_EQ(g_retryTimeout, c.value);
+        EXPECT_EQ(runDbgCmd(c.cmd), "debug cmdLine = "s + c.cmd + ".\n" +
+                                        (c.shown != nullptr ? "cmdLine+11 = "s + c.shown + ".\n" : kHelp))
+            << c.cmd;
+        EXPECT_EQ(g_retryTimeout, c.value) << c.cmd;
     }
-}
-
-TEST_F(DbgCmdTest, AnythingElsePrintsTheHelp)
-{
-    for (const char *cmd : {"httpinfo ", " httpinfo", "HTTPINFO", "acsinfo\n", "setTimeou 5", ""}) {
-        SCOPED_TRACE(cmd);
-        EXPECT_EQ(runDbgCmd(cmd), std::string("debug cmdLine = ") + cmd + ".\n" + helpText());
-    }
-    EXPECT_EQ(runDbgCmd(nullptr), helpText());
+    EXPECT_EQ(runDbgCmd(nullptr), kHelp);
 }
 
 // The dumps themselves are checked on the real binary in test_bus.py.
 TEST_F(DbgCmdTest, UnterminatedCommandFieldIsReadWithinItsBytes)
 {
-    std::string cmd = "setTimeout 42" + std::string(TAVEL_DBG_CMDLINE_LEN - 13, 'x');
-    auto payload = dbgPayload("tavelAgent", cmd);
-    std::string out = runDbgSignal(payload.get(), TAVEL_DBG_PAYLOAD_LEN);
-    EXPECT_EQ(out, kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + "debug cmdLine = " + cmd +
-                       ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
+    const std::string cmd = "setTimeout 42" + std::string(TAVEL_DBG_CMDLINE_LEN - 13, 'x');
+    const std::string handled = "debug cmdLine = " + cmd + ".\ncmdLine+11 = " + cmd.substr(11) + ".\n";
+    EXPECT_EQ(runDbgSignal(dbgPayload("tavelAgent", cmd)),
+              kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + handled);
     EXPECT_EQ(g_retryTimeout, 42);
-
     // Called on its own with a field of exactly 2,048 unterminated bytes.
-    auto field = exactBlock(TAVEL_DBG_CMDLINE_LEN);
-    memcpy(field.get(), cmd.data(), TAVEL_DBG_CMDLINE_LEN);
     g_retryTimeout = 0;
-    EXPECT_EQ(runDbgCmd(field.get()),
-              "debug cmdLine = " + cmd + ".\n" + "cmdLine+11 = " + cmd.substr(11) + ".\n");
+    EXPECT_EQ(runDbgCmd(tavelTestBlock(cmd).get()), handled);
     EXPECT_EQ(g_retryTimeout, 42);
 }
 
@@ -157,83 +119,58 @@ protected:
     }
     void TearDown() override { memcpy(g_timezone, savedTimezone_, sizeof(g_timezone)); }
 
-    static void ntp(const void *payload, uint32_t len)
-    {
-        tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, payload, len);
-    }
-    static void sync(const void *payload, uint32_t len)
-    {
-        tavel_processSyncMgrSignal(nullptr, nullptr, payload, len);
-    }
-    static std::string ntpLine(const std::string &value)
-    {
-        return "notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is " + value +
-               ".\n";
-    }
-
     char savedTimezone_[sizeof(g_timezone)] = {};
 };
 
 TEST_F(SignalTest, NtpValueIsBoundedByPayloadTerminatorAndField)
 {
     memset(g_timezone, 'z', sizeof(g_timezone) - 1);
-    const struct {
-        std::string payload;
-        std::string value;
-    } cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"Europe/Ber", "Europe/Ber"}, // unterminated: read within its bytes only
-        {std::string("CET\0xy", 6), "CET"},
+        {"CET\0xy"s, "CET"},
         {std::string(60, 'A'), std::string(49, 'A')},
     };
-    for (const auto &c : cases) {
-        auto block = exactBlock(c.payload.size());
-        memcpy(block.get(), c.payload.data(), c.payload.size());
-        ntp(block.get(), static_cast<uint32_t>(c.payload.size()));
+    for (const auto &[payload, value] : cases) {
+        tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, tavelTestBlock(payload).get(),
+                                            static_cast<uint32_t>(payload.size()));
         EXPECT_EQ(std::string(g_timezone, sizeof(g_timezone)),
-                  c.value + std::string(sizeof(g_timezone) - c.value.size(), '\0'));
+                  value + std::string(sizeof(g_timezone) - value.size(), '\0'));
     }
-    EXPECT_NE(tavelTestLog().find(ntpLine(std::string(49, 'A'))), std::string::npos) << tavelTestLog();
+    EXPECT_NE(tavelTestLog().find(
+                  "notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is " +
+                  std::string(49, 'A') + ".\n"),
+              std::string::npos)
+        << tavelTestLog();
 
-    ntp(nullptr, 0);
+    tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, nullptr, 0);
     EXPECT_EQ(std::string(g_timezone), std::string(49, 'A'));
     EXPECT_TRUE(tavelTestLogHas("error", "signal ignored: payload of 0 bytes, 1 needed")) << tavelTestLog();
 }
 
+// One log line for each message; the data a header announces is never read.
 TEST_F(SignalTest, SyncMessages)
 {
-    sync(nullptr, 0);
+    tavel_processSyncMgrSignal(nullptr, nullptr, nullptr, 0);
     EXPECT_TRUE(tavelTestLogHas("debug", "msg is NULL")) << tavelTestLog();
 
-    for (size_t n : {size_t{3}, size_t{7}}) {
-        SCOPED_TRACE(n);
-        tavelTestCleanRoot();
-        auto block = exactBlock(n);
-        sync(block.get(), static_cast<uint32_t>(n));
-        EXPECT_TRUE(
-            tavelTestLogHas("error", "signal ignored: payload of " + std::to_string(n) + " bytes, 8 needed"))
-            << tavelTestLog();
-        EXPECT_EQ(tavelTestLog().find("type ="), std::string::npos);
-    }
-
-    // Header only: the data it announces is never read.
-    struct Case {
-        int32_t type;
-        int32_t len;
-        const char *level;
-        const char *line;
+    auto header = [](int32_t type, int32_t len) {
+        const int32_t fields[2] = {type, len};
+        return std::string(reinterpret_cast<const char *>(fields), sizeof(fields));
     };
-    const Case cases[] = {
-        {1, 0, "notice", "type = 1, len = 0"},
-        {1, 5, "notice", "Received ACS Connection Status"},
-        {7, 2, "debug", "unknown type 7"},
+    const struct {
+        std::string payload;
+        const char *level, *line;
+    } cases[] = {
+        {std::string(3, '\0'), "error", "signal ignored: payload of 3 bytes, 8 needed"},
+        {std::string(7, '\0'), "error", "signal ignored: payload of 7 bytes, 8 needed"},
+        {header(1, 0), "notice", "type = 1, len = 0"},
+        {header(1, 5), "notice", "Received ACS Connection Status"},
+        {header(7, 2), "debug", "unknown type 7"},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.line);
+    for (const auto &c : cases) {
         tavelTestCleanRoot();
-        int32_t header[2] = {c.type, c.len};
-        auto block = exactBlock(sizeof(header));
-        memcpy(block.get(), header, sizeof(header));
-        sync(block.get(), sizeof(header));
+        tavel_processSyncMgrSignal(nullptr, nullptr, tavelTestBlock(c.payload).get(),
+                                   static_cast<uint32_t>(c.payload.size()));
         EXPECT_TRUE(tavelTestLogHas(c.level, c.line)) << tavelTestLog();
         EXPECT_EQ(tavelTestCount(tavelTestLog(), "\n"), 1) << tavelTestLog();
     }
@@ -241,11 +178,9 @@ TEST_F(SignalTest, SyncMessages)
 
 TEST_F(SignalTest, BootstrapNeedsFourBytes)
 {
-    for (size_t n : {size_t{0}, size_t{3}}) {
-        SCOPED_TRACE(n);
+    for (size_t n : {0, 3}) {
         tavelTestCleanRoot();
-        auto block = exactBlock(n);
-        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, n > 0 ? block.get() : nullptr,
+        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, n > 0 ? tavelTestBlock("abc").get() : nullptr,
                                         static_cast<uint32_t>(n));
         EXPECT_TRUE(tavelTestLogHas("notice", "tavel_TR69BootStrapStatusSignal Entered ... "))
             << tavelTestLog();

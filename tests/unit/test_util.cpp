@@ -1,15 +1,4 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <string>
-
 #include "test_env.h"
-#include "util.h"
 
 // The file operations that replaced shell commands: the same effects on the
 // device's files as mkdir -p, touch, rm, rm -rf and "> file".
