@@ -95,3 +95,28 @@ TEST(Spawn, PassesArgumentsVerbatimWithSignalsUnblocked)
     const char *missing[] = {"tavel-no-such-command", nullptr};
     EXPECT_EQ(tavel_spawn(missing), -1);
 }
+
+// The agent lock nests per thread and keeps other threads out until the
+// outermost unlock or a release; an unlock it does not hold must not
+// unbalance the next lock.
+TEST(AgentLock, NestsExcludesAndIgnoresAStrayUnlock)
+{
+    tavel_agentUnlock();
+    tavel_agentLock();
+    tavel_agentLock();
+    std::atomic<bool> entered{false};
+    std::thread other([&] {
+        AgentLockGuard guard;
+        entered = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(entered) << "another thread entered while the lock was held";
+    int depth = tavel_agentLockRelease();
+    EXPECT_EQ(depth, 2);
+    other.join();
+    EXPECT_TRUE(entered);
+    tavel_agentLockRestore(depth);
+    tavel_agentUnlock();
+    EXPECT_EQ(tavel_agentLockRelease(), 1);
+    EXPECT_EQ(tavel_agentLockRelease(), 0);
+}
