@@ -2,7 +2,8 @@
 # Installs a build tree into temporary staging directories (DESTDIR) and
 # checks what lands there: the files, their modes and the final paths they
 # name, the systemd unit's settings the agent relies on, the init script
-# driven against a stand-in daemon, and the Debian package.  Nothing outside
+# driven against a stand-in daemon (its stop removes the firewall rules once
+# the agent is gone), and the Debian package.  Nothing outside
 # a temporary directory is touched.
 #   tests/packaging/check_install.sh BUILD_DIR
 # shellcheck source=tests/packaging/common.sh
@@ -58,28 +59,38 @@ init="$stage/etc/init.d/tavelagent"
 if [ -f "$init" ]; then
     if command -v dash >/dev/null; then dash -n "$init" || fail "init script is not POSIX sh"; fi
 
-    # The stand-in behaves as $tmp/mode says: run until stopped, exit 0 at
-    # once (a finished onboarding) or exit 1 (a crash).
-    daemon="$tmp/bin/tavelAgent"
-    mkdir -p "$tmp/bin"
-    cat >"$daemon" <<STUB
+    # The stand-in behaves as $tmp/mode says: run until stopped (taking a
+    # moment to end), exit 0 at once (a finished onboarding) or exit 1 (a
+    # crash).
+    mkdir -p "$tmp/bin" "$tmp/run"
+    cat >"$tmp/bin/tavelAgent" <<STUB
 #!/bin/sh
 echo "\$\$" >>"$tmp/starts"
+echo "\$\$" >"$tmp/daemon.pid"
 case "\$(cat "$tmp/mode")" in
     exit0) exit 0 ;;
     exit1) exit 1 ;;
 esac
-trap 'exit 0' TERM
-while :; do sleep 1; done
+trap 'sleep 1; exit 0' TERM
+while :; do sleep 0.1; done
 STUB
-    chmod 755 "$daemon"
-    export DAEMON="$daemon" PIDFILE="$tmp/run/tavelagent.pid" STOP_TIMEOUT=5
-    # stop removes the firewall rules through PATH: never the host's firewall.
-    mkdir -p "$tmp/fw"
-    printf '#!/bin/sh\nexit 0\n' >"$tmp/fw/iptables"
-    chmod 755 "$tmp/fw/iptables"
-    export PATH="$tmp/fw:$PATH"
-    mkdir -p "$tmp/run"
+    # stop removes the firewall rules through PATH, never the host's: each
+    # run is recorded, marked when the stand-in was still alive then.
+    cat >"$tmp/bin/iptables" <<STUB
+#!/bin/sh
+if kill -0 "\$(cat "$tmp/daemon.pid" 2>/dev/null)" 2>/dev/null; then
+    echo "while running: \$*"
+else
+    echo "\$*"
+fi >>"$tmp/iptables.log"
+STUB
+    chmod 755 "$tmp/bin/tavelAgent" "$tmp/bin/iptables"
+    export DAEMON="$tmp/bin/tavelAgent" PIDFILE="$tmp/run/tavelagent.pid" STOP_TIMEOUT=5 PATH="$tmp/bin:$PATH"
+    removed() { # what: the agent's delete commands once, after it is gone
+        [ "$(cat "$tmp/iptables.log" 2>/dev/null || true)" = "$(printf '%s\n' "${rules[@]}")" ] ||
+            fail "stop ($1) ran iptables as:"$'\n'"$(cat "$tmp/iptables.log" 2>/dev/null || true)"
+        rm -f "$tmp/iptables.log"
+    }
     run_init() { # expected-status action
         local rc=0
         sh "$init" "$2" >"$tmp/init.out" 2>&1 || rc=$?
@@ -98,7 +109,6 @@ STUB
     run_init 3 status
     run_init 0 start
     pid=$(cat "$PIDFILE" 2>/dev/null || true)
-    cp "$PIDFILE" "$tmp/daemon.pid" 2>/dev/null || true
     alive "$pid" || fail "start left no running daemon behind its pid file"
     run_init 0 status
     run_init 0 start
@@ -106,14 +116,16 @@ STUB
     [ "$(cat "$PIDFILE" 2>/dev/null)" = "$pid" ] || fail "a second start replaced the pid file"
     run_init 0 restart
     newpid=$(cat "$PIDFILE" 2>/dev/null || true)
-    cp "$PIDFILE" "$tmp/daemon.pid" 2>/dev/null || true
+    rm -f "$tmp/iptables.log"
     wait_gone "$pid" || fail "restart left the old daemon running"
     if ! alive "$newpid" || [ "$newpid" = "$pid" ]; then fail "restart did not start a new daemon"; fi
     run_init 0 stop
     wait_gone "$newpid" || fail "stop left the daemon running"
     [ ! -e "$PIDFILE" ] || fail "stop left the pid file"
+    removed running
     run_init 3 status
     run_init 0 stop
+    [ ! -e "$tmp/iptables.log" ] || fail "a second stop ran iptables again"
 
     echo exit0 >"$tmp/mode"
     run_init 0 start
@@ -125,6 +137,8 @@ STUB
     sleep 0.5
     [ -s "$PIDFILE" ] || fail "a daemon that failed lost its pid file"
     run_init 1 status
+    run_init 0 stop
+    removed crashed
 
     DAEMON="$tmp/bin/missing" run_init 5 start
     run_init 3 bogus

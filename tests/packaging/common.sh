@@ -12,6 +12,9 @@ cleanup() {
     rm -rf "$tmp"
 }
 trap cleanup EXIT
+# The agent's own delete commands, in its order.
+rules=("-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT"
+    "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT")
 failures=0
 fail() {
     echo "FAIL: $*" >&2
