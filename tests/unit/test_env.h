@@ -58,11 +58,14 @@ inline const std::string &tavelTestRoot()
         setenv("TAVEL_ROOT", dir, 1);
         setenv("TAVEL_TIME_SCALE", "1000", 0);
         /* At exit rather than after the tests, so that listing them (as the
-         * build does to find them) leaves no root behind either.  Forked
-         * children leave by _exit(). */
+         * build does to find them) leaves no root behind either; only by the
+         * process that made it, not by a death test's child leaving by exit(). */
+        static const pid_t owner = getpid();
         atexit([] {
             std::error_code ec;
-            std::filesystem::remove_all(dir, ec);
+            if (getpid() == owner) {
+                std::filesystem::remove_all(dir, ec);
+            }
         });
         return std::string(dir);
     }();

@@ -120,3 +120,31 @@ TEST(AgentLock, NestsExcludesAndIgnoresAStrayUnlock)
     EXPECT_EQ(tavel_agentLockRelease(), 1);
     EXPECT_EQ(tavel_agentLockRelease(), 0);
 }
+
+// The exit removes the firewall rules, then waits for a transfer still in
+// flight however long it takes (looking for a stop each second), and exits 0.
+TEST(Exit, RemovesTheRulesAndWaitsForTheTransferInFlight)
+{
+    tavelTestCleanRoot();
+    const std::string log = tavelTestPath("/fw.log");
+    tavelTestWriteFile("/bin/iptables", "#!/bin/sh\necho \"$*\" >>" + log + "\n");
+    chmod(tavelTestPath("/bin/iptables").c_str(), 0755);
+    const std::string path = tavelTestPath("/bin") + ":" + getenv("PATH");
+    EXPECT_EXIT(
+        {
+            alarm(10); // a wait that never ends fails instead of hanging
+            setenv("PATH", path.c_str(), 1);
+            tavel_transferBegin();
+            std::thread([] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+                tavelTestWriteFile("/ended", "");
+                tavel_transferEnd();
+            }).detach();
+            exitTavel();
+        },
+        ::testing::ExitedWithCode(0), "");
+    EXPECT_TRUE(tavelTestExists("/ended")) << "exited before the transfer ended";
+    EXPECT_EQ(tavelTestReadFile("/fw.log"),
+              "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n"
+              "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n");
+}
