@@ -268,15 +268,3 @@ class FailureTest(OnboardingCase):
                 self.assertEqual(dev.store()["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionFailed_Error_no_cert")
                 self.assertEqual(self.server.requests(), [])
 
-
-class WaitTest(OnboardingCase):
-    def test_bridge_onboards_only_as_controller(self):
-        # The controller is ReplyTest's.
-        for role in ("", "Agent"):
-            with self.subTest(role=role):
-                dev = self.device({"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge",
-                                   "Device.X_TAVEL_WiFiService.WorkRole": role})
-                self.start(dev, 100)
-                self.assert_exits(dev)
-                self.assertIn("TAVEL work mode is AP-Bridge... Exit Tavel !!\n", dev.log())
-                self.assertEqual(self.server.requests(), [])
