@@ -11,6 +11,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+# Re-exported: the tests import these names from here.
 import tavelsim  # noqa: E402,F401
 from tavelsim import (CC_CONFIGURED_BY, CC_FILE, CLOSED_POLICY, CLOUD_MARKER, EMULATOR,  # noqa: E402,F401
                       CA_PATH_MAX, FACTORY_ACS_URL, MAPPING_FILE, ONBOARDING_IN_PROGRESS, STORE_FILE, TZ_MARKER,

@@ -69,7 +69,7 @@ class PolicyTest(BusCase):
         self.senders = [("nobody", nobody + ["--clear-groups"]), ("group", nobody + ["--groups=%d" % self.gid]),
                         ("root", [])]
 
-    def send(self, prefix, args):
+    def send_as(self, prefix, args):
         return subprocess.run(prefix + command(TAVELCTL, *args), env=dict(os.environ, **self.bus.env()),
                               capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL)
 
@@ -90,7 +90,7 @@ class PolicyTest(BusCase):
             with open(path) as f:
                 return f.read()
 
-        wait_until(lambda: self.send([], ["signal", "setLogLevel", "--hex", b"ready".hex()]) and '"ready"' in read(),
+        wait_until(lambda: self.send_as([], ["signal", "setLogLevel", "--hex", b"ready".hex()]) and '"ready"' in read(),
                    10, "the listener's subscription")
         return read
 
@@ -99,7 +99,7 @@ class PolicyTest(BusCase):
         traces = {"stdout": dev.stdout, "log": dev.log, "listener": self.listen()}
         matrix = {}
         for member, args, where, trace in MEMBERS:
-            results = [self.send(prefix, args(who, i)) for i, (who, prefix) in enumerate(self.senders, 1)]
+            results = [self.send_as(prefix, args(who, i)) for i, (who, prefix) in enumerate(self.senders, 1)]
             if where == "reply":
                 row = [r.returncode == 0 and r.stdout == "1\n" for r in results]
                 for served, r in zip(row, results):

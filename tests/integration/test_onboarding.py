@@ -37,8 +37,8 @@ class NewAccountTest(FlowCase):
         self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, CC_US], body="ignored body"),
                      "put": reply(200, body="accepted\n")})
         dev = self.device()
-        self.applied_and_waiting(dev)
-        log = dev.log()
+        self.start(dev, 100)
+        log = dev.wait_log(LAST_STEP)
         store = dev.store()
         # A description keeps the CR of the server's CR LF line end; "NA"
         # empties a cloud value, and an empty value is not written; without
