@@ -1,6 +1,5 @@
-"""The README's demo (tools/demo/demo.py, behind scripts/demo.sh) on the built
-binaries: the default onboarding and a failing one keep completing, reporting
-and cleaning up, so the first command an integrator runs never rots."""
+"""The README's demo (tools/demo/demo.py) on the built binaries, so the first command an integrator runs
+never rots: the default onboarding and a failing one complete, report and clean up."""
 import os
 import re
 import shutil
@@ -73,9 +72,7 @@ class DemoTest(unittest.TestCase):
         put = first(rows, "received PUT /onboard?status=SUCCESS from port 4777")
         tz = first(rows, "/flash/mcq/tavel/timezoneconfigdone.txt created")
         exited = first(rows, "agent exited with status 0")
-        # The server, the bootstrap sender and the exit carry exact stamps;
-        # log lines and files are stamped when the watcher sees them, so they
-        # are compared only where a late look cannot turn the order round.
+        # Only the server, bootstrap and exit stamps are exact; watched lines and files may be seen late.
         self.assertLess(get, bootstrap)
         self.assertLess(bootstrap, put)
         self.assertLess(put, exited)
