@@ -1,7 +1,5 @@
-"""The agent on a private message bus: its name, dummyFunction, the signal
-routing through the real bus layer, malformed payloads; tavelctl's bus
-commands, and its dml commands on a store that tools/tavelsim.py (the other
-tests' and the demo's) reads and writes alike."""
+"""The agent on a private bus: its name, dummyFunction, signal routing, malformed payloads; tavelctl's bus
+commands, and its dml commands on a store that tools/tavelsim.py reads and writes alike."""
 import os
 import shutil
 import tempfile
@@ -29,8 +27,7 @@ class BusCase(FlowCase):
 class ServiceTest(BusCase):
     def test_service_and_signals_of_a_waiting_agent(self):
         dev = self.start_agent()
-        # Waiting for a role it polls every 10 s: a loop polling the bus, a
-        # timer or the store would burn ticks meanwhile.
+        # Waiting for a role it polls every 10 s: any busier loop would burn ticks.
         time.sleep(0.5)
         before = cpu_ticks(dev.proc.pid)
         time.sleep(3)
@@ -68,11 +65,9 @@ class ServiceTest(BusCase):
                      % value[:49])
         self.send("sync", "1", "up")
         dev.wait_log("] Received ACS Connection Status\n")
-        # A sync message without a body and the log-control rows are
-        # test_bus_policy's.
+        # A sync message without a body and the log-control rows are test_bus_policy's.
 
-        # Malformed payloads: every wrong size runs in exact-size ASan blocks
-        # in test_signal.cpp; here the ones only the real bus layer delivers.
+        # Malformed payloads only the real bus layer delivers (test_signal.cpp has every wrong size).
         seen = len(dev.stdout())
         for args in (["sendDbgCmd", "--size", "7"], ["sendDbgCmd", "--size", str(1 << 20)], ["sendDbgCmd", "--no-arg"],
                      ["sendDbgCmd", "--string", "tavelAgent"], ["tavelCfgmgrSignal", "--no-arg"],
@@ -90,12 +85,10 @@ class ServiceTest(BusCase):
         self.assertNotIn("cmd:", out)
         self.assertEqual(self.send("call", "dummyFunction", "9").stdout, "1\n")
 
-        # A second agent cannot own the name and keeps running; its bus
-        # thread ended without subscribing, so only the owner reacts.
+        # A second agent cannot own the name and keeps running; its bus thread ended unsubscribed.
         second = self.start_agent(wait_name=False)
         log = second.wait_log(REGISTER_FAILED)
-        # The bus thread's lines interleave with the main thread's, so only
-        # their order is fixed.
+        # The bus thread's lines interleave with the main thread's: only their order is fixed.
         self.assertTrue(0 <= log.find(NAME_FAILED) < log.find(REGISTER_FAILED), log)
         self.assertEqual(log.count("fatal "), 2)
         self.assertNotIn("fatal failed", dev.log())
@@ -137,9 +130,8 @@ class TavelctlTest(BusCase):
         self.assertEqual(self.dml("get", "Device.A").stdout, b"\n")
         self.assertEqual(self.dml("dump").stdout.count(b"\n"), 1)
 
-        # The store of the other tests and the demo (tools/tavelsim.py) against
-        # the stand-in's: what one writes the other reads alike, and both skip
-        # malformed lines and the later lines of a name.
+        # tools/tavelsim.py's store against the stand-in's: each reads what the other writes, and both
+        # skip malformed lines and the later lines of a name.
         tavelsim.write_store(self.store, {"Device.C": value})
         with open(self.store, "a") as f:
             f.write("bad name=1\n=2\nDevice.C=later\nDevice.E=a\\x\\\n")

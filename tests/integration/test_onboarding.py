@@ -1,6 +1,5 @@
-"""The onboarding run of the real agent over real TLS against the server
-simulator: what a reply leads to, the request and report as the server sees
-them, the retry decisions for failed fetches, the waits before the fetch."""
+"""The real agent over real TLS against the server simulator: what a reply leads to, the request and report
+as the server sees them, the retry decisions for failed fetches, the waits before the fetch."""
 import calendar
 import os
 import shutil
@@ -40,9 +39,8 @@ class NewAccountTest(FlowCase):
         self.start(dev, 100)
         log = dev.wait_log(LAST_STEP)
         store = dev.store()
-        # A description keeps the CR of the server's CR LF line end; "NA"
-        # empties a cloud value, and an empty value is not written; without
-        # the capability the received country code stays unused.
+        # A description keeps the CR of its CR LF; "NA" empties a cloud value, an empty one is not written;
+        # without the capability the country code stays unused.
         expected = {
             "ManagementServer.URL": "https://acs.new.test:7547/cwmp", "ManagementServer.Username": "cpe-new",
             "ManagementServer.Password": "new-secret", "X_TAVEL_Agent.OpDesc": "Operator One\r",
@@ -83,9 +81,7 @@ class NewAccountTest(FlowCase):
                          "httpGetUrlFromServer after curl_easy_perform\n" + http_dump + acs_dump)
         self.assertNotIn("pwd: new-secret", log)
 
-        # Waiting for the bootstrap signal: no upload, no exit, firewall open,
-        # and no CPU (a loop polling the bus, a timer or the store would burn
-        # ticks).
+        # Waiting for the bootstrap signal: no upload, no exit, firewall open, and no CPU (polling burns ticks).
         time.sleep(0.5)
         before = cpu_ticks(dev.proc.pid)
         time.sleep(3)
@@ -107,9 +103,8 @@ class ReplyTest(OnboardingCase):
                   "Device.ManagementServer.X_TAVEL_Backup.Username": "cpe-new",
                   "Device.ManagementServer.X_TAVEL_Backup.Password": "new-secret"}
         na_line = "TavelServer send NA/NULL values no need to retry or update data model\n"
-        # The controller of a bridge onboards like a root device; the clock
-        # shows 1970 at first, as before NTP, and no fetch goes out until it
-        # is set (to the real time, which keeps the server certificate valid).
+        # A bridge controller onboards like a root device; with the clock at 1970 (before NTP) no fetch
+        # goes out until it is set (to the real time, for the server certificate).
         for name, url, store, lines, at1970 in (
                 ("NA, bridge controller", "NA", {"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge"},
                  ("TAVEL work mode is ROOT... Continue !!\n", na_line), False),
@@ -149,9 +144,8 @@ class ReplyTest(OnboardingCase):
                              ("empty password", {"pwd": ""}),
                              ("no user name", {"name": None})):
             with self.subTest(name):
-                # Two 503s raise retryCount to 2; the incomplete reply must
-                # reset it, which the time-zone retry of the fourth reply shows
-                # (it adds one to whatever retryCount holds).
+                # Two 503s raise retryCount to 2; the incomplete reply must reset it, as the fourth reply's
+                # time-zone retry shows (it adds one to retryCount).
                 self.script({"get": [reply(503), reply(503), reply(200, account(**broken) + [TZ_PARIS, CC_US]),
                                      reply(200, [("url", "NA"), ("timezone", "100"), ("countrycode", "")])]})
                 dev = self.device({"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
@@ -165,8 +159,7 @@ class ReplyTest(OnboardingCase):
                 self.assertEqual({k: store.get("Device." + k) for k in expected}, expected)
                 self.assertEqual((dev.exists(CLOUD_MARKER), dev.exists(TZ_MARKER)), (True, False))
                 self.assertNotIn("tavel_handleTimezonedetails enter", log)
-                # A transient status retries with a growing delay (that the
-                # timers keep the logged delays is test_flow's and test_settings').
+                # A transient status retries with a growing delay (kept by the timers: test_flow, test_settings).
                 lines = retry_lines(log, 503)
                 self.assertEqual([c for c, _ in lines], [1, 2])
                 self.assertTrue(5 <= lines[0][1] <= 9 and 10 <= lines[1][1] <= 19, lines)
@@ -178,8 +171,7 @@ class ReplyTest(OnboardingCase):
                 dev.close()
 
     def test_same_account_with_a_failed_acs_connection_is_applied(self):
-        # The device holds a valid account whose ACS it cannot reach; the
-        # server hands out the backup account: that is worth applying.
+        # A valid account whose ACS is unreachable: the backup account from the server is worth applying.
         store = dict(CONFIGURED_STORE, **{
             "Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed",
             "Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
@@ -254,8 +246,7 @@ class FailureTest(OnboardingCase):
         long_path = os.path.join(cert_dir(), "ca.pem.but-longer")
         shutil.copyfile(self.server.sim.ca_path, long_path)
         self.addCleanup(os.unlink, long_path)
-        # The agent keeps 27 characters of the path: the long name becomes
-        # one that does not exist, although the full name does.
+        # The agent keeps 27 characters of the path: the cut long name does not exist, the full one does.
         for ca in (os.path.join(cert_dir(), "none.pem"), long_path):
             with self.subTest(ca=ca):
                 dev = self.device(ca_path=ca, mapping=None)
