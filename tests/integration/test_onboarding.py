@@ -199,9 +199,7 @@ class FailureTest(OnboardingCase):
                 self.start(dev, 100000)
                 if retried:
                     gets = self.server.wait_requests("GET", 3, dev=dev)
-                    for gap in gaps(gets):
-                        self.assertGreaterEqual(gap, DAY / 100000 - 0.002, gaps(gets))
-                        self.assertLess(gap, DAY_MAX / 100000 + 1.5, gaps(gets))
+                    self.assertTrue(all(DAY / 1e5 - 0.002 <= g < DAY_MAX / 1e5 + 1.5 for g in gaps(gets)), gaps(gets))
                     log = dev.wait_log("getTimerIdForErrorCode: 401\n", count=2)
                     self.assertIn("HTTPS Get Url Not Successful Res : 401\n", log)
                 else:

@@ -12,10 +12,8 @@ ZONES = ('WET,Europe,Paris,"WET0","Wrong/Paris"\n' + MAPPING +
 NOT_USED = ("url", "NA")
 SUCCESS_EVENT = ("event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka Cloud "
                  "Successful\n")
-UNAVAILABLE_EVENT = ("event[TZ Config Failed] reason[Service Unavailable] Timezone Configuration failed from "
-                     "Velka WiFi Cloud, Reason: {reason}\n")
-NO_INFO_EVENT = ("event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration failed from Velka "
-                 "WiFi Cloud, Reason: {reason}\n")
+TZ_FAILED = "event[TZ Config Failed] reason[%s] Timezone Configuration failed from Velka WiFi Cloud, Reason: {reason}\n"
+UNAVAILABLE_EVENT, NO_INFO_EVENT = (TZ_FAILED % r for r in ("Service Unavailable", "No Timezone Info"))
 CC_STORE = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
             "Device.DeviceInfo.X_TAVEL_SupportedCountries": "CA,us;GB"}
 
