@@ -15,6 +15,8 @@ CC_US = ("countrycode", "US")
 DAY = 86400
 # Bounds of the non-transient delay: the base plus a jitter of 0 to 254 s.
 DAY_MAX = DAY + 254
+BACKUP = {"Device.ManagementServer.X_TAVEL_Backup." + k: v for k, v in (
+    ("URL", "https://acs.new.test:7547/cwmp"), ("Username", "cpe-new"), ("Password", "new-secret"))}
 
 
 def account(**override):
@@ -99,9 +101,6 @@ class NewAccountTest(FlowCase):
 
 class ReplyTest(OnboardingCase):
     def test_reply_without_a_new_account_still_applies_the_rest_and_exits(self):
-        backup = {"Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
-                  "Device.ManagementServer.X_TAVEL_Backup.Username": "cpe-new",
-                  "Device.ManagementServer.X_TAVEL_Backup.Password": "new-secret"}
         na_line = "TavelServer send NA/NULL values no need to retry or update data model\n"
         # A bridge controller onboards like a root device; with the clock at 1970 (before NTP) no fetch
         # goes out until it is set (to the real time, for the server certificate).
@@ -109,7 +108,7 @@ class ReplyTest(OnboardingCase):
                 ("NA, bridge controller", "NA", {"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge"},
                  ("TAVEL work mode is ROOT... Continue !!\n", na_line), False),
                 ("no URL, clock at 1970", None, {}, (na_line,), True),
-                ("same as the backup", "https://acs.new.test:7547/cwmp", backup,
+                ("same as the backup", "https://acs.new.test:7547/cwmp", BACKUP,
                  ("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n",), False)):
             with self.subTest(name):
                 self.script({"get": reply(200, account(url=url) + [TZ_PARIS, CC_US])})
@@ -172,11 +171,7 @@ class ReplyTest(OnboardingCase):
 
     def test_same_account_with_a_failed_acs_connection_is_applied(self):
         # A valid account whose ACS is unreachable: the backup account from the server is worth applying.
-        store = dict(CONFIGURED_STORE, **{
-            "Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed",
-            "Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
-            "Device.ManagementServer.X_TAVEL_Backup.Username": "cpe-new",
-            "Device.ManagementServer.X_TAVEL_Backup.Password": "new-secret"})
+        store = dict(CONFIGURED_STORE, **BACKUP, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed"})
         self.script({"get": reply(200, account() + [TZ_PARIS])})
         dev = self.device(store, markers=(TZ_MARKER, CLOUD_MARKER))
         # Each 300 s grace period of the failed connection is 0.3 s here.

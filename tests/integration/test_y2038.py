@@ -1,6 +1,5 @@
-"""A complete onboarding with the agent's clock past 2038-01-19, which a 32-bit
-time_t cannot hold: the agent would wait for the clock for ever.  Only the
-agent's own code sees the moved clock (harness.clock_env), not OpenSSL."""
+"""A complete onboarding with the agent's own clock (not OpenSSL's) past 2038-01-19, which a 32-bit time_t
+cannot hold: the agent would wait for the clock for ever."""
 import calendar
 
 from harness import ACS_USER, FULL_SCRIPT, applied, clock_env, wait_until
