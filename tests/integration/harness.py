@@ -1,6 +1,5 @@
-"""Integration tests of the real tavelAgent binary: Device() is a
-tools/tavelsim.py Sandbox in its factory state that starts the agent and
-waits for what it leaves behind; Server() the onboarding-server simulator."""
+"""Integration tests of the real tavelAgent: Device() is a factory-state tools/tavelsim.py
+Sandbox that runs the agent; Server() the onboarding-server simulator."""
 import atexit
 import json
 import os
@@ -22,7 +21,6 @@ BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__fil
 SOURCE_DIR = os.environ.get("TAVEL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
 AGENT = os.path.join(BUILD_DIR, "tavelAgent")
 TAVELCTL = os.path.join(BUILD_DIR, "tavelctl")
-# The fixed local ports the agent binds for its transfers.
 LOCAL_PORTS = (47777, 47778, 47779)
 
 # Factory state: enabled agent, no management account or cloud settings, root role.
@@ -36,8 +34,7 @@ FACTORY_STORE = {
 
 
 def wait_until(predicate, timeout, what, proc=None, tail=None):
-    """The predicate's first true value; fails after timeout, or as soon as
-    proc has exited, with tail() (e.g. the log) in the message."""
+    """The predicate's first true value; fails after timeout or once proc exited, with tail() shown."""
     deadline = time.monotonic() + timeout
     while True:
         exited = proc is not None and proc.poll() is not None
@@ -60,8 +57,7 @@ class Device(Sandbox):
         return super().env(dict({"TAVEL_TIME_SCALE": os.environ.get("TAVEL_TIME_SCALE", "1")}, **(extra or {})))
 
     def start(self, env=None, **kw):
-        # A second start on the same root rewrites the output files: keep what
-        # the sanitizers said about the previous run first.
+        # A second start rewrites the output files: keep the previous run's sanitizer reports.
         self._collect_sanitizer_reports()
         return self.spawn(AGENT, env, **kw)
 
@@ -76,14 +72,14 @@ class Device(Sandbox):
 
     def wait_stdout(self, text, timeout=10, count=1):
         return self.wait_log(text, timeout, count, read=self.stdout)
+
     def stop(self):
         if self.proc is not None and self.proc.poll() is None:
             self.proc.kill()
             self.proc.wait(timeout=10)
 
     def _collect_sanitizer_reports(self):
-        # The agent exits 0 by design and a test often kills it, so its exit
-        # status alone would hide most sanitizer findings.
+        # The agent exits 0 by design and is often killed: its status would hide the findings.
         err = self.read("agent.stderr", "rb").decode("utf-8", "replace")
         if any(marker in err for marker in SANITIZER_MARKERS):
             self._sanitizer_reports.append(err)
@@ -107,13 +103,10 @@ FIREWALL_INSERT = ["%s INPUT_%s -p tcp -m tcp --sport 443 --dport 47777:47780 -j
     ("-D", "FW_LEVEL"), ("-D", "WAN_REMOTE_ACCESS"), ("-I", "WAN_REMOTE_ACCESS"), ("-I", "FW_LEVEL"))]
 FIREWALL_REMOVE = FIREWALL_INSERT[:2]
 
-
-# Needs onboarding but has no role yet: the run polls for one and the agent
-# otherwise sits idle on the bus.
+# Needs onboarding but has no role yet: the run polls for one, idle otherwise.
 NO_ROLE = {"Device.X_TAVEL_WiFiService.WorkMode": "CFG"}
 
-# Onboarded already: with both markers the agent exits at start-up, without
-# them it onboards again.
+# Onboarded already: with both markers the agent exits at start-up, without them it onboards again.
 CONFIGURED_STORE = {
     "Device.ManagementServer.URL": "https://acs.configured.test:7547/cwmp",
     "Device.ManagementServer.Username": "cpe-old", "Device.ManagementServer.Password": "old-secret",
@@ -126,10 +119,7 @@ _cert_dir = None
 
 
 def cert_dir():
-    """A directory of obsim certificates shared by every server of this test
-    process.  Generating them takes a second or more, and the directory must
-    sit at a short path: the agent cuts the CA path at CA_PATH_MAX
-    characters, so a longer one would name a file that does not exist."""
+    """obsim certificates for the whole process (slow to make), at a path short enough for CA_PATH_MAX."""
     global _cert_dir
     if _cert_dir is None:
         sys.path.insert(0, os.path.join(SOURCE_DIR, "tools", "obsim"))
@@ -143,8 +133,7 @@ def cert_dir():
 
 
 def reply(status=200, headers=(), **kw):
-    """One obsim reply.  headers: (name, value) pairs or raw lines; pairs
-    become "name: value" with CR LF, as a server writes them."""
+    """One obsim reply; headers are raw lines or (name, value) pairs sent as "name: value" CR LF."""
     return dict(status=status, headers=[h if isinstance(h, str) else "%s: %s\r\n" % h for h in headers], **kw)
 
 
@@ -155,8 +144,7 @@ NEW_ACCOUNT = [
     ("remotemappurl", "https://mapp.new.test"), ("kprconfigurl", "https://cfg.new.test"),
     ("kprconfigapikey", "cfg-key-9")]
 TZ_PARIS = ("timezone", '{"code":"CET","x":"y","id":"Europe\\/Paris"}')
-# Field 4 of the mapping line that TZ_PARIS selects, and field 5 as the data
-# model receives it (quotes removed, line end kept).
+# Fields 4 and 5 of the mapping line TZ_PARIS selects, as the data model gets them.
 PARIS_ZONE = '"CET-1CEST,M3.5.0,M10.5.0/3"'
 PARIS_NAME = "Europe/Paris\n"
 MAPPING = ('UTC,Etc,UTC,"UTC0","Etc/UTC"\n'
@@ -197,8 +185,7 @@ class Server:
         return [r.get("method", r.get("event")) for r in self.requests()]
 
     def reset(self, script):
-        """A new script whose queues start from their first entry, even when
-        it equals the last one, and an empty request record."""
+        """A new script, its queues from the first entry even when unchanged, and an empty record."""
         self._generation = getattr(self, "_generation", 0) + 1
         self.sim.set_script(dict(script, generation=self._generation))
         self.sim.clear_requests()
@@ -220,8 +207,7 @@ class Server:
 
 
 class ServerCase(unittest.TestCase):
-    """A server per test and one agent at a time, also after a failed subtest
-    left its agent running: they share the fixed local ports and the server."""
+    """A server per test and one agent at a time (they share the local ports), even after a failed subtest."""
 
     def setUp(self):
         self.server = Server()
@@ -229,8 +215,7 @@ class ServerCase(unittest.TestCase):
         self._devices = []
 
     def script(self, script):
-        """The server's replies for the next agent; any earlier agent stops
-        first, as a leftover retry would take a reply meant for the next."""
+        """The next agent's replies; earlier agents stop first, or a retry would take one of them."""
         for earlier in self._devices:
             earlier.stop()
         self.server.reset(script)
@@ -248,8 +233,7 @@ class ServerCase(unittest.TestCase):
         return dev
 
 
-# A complete first boot; LAST_STEP ends the apply step on a device without the
-# country-code capability.
+# A complete first boot; LAST_STEP ends the apply step without the country-code capability.
 FULL_SCRIPT = {"get": reply(200, NEW_ACCOUNT + [TZ_PARIS], body="{}"), "put": reply(200)}
 ACS_USER = "cpe-new"
 LAST_STEP = "Capability: country code sync is not applicable"
@@ -286,16 +270,12 @@ def gaps(requests):
     return [b["received"] - a["received"] for a, b in zip(requests, requests[1:])]
 
 
-# ---- the agent's clock ----
-# tests/tools/clockshift.c, built for the target: moves the wall clock of the
-# agent's own code by the seconds in a file, read again on every read of the
-# clock; libraries such as OpenSSL keep the real clock.
+# tests/tools/clockshift.c moves the agent's own wall clock (not OpenSSL's) by the seconds in a file.
 CLOCK_SHIFT_LIB = os.path.join(BUILD_DIR, "tests", "clockshift.so")
 
 
 def set_clock(dev, when):
-    """Sets the agent's clock to `when` (seconds since the epoch; None: the
-    real time) from now on, as NTP would."""
+    """Sets the agent's clock to `when` (None: the real time) from now on, as NTP would."""
     dev.touch("clock.shift.tmp", b"0\n" if when is None else b"%d\n" % (when - int(time.time())))
     os.replace(dev.path("clock.shift.tmp"), dev.path("clock.shift"))
 
@@ -307,8 +287,7 @@ def clock_env(dev, when):
            "TAVEL_CLOCK_TRACE": dev.path("clock.trace"),
            # The shim comes ahead of an ASan runtime in the preload order.
            "ASAN_OPTIONS": (os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0").lstrip(":")}
-    # Under a user-mode emulator the shim must reach the target process, not
-    # the emulator.
+    # Under a user-mode emulator the shim must reach the target process, not the emulator.
     if EMULATOR and os.path.basename(EMULATOR[0]).startswith("qemu-"):
         return dict(env, QEMU_SET_ENV="LD_PRELOAD=" + CLOCK_SHIFT_LIB)
     return dict(env, LD_PRELOAD=CLOCK_SHIFT_LIB)

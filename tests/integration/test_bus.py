@@ -1,7 +1,5 @@
-"""The agent on a private message bus: its name, dummyFunction, the signal
-routing through the real bus layer, malformed payloads; tavelctl's bus
-commands, and its dml commands on a store that tools/tavelsim.py (the other
-tests' and the demo's) reads and writes alike."""
+"""The agent on a private bus: its name, dummyFunction, signal routing, malformed payloads; tavelctl's bus
+commands, and its dml commands on a store that tools/tavelsim.py reads and writes alike."""
 import os
 import shutil
 import tempfile
@@ -25,44 +23,36 @@ class BusCase(FlowCase):
             wait_owner(dev, self.bus.env())
         return dev
 
-    def ctl(self, *args, env=None):
-        return ctl(dict(self.bus.env(), **(env or {})), *args)
-
-    def assert_ok(self, result):
-        self.assertEqual(result.returncode, 0, result.stderr)
-        return result
-
 
 class ServiceTest(BusCase):
     def test_service_and_signals_of_a_waiting_agent(self):
         dev = self.start_agent()
-        # Waiting for a role it polls every 10 s: a loop polling the bus, a
-        # timer or the store would burn ticks meanwhile.
+        # Waiting for a role it polls every 10 s: any busier loop would burn ticks.
         time.sleep(0.5)
         before = cpu_ticks(dev.proc.pid)
         time.sleep(3)
         self.assertLessEqual(cpu_ticks(dev.proc.pid) - before, 1, "ticks in 3 s while idle")
 
-        self.assert_ok(self.ctl("dbg", "setTimeout", "600"))
+        self.send("dbg", "setTimeout", "600")
         out = dev.wait_stdout("cmdLine+11 = 600.\n")
         self.assertEqual(out, "enter tavel_processDbgCmdSignal.\ntavel_processDbgCmdSignal cmd: setTimeout 600.\n"
                          "debug cmdLine = setTimeout 600.\ncmdLine+11 = 600.\n")
-        self.assert_ok(self.ctl("dbg", "acsinfo", "--module", "TavelAgent"))
+        self.send("dbg", "acsinfo", "--module", "TavelAgent")
         dev.wait_stdout("tavel_processDbgCmdSignal, ignore.\n")
-        self.assert_ok(self.ctl("dbg", "acsinfo"))
+        self.send("dbg", "acsinfo")
         out = dev.wait_stdout("After printing ACS Details...\n")
         acs = out.split("debug cmdLine = acsinfo.\n", 1)[1]
         self.assertTrue(acs.startswith("printing ACS Details...\n"), acs)
         self.assertIn("ACS Connection Details", acs)
-        self.assert_ok(self.ctl("dbg", "httpinfo", "now"))
+        self.send("dbg", "httpinfo", "now")
         out = dev.wait_stdout("Dump Http Connection Details.")
         self.assertIn("debug cmdLine = httpinfo now.\nhttpinfo", out)
 
         for arg in ("0", "-1", "7", "2147483647", "-2147483648"):
             with self.subTest(arg=arg):
-                self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", arg)).stdout, "1\n")
+                self.assertEqual(self.send("call", "dummyFunction", arg).stdout, "1\n")
         started = time.monotonic()
-        result = self.ctl("call", "resetDevice", "3")
+        result = ctl(self.bus.env(), "call", "resetDevice", "3")
         self.assertLess(time.monotonic() - started, 5)
         self.assertEqual((result.returncode, result.stdout), (1, ""))
         self.assertIn("UnknownMethod", result.stderr)
@@ -70,23 +60,20 @@ class ServiceTest(BusCase):
         self.assertEqual(dev.log().count("unknown message"), 1)
 
         value = "".join(chr(ord("a") + i % 26) for i in range(60))
-        self.assert_ok(self.ctl("ntp", value))
+        self.send("ntp", value)
         dev.wait_log("notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is %s.\n"
                      % value[:49])
-        self.assert_ok(self.ctl("sync", "1", "up"))
+        self.send("sync", "1", "up")
         dev.wait_log("] Received ACS Connection Status\n")
-        # A sync message without a body and the log-control rows are
-        # test_bus_policy's.
+        # A sync message without a body and the log-control rows are test_bus_policy's.
 
-        # Malformed payloads: every wrong size runs in exact-size ASan blocks
-        # in test_signal.cpp; here the ones only the real bus layer delivers.
+        # Malformed payloads only the real bus layer delivers (test_signal.cpp has every wrong size).
         seen = len(dev.stdout())
-        for args in (["--size", "7"], ["--size", str(1 << 20)], ["--no-arg"], ["--string", "tavelAgent"]):
-            self.assert_ok(self.ctl("signal", "sendDbgCmd", *args))
-        self.assert_ok(self.ctl("signal", "tavelCfgmgrSignal", "--no-arg"))
-        self.assert_ok(self.ctl("signal", "tavelSyngMgrSignal", "--string", "x"))
-        self.assert_ok(self.ctl("signal", "notifyNTPTimezoneUpdate", "--size", "0"))
-        self.assert_ok(self.ctl("signal", "somethingElse", "--size", "4", "--no-owner-check"))
+        for args in (["sendDbgCmd", "--size", "7"], ["sendDbgCmd", "--size", str(1 << 20)], ["sendDbgCmd", "--no-arg"],
+                     ["sendDbgCmd", "--string", "tavelAgent"], ["tavelCfgmgrSignal", "--no-arg"],
+                     ["tavelSyngMgrSignal", "--string", "x"], ["notifyNTPTimezoneUpdate", "--size", "0"],
+                     ["somethingElse", "--size", "4", "--no-owner-check"]):
+            self.send("signal", *args)
         dev.wait_log("signal ignored: payload of 0 bytes, 4 needed\n")
         dev.wait_log("signal ignored: payload of 0 bytes, 1 needed\n")
         dev.wait_log("] msg is NULL\n")
@@ -96,18 +83,16 @@ class ServiceTest(BusCase):
         self.assertEqual(out.count("parameter mismatched"), 4, out)
         self.assertEqual(out.count("enter tavel_processDbgCmdSignal."), 4, out)
         self.assertNotIn("cmd:", out)
-        self.assertEqual(self.assert_ok(self.ctl("call", "dummyFunction", "9")).stdout, "1\n")
+        self.assertEqual(self.send("call", "dummyFunction", "9").stdout, "1\n")
 
-        # A second agent cannot own the name and keeps running; its bus
-        # thread ended without subscribing, so only the owner reacts.
+        # A second agent cannot own the name and keeps running; its bus thread ended unsubscribed.
         second = self.start_agent(wait_name=False)
         log = second.wait_log(REGISTER_FAILED)
-        # The bus thread's lines interleave with the main thread's, so only
-        # their order is fixed.
+        # The bus thread's lines interleave with the main thread's: only their order is fixed.
         self.assertTrue(0 <= log.find(NAME_FAILED) < log.find(REGISTER_FAILED), log)
         self.assertEqual(log.count("fatal "), 2)
         self.assertNotIn("fatal failed", dev.log())
-        self.assert_ok(self.ctl("dbg", "setTimeout", "5"))
+        self.send("dbg", "setTimeout", "5")
         dev.wait_stdout("cmdLine+11 = 5.\n")
         time.sleep(0.3)
         self.assertEqual(second.stdout(), "")
@@ -145,9 +130,8 @@ class TavelctlTest(BusCase):
         self.assertEqual(self.dml("get", "Device.A").stdout, b"\n")
         self.assertEqual(self.dml("dump").stdout.count(b"\n"), 1)
 
-        # The store of the other tests and the demo (tools/tavelsim.py) against
-        # the stand-in's: what one writes the other reads alike, and both skip
-        # malformed lines and the later lines of a name.
+        # tools/tavelsim.py's store against the stand-in's: each reads what the other writes, and both
+        # skip malformed lines and the later lines of a name.
         tavelsim.write_store(self.store, {"Device.C": value})
         with open(self.store, "a") as f:
             f.write("bad name=1\n=2\nDevice.C=later\nDevice.E=a\\x\\\n")
@@ -181,9 +165,9 @@ class TavelctlTest(BusCase):
                 (["signal", "sendDbgCmd", "--size", "1", "--no-arg"], None, 2, "exactly one of"),
                 (["signal", "sendDbgCmd", "--bogus"], None, 2, "--bogus")):
             with self.subTest(args=args[:3]):
-                result = self.ctl(*args, env=env)
+                result = ctl(dict(self.bus.env(), **(env or {})), *args)
                 self.assertEqual(result.returncode, status, result.stderr)
                 self.assertEqual(result.stderr.count("\n"), 1, result.stderr)
                 self.assertIn(text, result.stderr)
         # A stray signal needs no owner.
-        self.assert_ok(self.ctl("signal", "sendDbgCmd", "--size", "2112", "--no-owner-check"))
+        self.send("signal", "sendDbgCmd", "--size", "2112", "--no-owner-check")

@@ -1,6 +1,5 @@
-"""The shipped bus policy on a private bus closed like a system bus: every
-signal member the agent handles and its method, sent once by nobody, once by a
-member of the modules' group and once by root."""
+"""The shipped bus policy on a private bus closed like a system bus: every member the agent handles, sent
+by nobody, by a member of the modules' group and by root."""
 import grp
 import os
 import shutil
@@ -15,9 +14,8 @@ POLICY = os.path.join(SOURCE_DIR, "packaging", "dbus", "velka.tavel.conf")
 
 
 def modules_gid():
-    """The gid that plays the modules' group: dbus-daemon drops the rules of a
-    group it does not know, and the test must not add one to the host.
-    setpriv sets the senders' exact groups, so none holds it by accident."""
+    """A gid to play the modules' group: dbus-daemon drops rules of unknown groups, the host gets none added,
+    and setpriv gives the senders exact groups, so none holds it by accident."""
     try:
         return grp.getgrnam("tavel").gr_gid
     except KeyError:
@@ -30,9 +28,8 @@ def listened(member):
             lambda who, i: 'member=%s\n   array of bytes "%s"' % (member, who))
 
 
-# member, the tavelctl arguments of sender number i named who, where a delivered
-# one shows (the agent's stdout or log, the method's reply, or a subscriber on
-# the bus for the two handlers that do nothing) and the trace itself.
+# member, tavelctl arguments of sender number i named who, where a delivered one shows (stdout, log, the
+# reply, or a subscriber for the two handlers that do nothing) and the trace itself.
 MEMBERS = [
     listened("setLogLevel"),
     listened("setLogDestination"),
@@ -69,14 +66,12 @@ class PolicyTest(BusCase):
         self.senders = [("nobody", nobody + ["--clear-groups"]), ("group", nobody + ["--groups=%d" % self.gid]),
                         ("root", [])]
 
-    def send(self, prefix, args):
+    def send_as(self, prefix, args):
         return subprocess.run(prefix + command(TAVELCTL, *args), env=dict(os.environ, **self.bus.env()),
                               capture_output=True, text=True, timeout=30, stdin=subprocess.DEVNULL)
 
     def listen(self):
-        """dbus-monitor as nobody: denied BecomeMonitor, it subscribes like any
-        module.  A monitor (root) would be shown even the messages the policy
-        then refuses."""
+        """dbus-monitor as nobody subscribes like a module; as root it would see even refused messages."""
         path = os.path.join(self.bus.dir, "listener.out")
         out = open(path, "w")
         self.addCleanup(out.close)
@@ -90,7 +85,7 @@ class PolicyTest(BusCase):
             with open(path) as f:
                 return f.read()
 
-        wait_until(lambda: self.send([], ["signal", "setLogLevel", "--hex", b"ready".hex()]) and '"ready"' in read(),
+        wait_until(lambda: self.send_as([], ["signal", "setLogLevel", "--hex", b"ready".hex()]) and '"ready"' in read(),
                    10, "the listener's subscription")
         return read
 
@@ -99,7 +94,7 @@ class PolicyTest(BusCase):
         traces = {"stdout": dev.stdout, "log": dev.log, "listener": self.listen()}
         matrix = {}
         for member, args, where, trace in MEMBERS:
-            results = [self.send(prefix, args(who, i)) for i, (who, prefix) in enumerate(self.senders, 1)]
+            results = [self.send_as(prefix, args(who, i)) for i, (who, prefix) in enumerate(self.senders, 1)]
             if where == "reply":
                 row = [r.returncode == 0 and r.stdout == "1\n" for r in results]
                 for served, r in zip(row, results):
@@ -107,8 +102,7 @@ class PolicyTest(BusCase):
             else:
                 # A signal leaves no error at its sender: the trace tells.
                 self.assertEqual([r.returncode for r in results], [0] * len(results), member)
-                # Root sends last; once its signal is through, the earlier ones
-                # are through too or were refused.
+                # Root sends last: once its signal is through, the earlier ones are through or refused.
                 wait_until(lambda: trace("root", len(self.senders)) in traces[where](), 10, "root's %s" % member)
                 row = [trace(who, i) in traces[where]() for i, (who, _) in enumerate(self.senders, 1)]
             matrix[member] = ["served" if s else "refused" for s in row]

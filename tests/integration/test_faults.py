@@ -1,8 +1,6 @@
-"""Faults during a real onboarding (kill and restart, full store file system,
-bus daemon killed, server restarted, a storm of bus signals): the device must
-end up configured as without the fault, its store never corrupt.
-TAVEL_FAULT_ROUNDS (default 4) and TAVEL_FAULT_SEED (default 1) set the
-kill-and-restart rounds; bench/soak.py runs many more, at other seeds."""
+"""Faults during a real onboarding (kill and restart, full store, bus or server down, a signal storm): the
+device ends up configured as without them, its store never corrupt.  TAVEL_FAULT_ROUNDS (4) and
+TAVEL_FAULT_SEED (1) set the kill-and-restart rounds; bench/soak.py runs more, at other seeds."""
 import glob
 import os
 import random
@@ -20,8 +18,7 @@ from test_flow import FlowCase
 
 ROUNDS = int(os.environ.get("TAVEL_FAULT_ROUNDS", "4"))
 SEED = int(os.environ.get("TAVEL_FAULT_SEED", "1"))
-# Slow enough that a transfer-level retry (10-19 s nominal) does not spin,
-# fast enough that the 60 s time-zone pause takes 60 ms.
+# Slow enough that a transfer retry (10-19 s nominal) does not spin, fast enough for a 60 ms time-zone pause.
 SCALE = "1000"
 DESCRIPTIONS = ("Device.X_TAVEL_Agent.OpDesc", "Device.X_TAVEL_Agent.SubnetDesc")
 
@@ -38,8 +35,7 @@ class FaultCase(FlowCase):
         dev.start(env=dict(self.bus.env(), TAVEL_TIME_SCALE=scale))
 
     def finish(self, dev, timeout=20):
-        """Drives a started agent to its exit: a report that falls due gets
-        its bootstrap signal, as the configuration manager would send it."""
+        """Drives the agent to its exit, sending bootstrap signals as the configuration manager would."""
         deadline = time.monotonic() + timeout
         sent = 0
         while dev.proc.poll() is None:
@@ -63,10 +59,8 @@ class KillRestartTest(FaultCase):
         self.assertEqual(reference["Device.ManagementServer.Username"], ACS_USER)
         self.assertEqual(reference["Device.Time.LocalTimeZone"], PARIS_ZONE)
         rng = random.Random(SEED)
-        # A whole run takes about a quarter of a second at this scale; each
-        # round kills at a random point of its own share of 0.4 s, so the
-        # rounds cover the whole run, and the last ones hit an agent that
-        # waits for its bootstrap signal.
+        # A run takes about 0.25 s; each round kills in its own share of 0.4 s, so the rounds cover the
+        # whole run and the last ones hit an agent waiting for its bootstrap signal.
         for round_no in range(ROUNDS):
             with self.subTest(round=round_no, seed=SEED):
                 dev = self.device()
@@ -83,8 +77,7 @@ class KillRestartTest(FaultCase):
                 expected = reference
                 if (killed.get("Device.ManagementServer.Username") == ACS_USER
                         and not any(k in killed for k in DESCRIPTIONS)):
-                    # Killed between the account and the descriptions: a known loss
-                    # (README); everything else must still match.
+                    # Killed between the account and the descriptions: a known loss (README).
                     expected = {k: v for k, v in reference.items() if k not in DESCRIPTIONS}
                 self.assertEqual(store_problems(dev.path(STORE)), [])
                 self.assertEqual(dev.store(), expected)
@@ -120,9 +113,7 @@ class DiskFullTest(FaultCase):
 
 class ServerAndBusDownTest(FaultCase):
     def test_server_restarted_then_bus_killed_mid_run(self):
-        # The server holds the first request unanswered until it goes down:
-        # its connections are reset, which the agent takes for a failed
-        # transfer (its back-off is test_onboarding's).
+        # The server holds the first request until it goes down: a failed transfer (back-off: test_onboarding).
         self.server.sim.set_script(dict(FULL_SCRIPT, get={"hang": True}))
         dev = self.device()
         # Retries of 10-19 s nominal take 0.1-0.19 s.
@@ -132,8 +123,7 @@ class ServerAndBusDownTest(FaultCase):
         old = self.server.sim
         old.stop()
         dev.wait_log("] ret 5000 retryCount value is 2 ")
-        # Back on its old port with an empty record, like a restarted server;
-        # it holds its reply back, so the bus dies while the fetch is under way.
+        # Restarted on its old port, empty record; its reply is held, so the bus dies mid-fetch.
         import obsim
         held = dict(FULL_SCRIPT, get=dict(FULL_SCRIPT["get"], delay=1.0))
         self.server.sim = obsim.ObSim(harness.cert_dir(), script=held, port=old.port, record_path=old.record_path,
@@ -149,8 +139,7 @@ class ServerAndBusDownTest(FaultCase):
         self.assertEqual(dev.store()["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionSuccess")
         self.assertTrue(dev.exists(harness.TZ_MARKER))
         self.assertEqual(store_problems(dev.path(STORE)), [])
-        # Still waiting for a bootstrap signal that cannot come: alive, idle,
-        # no report sent.
+        # Still waiting for a bootstrap signal that cannot come: alive, no report sent.
         time.sleep(0.5)
         self.assertIsNone(dev.proc.poll())
         self.assertNotIn("PUT", self.server.methods())
@@ -160,8 +149,7 @@ def dbg(module, cmd):
     return (module.encode()[:64].ljust(64, b"\0") + cmd.encode()[:2048].ljust(2048, b"\0")).hex()
 
 
-# Signals for tests/tools/sigstorm.c: (member, argument), an argument being
-# hex bytes, "-" for none, or "=text".
+# Signals for tests/tools/sigstorm.c: (member, hex bytes, "-" for none, or "=text").
 VALID_DBG = [dbg("tavelAgent", c) for c in ("httpinfo", "acsinfo", "setTimeout 86400", "help")]
 MIX = [("sendDbgCmd", h) for h in VALID_DBG] + [
     ("tavelCfgmgrSignal", struct.pack("<i", 0).hex()), ("tavelSyngMgrSignal", (struct.pack("<ii", 1, 2) + b"up").hex()),
@@ -173,9 +161,8 @@ MIX = [("sendDbgCmd", h) for h in VALID_DBG] + [
 
 
 class SignalStormTest(FaultCase):
-    """Signals of every kind while the timer thread retries the fetch: the
-    handlers and the timer steps share the agent's state (a race shows in the
-    TSan build).  bench/load.py sends 10,000 and watches the memory."""
+    """Signals of every kind while the timer thread retries the fetch (a race shows in the TSan build);
+    bench/load.py sends 10,000 and watches the memory."""
     SIGNALS = 20 * len(MIX)
     RATE = 1200.0  # signals a second
 

@@ -1,6 +1,5 @@
-"""The onboarding run of the real agent over real TLS against the server
-simulator: what a reply leads to, the request and report as the server sees
-them, the retry decisions for failed fetches, the waits before the fetch."""
+"""The real agent over real TLS against the server simulator: what a reply leads to, the request and report
+as the server sees them, the retry decisions for failed fetches, the waits before the fetch."""
 import calendar
 import os
 import shutil
@@ -16,6 +15,8 @@ CC_US = ("countrycode", "US")
 DAY = 86400
 # Bounds of the non-transient delay: the base plus a jitter of 0 to 254 s.
 DAY_MAX = DAY + 254
+BACKUP = {"Device.ManagementServer.X_TAVEL_Backup." + k: v for k, v in (
+    ("URL", "https://acs.new.test:7547/cwmp"), ("Username", "cpe-new"), ("Password", "new-secret"))}
 
 
 def account(**override):
@@ -37,12 +38,11 @@ class NewAccountTest(FlowCase):
         self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS, CC_US], body="ignored body"),
                      "put": reply(200, body="accepted\n")})
         dev = self.device()
-        self.applied_and_waiting(dev)
-        log = dev.log()
+        self.start(dev, 100)
+        log = dev.wait_log(LAST_STEP)
         store = dev.store()
-        # A description keeps the CR of the server's CR LF line end; "NA"
-        # empties a cloud value, and an empty value is not written; without
-        # the capability the received country code stays unused.
+        # A description keeps the CR of its CR LF; "NA" empties a cloud value, an empty one is not written;
+        # without the capability the country code stays unused.
         expected = {
             "ManagementServer.URL": "https://acs.new.test:7547/cwmp", "ManagementServer.Username": "cpe-new",
             "ManagementServer.Password": "new-secret", "X_TAVEL_Agent.OpDesc": "Operator One\r",
@@ -83,9 +83,7 @@ class NewAccountTest(FlowCase):
                          "httpGetUrlFromServer after curl_easy_perform\n" + http_dump + acs_dump)
         self.assertNotIn("pwd: new-secret", log)
 
-        # Waiting for the bootstrap signal: no upload, no exit, firewall open,
-        # and no CPU (a loop polling the bus, a timer or the store would burn
-        # ticks).
+        # Waiting for the bootstrap signal: no upload, no exit, firewall open, and no CPU (polling burns ticks).
         time.sleep(0.5)
         before = cpu_ticks(dev.proc.pid)
         time.sleep(3)
@@ -103,18 +101,14 @@ class NewAccountTest(FlowCase):
 
 class ReplyTest(OnboardingCase):
     def test_reply_without_a_new_account_still_applies_the_rest_and_exits(self):
-        backup = {"Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
-                  "Device.ManagementServer.X_TAVEL_Backup.Username": "cpe-new",
-                  "Device.ManagementServer.X_TAVEL_Backup.Password": "new-secret"}
         na_line = "TavelServer send NA/NULL values no need to retry or update data model\n"
-        # The controller of a bridge onboards like a root device; the clock
-        # shows 1970 at first, as before NTP, and no fetch goes out until it
-        # is set (to the real time, which keeps the server certificate valid).
+        # A bridge controller onboards like a root device; with the clock at 1970 (before NTP) no fetch
+        # goes out until it is set (to the real time, for the server certificate).
         for name, url, store, lines, at1970 in (
                 ("NA, bridge controller", "NA", {"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge"},
                  ("TAVEL work mode is ROOT... Continue !!\n", na_line), False),
                 ("no URL, clock at 1970", None, {}, (na_line,), True),
-                ("same as the backup", "https://acs.new.test:7547/cwmp", backup,
+                ("same as the backup", "https://acs.new.test:7547/cwmp", BACKUP,
                  ("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n",), False)):
             with self.subTest(name):
                 self.script({"get": reply(200, account(url=url) + [TZ_PARIS, CC_US])})
@@ -149,9 +143,8 @@ class ReplyTest(OnboardingCase):
                              ("empty password", {"pwd": ""}),
                              ("no user name", {"name": None})):
             with self.subTest(name):
-                # Two 503s raise retryCount to 2; the incomplete reply must
-                # reset it, which the time-zone retry of the fourth reply shows
-                # (it adds one to whatever retryCount holds).
+                # Two 503s raise retryCount to 2; the incomplete reply must reset it, as the fourth reply's
+                # time-zone retry shows (it adds one to retryCount).
                 self.script({"get": [reply(503), reply(503), reply(200, account(**broken) + [TZ_PARIS, CC_US]),
                                      reply(200, [("url", "NA"), ("timezone", "100"), ("countrycode", "")])]})
                 dev = self.device({"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
@@ -165,8 +158,7 @@ class ReplyTest(OnboardingCase):
                 self.assertEqual({k: store.get("Device." + k) for k in expected}, expected)
                 self.assertEqual((dev.exists(CLOUD_MARKER), dev.exists(TZ_MARKER)), (True, False))
                 self.assertNotIn("tavel_handleTimezonedetails enter", log)
-                # A transient status retries with a growing delay (that the
-                # timers keep the logged delays is test_flow's and test_settings').
+                # A transient status retries with a growing delay (kept by the timers: test_flow, test_settings).
                 lines = retry_lines(log, 503)
                 self.assertEqual([c for c, _ in lines], [1, 2])
                 self.assertTrue(5 <= lines[0][1] <= 9 and 10 <= lines[1][1] <= 19, lines)
@@ -178,13 +170,8 @@ class ReplyTest(OnboardingCase):
                 dev.close()
 
     def test_same_account_with_a_failed_acs_connection_is_applied(self):
-        # The device holds a valid account whose ACS it cannot reach; the
-        # server hands out the backup account: that is worth applying.
-        store = dict(CONFIGURED_STORE, **{
-            "Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed",
-            "Device.ManagementServer.X_TAVEL_Backup.URL": "https://acs.new.test:7547/cwmp",
-            "Device.ManagementServer.X_TAVEL_Backup.Username": "cpe-new",
-            "Device.ManagementServer.X_TAVEL_Backup.Password": "new-secret"})
+        # A valid account whose ACS is unreachable: the backup account from the server is worth applying.
+        store = dict(CONFIGURED_STORE, **BACKUP, **{"Device.X_TAVEL_Agent.ACSConnStatus": "ACSConnFailed"})
         self.script({"get": reply(200, account() + [TZ_PARIS])})
         dev = self.device(store, markers=(TZ_MARKER, CLOUD_MARKER))
         # Each 300 s grace period of the failed connection is 0.3 s here.
@@ -207,9 +194,7 @@ class FailureTest(OnboardingCase):
                 self.start(dev, 100000)
                 if retried:
                     gets = self.server.wait_requests("GET", 3, dev=dev)
-                    for gap in gaps(gets):
-                        self.assertGreaterEqual(gap, DAY / 100000 - 0.002, gaps(gets))
-                        self.assertLess(gap, DAY_MAX / 100000 + 1.5, gaps(gets))
+                    self.assertTrue(all(DAY / 1e5 - 0.002 <= g < DAY_MAX / 1e5 + 1.5 for g in gaps(gets)), gaps(gets))
                     log = dev.wait_log("getTimerIdForErrorCode: 401\n", count=2)
                     self.assertIn("HTTPS Get Url Not Successful Res : 401\n", log)
                 else:
@@ -254,8 +239,7 @@ class FailureTest(OnboardingCase):
         long_path = os.path.join(cert_dir(), "ca.pem.but-longer")
         shutil.copyfile(self.server.sim.ca_path, long_path)
         self.addCleanup(os.unlink, long_path)
-        # The agent keeps 27 characters of the path: the long name becomes
-        # one that does not exist, although the full name does.
+        # The agent keeps 27 characters of the path: the cut long name does not exist, the full one does.
         for ca in (os.path.join(cert_dir(), "none.pem"), long_path):
             with self.subTest(ca=ca):
                 dev = self.device(ca_path=ca, mapping=None)
@@ -268,15 +252,3 @@ class FailureTest(OnboardingCase):
                 self.assertEqual(dev.store()["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionFailed_Error_no_cert")
                 self.assertEqual(self.server.requests(), [])
 
-
-class WaitTest(OnboardingCase):
-    def test_bridge_onboards_only_as_controller(self):
-        # The controller is ReplyTest's.
-        for role in ("", "Agent"):
-            with self.subTest(role=role):
-                dev = self.device({"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge",
-                                   "Device.X_TAVEL_WiFiService.WorkRole": role})
-                self.start(dev, 100)
-                self.assert_exits(dev)
-                self.assertIn("TAVEL work mode is AP-Bridge... Exit Tavel !!\n", dev.log())
-                self.assertEqual(self.server.requests(), [])

@@ -1,5 +1,4 @@
-"""Time zone and country code from the server's reply to the data model, the
-marker files and the history log, with the real agent over real TLS."""
+"""Time zone and country code from the reply to the data model, the markers and the history log."""
 import os
 import time
 
@@ -13,10 +12,8 @@ ZONES = ('WET,Europe,Paris,"WET0","Wrong/Paris"\n' + MAPPING +
 NOT_USED = ("url", "NA")
 SUCCESS_EVENT = ("event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka Cloud "
                  "Successful\n")
-UNAVAILABLE_EVENT = ("event[TZ Config Failed] reason[Service Unavailable] Timezone Configuration failed from "
-                     "Velka WiFi Cloud, Reason: {reason}\n")
-NO_INFO_EVENT = ("event[TZ Config Failed] reason[No Timezone Info] Timezone Configuration failed from Velka "
-                 "WiFi Cloud, Reason: {reason}\n")
+TZ_FAILED = "event[TZ Config Failed] reason[%s] Timezone Configuration failed from Velka WiFi Cloud, Reason: {reason}\n"
+UNAVAILABLE_EVENT, NO_INFO_EVENT = (TZ_FAILED % r for r in ("Service Unavailable", "No Timezone Info"))
 CC_STORE = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
             "Device.DeviceInfo.X_TAVEL_SupportedCountries": "CA,us;GB"}
 
@@ -30,12 +27,9 @@ class SettingsTest(FlowCase):
         self.assertEqual(dev.wait_exit(30), 0, dev.log()[-3000:])
         return dev.log()
 
-
     def test_received_zone_and_country_code(self):
-        # A zone header with the mapping file, and what it maps to (zone, name,
-        # code, id) or the line of its failure; a country code with
-        # cc_configured_by before the run, and whether it is applied.  The
-        # escaped Paris reply is test_flow's.
+        # Zone header, mapping file, what it maps to (zone, name, code, id) or the line of its failure;
+        # country code, cc_configured_by before the run, whether the code is applied.
         for header, mapping, mapped, cc, mark, applied in (
                 ('{"code":"CET","x":"y","id":"Europe/Paris"}', ZONES, (PARIS_ZONE, PARIS_NAME, "CET", "Europe/Paris"),
                  "US", None, True),
@@ -79,8 +73,7 @@ class SettingsTest(FlowCase):
                 self.assertFalse(dev.exists(CC_FILE))
 
     def test_configured_zone_is_only_rewritten_when_it_differs(self):
-        # The device value carries three leading characters the mapping lacks,
-        # and the mapped value's last character is not compared.
+        # The device value has three leading characters the mapping lacks; the last one is not compared.
         for current, same in (("TZ:" + PARIS_ZONE[:-1], True), ("TZ:" + PARIS_ZONE + "x", True),
                               ("TZ:\"CET-1\"", False), ("TZ", False)):
             with self.subTest(current=current):
@@ -119,8 +112,7 @@ class SettingsTest(FlowCase):
         # No zone was applied; only the last reply left the marker.
         self.assertTrue(dev.exists(TZ_MARKER))
         self.assertIn("No Timezone Info from IP STACK use existing ONT timezone\n", log)
-        # Without the marker the next run asks again (the last reply repeats)
-        # and records one more event.
+        # Without the marker the next run asks again (the last reply repeats): one more event.
         os.unlink(dev.path(TZ_MARKER))
         self.run_to_exit(dev)
         self.assertTrue(dev.exists(TZ_MARKER))
@@ -140,8 +132,7 @@ class SettingsTest(FlowCase):
         self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
         self.assertFalse(dev.exists(CC_CONFIGURED_BY))
 
-        # A successful report would end the agent, but the parked code holds
-        # it: the firewall closes and the process stays.
+        # A successful report would end the agent, but the parked code holds it: the firewall closes only.
         wait_until(lambda: ctl(self.bus.env(), "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
         log = dev.wait_log("Not exiting Tavle, as timer is running !!!!")
         self.assertEqual(len(self.server.requests("PUT")), 1)

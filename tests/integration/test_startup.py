@@ -1,5 +1,4 @@
-"""Start-up of the real agent: the disabled exit, the firewall rules, and each
-test of the onboarding-needed decision."""
+"""Start-up of the real agent: the disabled exit, the firewall rules, each test of the onboarding decision."""
 import os
 import time
 import unittest
@@ -13,9 +12,8 @@ CC_SYNC = {"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
            "Device.DeviceInfo.X_TAVEL_SupportedCountries": "US,CA;DE"}
 MARKERS = (TZ_MARKER, CLOUD_MARKER)
 
-# name, store on top of the factory one, files present (a name, or a name and
-# its content), what the agent does (onboards, exits, stays with a parked code,
-# or exits disabled), lines the log must hold besides, in this order.
+# name, store on top of the factory one, files (a name, or a name and content), what the agent does
+# (onboards, exits, stays with a parked code, exits as a bridge or disabled), lines the log holds in order.
 DECISIONS = [
     ("factory device, all markers", {}, MARKERS + (CC_CONFIGURED_BY,), "onboards",
      ("TAVEL: Start", "TAVELAgent start...", "tavelInit Start", "Establishing handler for signal 10",
@@ -36,11 +34,13 @@ DECISIONS = [
      ()),
     # Without the capability a parked code is not even looked at.
     ("parked code, no sync capability", CONFIGURED_STORE, MARKERS + ((CC_FILE, b"US\n"),), "exits", ()),
-    # With it, the code is read back (a supported list in any case) and the
-    # agent stays.
+    # With it, the code is read back (a supported list in any case) and the agent stays.
     ("parked code, sync capability", dict(CONFIGURED_STORE, **dict(CC_SYNC, **{
         "Device.DeviceInfo.X_TAVEL_SupportedCountries": "us,CA;DE"})), MARKERS + ((CC_FILE, b"US\n"),), "stays",
      ("Country code file is present, Reading from the file!!", "valid country code = US!!")),
+] + [("bridge, role %r" % role, {"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge",
+                                  "Device.X_TAVEL_WiFiService.WorkRole": role}, (), "bridge",
+      ("TAVEL work mode is AP-Bridge... Exit Tavel !!\n",)) for role in ("", "Agent")
     # Disabled: the exit comes before the timers and the firewall.
 ] + [("disabled: %r" % enable, {"Device.X_TAVEL_Agent.Enable": enable}, (), "disabled",
       ("tavelInit Start ...  ", "getOnBoardServerInfo Entered")) for enable in ("0", "", "yes")]
@@ -72,31 +72,24 @@ class StartupTest(unittest.TestCase):
     def test_onboarding_needed_decision(self):
         for name, store, files, outcome, lines in DECISIONS:
             with self.subTest(name):
-                # No role yet: a run that starts keeps polling for one, so the
-                # decision is all the test sees of it.
-                dev = self.device(dict(store, **NO_ROLE), markers=())
+                # No role yet: a run that starts keeps polling for one, so the decision is all it shows.
+                dev = self.device(dict(NO_ROLE, **store), markers=())
                 for f in files:
                     dev.touch(*((f,) if isinstance(f, str) else f))
                 dev.start(env={"TAVEL_TIME_SCALE": "1000"})
-                if outcome == "disabled":
-                    self.assertEqual(dev.wait_exit(), 0)
-                    log = dev.log()
-                    self.assertFalse(dev.exists("iptables.log"))
-                    self.assertNotIn("Establishing handler", log)
-                    self.assertNotIn("tavelInit End", log)
-                elif outcome == "exits":
-                    self.assertEqual(dev.wait_exit(), 0)
-                    log = dev.log()
-                    self.assertIn(CONFIGURED_EXIT, log)
-                    self.assertIn("exitTavel !!!!", log)
-                    self.assertNotIn("Country code file is present", log)
-                    self.assertEqual(dev.iptables(), FIREWALL_INSERT + FIREWALL_REMOVE)
-                else:
+                if outcome in ("onboards", "stays"):
                     log = dev.wait_log("TAVEL work mode is CFG... Waiting to take Role !!" if outcome == "onboards"
                                        else lines[-1])
-                    self.assertNotIn(CONFIGURED_EXIT, log)
-                    self.assertEqual(dev.iptables(), FIREWALL_INSERT)
-                self.assertEqual(NEEDED in log, outcome == "onboards")
+                else:
+                    self.assertEqual(dev.wait_exit(), 0)
+                    log = dev.log()
+                exits = outcome in ("exits", "bridge")
+                self.assertEqual(dev.iptables(), [] if outcome == "disabled" else
+                                 FIREWALL_INSERT + (FIREWALL_REMOVE if exits else []))
+                self.assertEqual((CONFIGURED_EXIT in log, "exitTavel !!!!" in log), (outcome == "exits", exits))
+                self.assertEqual(("Establishing handler" in log, "tavelInit End" in log), (outcome != "disabled",) * 2)
+                self.assertEqual("Country code file is present" in log, outcome == "stays")
+                self.assertEqual(NEEDED in log, outcome in ("onboards", "bridge"))
                 positions = [log.find(t) for t in lines]
                 self.assertNotIn(-1, positions, positions)
                 self.assertEqual(positions, sorted(positions))
