@@ -149,12 +149,6 @@ inline bool splitMappingLine(const char *text, size_t len)
            strchr(name.get(), '"') == nullptr;
 }
 
-inline void setRecordField(char *dst, size_t dstSize, const uint8_t *src, size_t len)
-{
-    memset(dst, 0, dstSize);
-    memcpy(dst, src, len < dstSize - 1 ? len : dstSize - 1);
-}
-
 // Input: code '\n' city '\n' mapping-file text.  The split also runs on the
 // input as a whole, as one line of at most 499 characters.
 inline bool runTimezoneMapping(const uint8_t *data, size_t size)
@@ -175,9 +169,9 @@ inline bool runTimezoneMapping(const uint8_t *data, size_t size)
         return true;
     }
     memset(&g_timezoneData, 0, sizeof(g_timezoneData));
-    setRecordField(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), data,
-                   static_cast<size_t>(codeEnd - data));
-    setRecordField(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city,
+    TimezoneData &tz = g_timezoneData;
+    tavel_copyText(tz.timezone, sizeof(tz.timezone), text, static_cast<size_t>(codeEnd - data));
+    tavel_copyText(tz.cityname, sizeof(tz.cityname), reinterpret_cast<const char *>(city),
                    static_cast<size_t>(cityEnd - city));
     const uint8_t *file = cityEnd + 1;
     if (tavel_makeDirs("/usr/configs") != 0 ||
@@ -191,9 +185,8 @@ inline bool runTimezoneMapping(const uint8_t *data, size_t size)
         return true;
     }
     size_t len = strnlen(cmd.get(), kMappingCmdSize);
-    if (len >= static_cast<size_t>(kMappingCmdSize) ||
-        strstr(cmd.get(), g_timezoneData.timezone) == nullptr ||
-        strstr(cmd.get(), g_timezoneData.cityname) == nullptr) {
+    if (len >= static_cast<size_t>(kMappingCmdSize) || strstr(cmd.get(), tz.timezone) == nullptr ||
+        strstr(cmd.get(), tz.cityname) == nullptr) {
         return false;
     }
     // The selected line goes on to the split, as the agent does with it.
