@@ -76,8 +76,7 @@ class KillRestartTest(FaultCase):
                         and not any(k in killed for k in DESCRIPTIONS)):
                     # Killed between the account and the descriptions: a known loss (README).
                     expected = {k: v for k, v in reference.items() if k not in DESCRIPTIONS}
-                self.assertEqual(store_problems(dev.path(STORE)), [])
-                self.assertEqual(dev.store(), expected)
+                self.assertEqual((store_problems(dev.path(STORE)), dev.store()), ([], expected))
                 self.assertTrue(dev.exists(TZ_MARKER) and dev.exists(CLOUD_MARKER))
 
 
@@ -101,9 +100,8 @@ class DiskFullTest(FaultCase):
         self.assertRegex(log, r"error dml: dml_setManagementServerInfo: cannot write .*No space left on device")
         # The agent carried on through the whole apply step and is still up.
         self.assertIn("httpGetUrlFromServer ret: 200", log)
-        self.assertIsNone(dev.proc.poll())
-        self.assertEqual(dev.read(STORE, "rb"), before)
-        self.assertEqual(glob.glob(dev.path(STORE + ".tmp.*")), [])
+        self.assertEqual((dev.proc.poll(), dev.read(STORE, "rb"), glob.glob(dev.path(STORE + ".tmp.*"))),
+                         (None, before, []))
 
 
 class ServerAndBusDownTest(FaultCase):
@@ -210,6 +208,5 @@ class SignalStormTest(FaultCase):
         self.server.sim.set_script(FULL_SCRIPT)
         self.finish(dev, timeout=30)
         self.assertIn(harness.EXIT_LINE, dev.log())
-        puts = self.server.requests("PUT")
-        self.assertEqual([p["target"] for p in puts], ["/onboard?status=SUCCESS"])
+        self.assertEqual([p["target"] for p in self.server.requests("PUT")], ["/onboard?status=SUCCESS"])
         self.assertEqual(dev.store()["Device.ManagementServer.Username"], ACS_USER)

@@ -77,8 +77,7 @@ class ReportTest(FlowCase):
         self.assertEqual(dev.wait_exit(10), 0)
         self.assertLess(time.monotonic() - marked, 5 / scale + 2)
         self.assertIn("]  exitTavel ", dev.log())
-        self.assertEqual(dev.iptables()[-2:], FIREWALL_REMOVE)
-        self.assertEqual(len(self.server.requests("PUT")), 2)
+        self.assertEqual((dev.iptables()[-2:], len(self.server.requests("PUT"))), (FIREWALL_REMOVE, 2))
 
 
 class RetryDelayTest(FlowCase):

@@ -69,16 +69,15 @@ class NewAccountTest(FlowCase):
         self.assertEqual(self.own_headers(get), ["Content-Type: Application/json", "Content-Length:0",
                                                  "x-api-key:test-api-key", "operatorid:OP42", "sn:SN0001",
                                                  "country:DE"])
-        http_dump = ("******************** OB Server Connection Details ***********************\n"
-                     "g_httpInfo.url: %s\ng_httpInfo.authType None\ng_httpInfo.userName None\n"
-                     "g_httpInfo.password None\ng_httpInfo.x_api_key test-api-key\ng_httpInfo.timeout 25\n"
-                     "g_httpInfo.authEnabled 0\n" % self.server.url())
-        acs_dump = ("******************** ACS Connection Details ***********************\n"
-                    "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\ng_serverData.cdpusername cpe-new\n"
-                    "g_serverData.operdesc Operator One\r\ng_serverData.subnetdesc Subnet A\r\ng_serverData.tenantID "
-                    "tenant-7\n\n************************************* END ***********************\n")
-        self.assertEqual(dev.read("agent.stdout", "rb").decode(), "httpGetUrlFromServer before curl_easy_perform\n"
-                         "httpGetUrlFromServer after curl_easy_perform\n" + http_dump + acs_dump)
+        self.assertEqual(dev.read("agent.stdout", "rb").decode(), (
+            "httpGetUrlFromServer before curl_easy_perform\nhttpGetUrlFromServer after curl_easy_perform\n"
+            "******************** OB Server Connection Details ***********************\ng_httpInfo.url: %s\n"
+            "g_httpInfo.authType None\ng_httpInfo.userName None\ng_httpInfo.password None\n"
+            "g_httpInfo.x_api_key test-api-key\ng_httpInfo.timeout 25\ng_httpInfo.authEnabled 0\n"
+            "******************** ACS Connection Details ***********************\n"
+            "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\ng_serverData.cdpusername cpe-new\n"
+            "g_serverData.operdesc Operator One\r\ng_serverData.subnetdesc Subnet A\r\ng_serverData.tenantID tenant-7\n"
+            "\n************************************* END ***********************\n") % self.server.url())
         self.assertNotIn("pwd: new-secret", log)
 
         # Waiting for the bootstrap signal: no upload, no exit, firewall open, and no CPU (polling burns ticks).
@@ -171,8 +170,7 @@ class ReplyTest(OnboardingCase):
         log = dev.wait_log(LAST_STEP)
         self.assertIn("Valid Management URL is NOT presnt .. apply TavelServer Data", log)
         self.assertNotIn("Received Same Managment", log)
-        self.assertEqual(dev.store()["Device.ManagementServer.Username"], "cpe-new")
-        self.assertIsNone(dev.proc.poll())
+        self.assertEqual((dev.store()["Device.ManagementServer.Username"], dev.proc.poll()), ("cpe-new", None))
 
 
 class FailureTest(OnboardingCase):
@@ -192,8 +190,7 @@ class FailureTest(OnboardingCase):
                 else:
                     self.assertIn("httpGetUrlFromServer ret: 504\n", dev.wait_log("getTimerIdForErrorCode: 504\n"))
                     time.sleep(1.5)
-                    self.assertEqual(len(self.server.requests("GET")), 1)
-                    self.assertIsNone(dev.proc.poll())
+                    self.assertEqual((len(self.server.requests("GET")), dev.proc.poll()), (1, None))
                 self.assertNotRegex(dev.log(), "retryCount value is|getRetryExpTimerValue")
                 self.assertEqual(dev.store().get("Device.X_TAVEL_Agent.OnBoardStatus"), name)
                 self.assertEqual(dev.store()["Device.ManagementServer.URL"], FACTORY_ACS)

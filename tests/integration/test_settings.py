@@ -81,14 +81,10 @@ class SettingsTest(FlowCase):
                 dev.touch(TZ_MARKER)
                 log = self.run_to_exit(dev)
                 self.assertIn("timezoneconfigdone file present, timezone from dml: %s" % current, log)
-                if same:
-                    self.assertIn("] Same timezone", log)
-                    self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], current)
-                    self.assertEqual(dev.history(), "")
-                else:
-                    self.assertIn("Different timezone, handling timezone update, g_timezone: %s" % PARIS_ZONE, log)
-                    self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], PARIS_ZONE)
-                    self.assertEqual(dev.history(), SUCCESS_EVENT % (PARIS_ZONE, "CET", "Europe/Paris"))
+                self.assertIn("] Same timezone" if same else
+                              "Different timezone, handling timezone update, g_timezone: %s" % PARIS_ZONE, log)
+                self.assertEqual((dev.store()["Device.Time.LocalTimeZone"], dev.history()), (current, "") if same else
+                                 (PARIS_ZONE, SUCCESS_EVENT % (PARIS_ZONE, "CET", "Europe/Paris")))
 
     def test_unavailable_service_retries_with_one_event_and_no_info_keeps_the_zone(self):
         scale = 100
@@ -114,9 +110,8 @@ class SettingsTest(FlowCase):
         # Without the marker the next run asks again (the last reply repeats): one more event.
         os.unlink(dev.path(TZ_MARKER))
         self.run_to_exit(dev)
-        self.assertTrue(dev.exists(TZ_MARKER))
-        self.assertEqual(dev.history(), UNAVAILABLE_EVENT + NO_INFO_EVENT * 2)
-        self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], "TZ:keep")
+        self.assertEqual((dev.exists(TZ_MARKER), dev.history(), dev.store()["Device.Time.LocalTimeZone"]),
+                         (True, UNAVAILABLE_EVENT + NO_INFO_EVENT * 2, "TZ:keep"))
 
     def test_code_is_parked_while_the_app_onboards_and_applied_later(self):
         self.script({"get": reply(200, NEW_ACCOUNT + [("timezone", "101"), ("countrycode", "US")])})
@@ -143,9 +138,8 @@ class SettingsTest(FlowCase):
         self.assertGreaterEqual(time.monotonic() - parked, 3.6 - 0.1)
         wait_until(lambda: "Outside update_country_code, country code set successfully" in dev.log(), 10,
                    "the parked code to be applied")
-        self.assertEqual(dev.read(CC_CONFIGURED_BY, "rb"), b"TAVEL,US\0\0")
-        self.assertEqual(dev.store()["Device.DeviceInfo.X_TAVEL_CountryCode"], "US")
-        self.assertFalse(dev.exists(CC_FILE))
+        self.assertEqual((dev.read(CC_CONFIGURED_BY, "rb"), dev.store()["Device.DeviceInfo.X_TAVEL_CountryCode"],
+                          dev.exists(CC_FILE)), (b"TAVEL,US\0\0", "US", False))
         # The flag that refused the exit stays set for good.
         time.sleep(0.3)
         self.assertIsNone(dev.proc.poll())

@@ -96,8 +96,7 @@ class StopTest(FlowCase):
         # The failed report arms the status timer (1-1.8 s here), which expires during a second, 3 s upload.
         self.script({"get": reply(200, NEW_ACCOUNT + [TZ_PARIS]), "put": [reply(503), reply(200, delay=3)]})
         dev = self.device()
-        trace = dev.path("execve.trace")
-        strace = (["strace", "-f", "-qq", "-e", "trace=execve", "-e", "signal=none", "-o", trace]
+        strace = (["strace", "-f", "-qq", "-e", "trace=execve", "-e", "signal=none", "-o", dev.path("execve.trace")]
                   if shutil.which("strace") else [])
         # LeakSanitizer cannot run under ptrace.
         self.start(dev, 5, env={"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"},
@@ -108,9 +107,8 @@ class StopTest(FlowCase):
         self.send("bootstrap", "1")
         dev.wait_log("status upload already under way; not starting another", timeout=20)
         self.assertEqual(dev.wait_exit(30), 0, dev.log()[-3000:])
-        self.assertEqual(len(self.server.requests("PUT")), 2)
-        self.assertEqual(dev.log().count("exitTavel !!!!"), 1)
-        self.assertEqual(self.rules(), [])
+        self.assertEqual((len(self.server.requests("PUT")), dev.log().count("exitTavel !!!!"), self.rules()),
+                         (2, 1, []))
         if not strace:
             return
         # Only successful calls: posix_spawnp tries each PATH entry in turn.
