@@ -39,7 +39,7 @@ sys.path.insert(0, os.path.join(SOURCE, "tests", "integration"))
 os.environ.setdefault("TAVEL_BUILD_DIR", os.path.join(SOURCE, "build"))
 
 import harness  # noqa: E402
-from harness import PrivateBus  # noqa: E402
+from tavelsim import PrivateBus  # noqa: E402
 
 AGENT = os.path.abspath(harness.AGENT)
 ARM_DIR = os.environ.get("TAVEL_ARM_BUILD_DIR", os.path.join(SOURCE, "build-arm"))

@@ -1,5 +1,4 @@
-"""Integration tests of the real tavelAgent: Device() is a factory-state tools/tavelsim.py
-Sandbox that runs the agent; Server() the onboarding-server simulator."""
+"""Integration tests of the real tavelAgent: Device() is a factory-state tavelsim Sandbox, Server() obsim."""
 import atexit
 import json
 import os
@@ -11,11 +10,7 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
-# Re-exported: the tests import these names from here.
-import tavelsim  # noqa: E402,F401
-from tavelsim import (CC_CONFIGURED_BY, CC_FILE, CLOSED_POLICY, CLOUD_MARKER, EMULATOR,  # noqa: E402,F401
-                      CA_PATH_MAX, FACTORY_ACS_URL, MAPPING_FILE, ONBOARDING_IN_PROGRESS, STORE_FILE, TZ_MARKER,
-                      PrivateBus, Sandbox, command, cpu_ticks, run_binary, store_problems)
+from tavelsim import CA_PATH_MAX, EMULATOR, FACTORY_ACS_URL, MAPPING_FILE, Sandbox, run_binary  # noqa: E402
 
 BUILD_DIR = os.environ.get("TAVEL_BUILD_DIR", os.path.join(os.path.dirname(__file__), "..", "..", "build"))
 SOURCE_DIR = os.environ.get("TAVEL_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "..", ".."))
@@ -95,8 +90,7 @@ class Device(Sandbox):
 
 
 # What the sanitizer runtimes write first in a report on standard error.
-SANITIZER_MARKERS = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "ERROR: LeakSanitizer",
-                     "runtime error:")
+SANITIZER_MARKERS = ("WARNING: ThreadSanitizer", "ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
 # Stale rules go first, so a restart never doubles them; the exit removes them.
 FIREWALL_INSERT = ["%s INPUT_%s -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT" % r for r in (

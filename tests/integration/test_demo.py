@@ -1,5 +1,4 @@
-"""The README's demo (tools/demo/demo.py) on the built binaries, so the first command an integrator runs
-never rots: the default onboarding and a failing one complete, report and clean up."""
+"""tools/demo/demo.py, an integrator's first command, on the built binaries: both runs report and clean up."""
 import os
 import re
 import shutil
@@ -15,8 +14,7 @@ SCALE = 600
 
 
 def run_demo(*args, timeout=120):
-    env = dict(os.environ)
-    env.pop("NO_COLOR", None)  # plain output must come from the pipe alone
+    env = {k: v for k, v in os.environ.items() if k != "NO_COLOR"}  # plain output must come from the pipe alone
     return subprocess.run([sys.executable, DEMO, "--build-dir", BUILD_DIR, "--time-scale", str(SCALE)] + list(args),
                           capture_output=True, text=True, timeout=timeout, env=env, stdin=subprocess.DEVNULL)
 
@@ -33,8 +31,7 @@ def root_of(out):
 
 def first(rows, text):
     found = [t for t, _, row in rows if text in row]
-    if not found:
-        raise AssertionError("no timeline row with %r:\n%s" % (text, "\n".join(r[2] for r in rows)))
+    assert found, "no timeline row with %r:\n%s" % (text, "\n".join(r[2] for r in rows))
     return found[0]
 
 

@@ -1,12 +1,11 @@
-"""The onboarding of the real agent on a private bus: report retries, the operator's retry delay, the wait
-for the time-zone marker; FlowCase's status report and exit serve test_onboarding and test_y2038 too."""
+"""Onboarding on a private bus: report retries, the retry delay, the wait for the time-zone marker."""
 import time
 
-from harness import (FIREWALL_INSERT, FIREWALL_REMOVE, NEW_ACCOUNT, NO_ROLE, TZ_MARKER, PrivateBus,
-                     ServerCase, ctl, gaps, reply, retry_lines, wait_owner)
+from harness import (FIREWALL_INSERT, FIREWALL_REMOVE, NEW_ACCOUNT, NO_ROLE, ServerCase, ctl, gaps, reply, retry_lines,
+                     wait_owner)
+from tavelsim import TZ_MARKER, PrivateBus
 
-# The report's own headers: a blank after every colon, and the descriptions
-# as stored from the reply (CR LF line ends leave their CR).
+# A blank after every colon, unlike the GET's; the descriptions keep the CR of their CR LF.
 REPORT_HEADERS = ["Content-Type: Application/json", "Content-Length: 0", "x-api-key: test-api-key",
                   "operatorid: OP42", "sn: SN0001", "country: DE", "snetdesc: Subnet A\r", "opdesc: Operator One\r"]
 
@@ -50,15 +49,13 @@ class FlowCase(ServerCase):
 class ReportTest(FlowCase):
     def test_rejected_report_is_resent_and_the_exit_waits_for_the_time_zone_marker(self):
         scale = 20
-        # The time-zone service is down, so no marker; the retry it arms
-        # meets a reply that is not retried, leaving the agent quiet.
+        # The time-zone service is down (no marker); its retry meets a reply that is not retried.
         self.script({"get": [reply(200, NEW_ACCOUNT + [("timezone", "100")]), reply(504)],
                      "put": [reply(503), reply(200)]})
         dev = self.device()
         self.start(dev, scale)
         dev.wait_log("getTimerIdForErrorCode: 504\n", timeout=15)
-        # Any status but 1 is a failed bootstrap; the status timer sends the
-        # rejected report again.
+        # Any status but 1 is a failed bootstrap; the status timer resends the rejected report.
         self.send("bootstrap", "-7")
         log = dev.wait_log("Response code received from tavel server 200\n")
         puts = self.server.requests("PUT")
@@ -72,18 +69,15 @@ class ReportTest(FlowCase):
         self.assertGreaterEqual(puts[1]["received"] - puts[0]["received"], delay / scale - 0.002)
         # Polls for the marker every 5 s nominal, 0.25 s here: several go by.
         time.sleep(1.5)
-        self.assertIsNone(dev.proc.poll())
-        self.assertFalse(dev.exists(TZ_MARKER))
-        self.assertNotIn("exitTavel", dev.log())
-        self.assertEqual(dev.iptables(), FIREWALL_INSERT)
+        self.assertEqual((dev.proc.poll(), dev.exists(TZ_MARKER), "exitTavel" in dev.log(), dev.iptables()),
+                         (None, False, False, FIREWALL_INSERT))
 
         dev.touch(TZ_MARKER)
         marked = time.monotonic()
         self.assertEqual(dev.wait_exit(10), 0)
         self.assertLess(time.monotonic() - marked, 5 / scale + 2)
         self.assertIn("]  exitTavel ", dev.log())
-        self.assertEqual(dev.iptables()[-2:], FIREWALL_REMOVE)
-        self.assertEqual(len(self.server.requests("PUT")), 2)
+        self.assertEqual((dev.iptables()[-2:], len(self.server.requests("PUT"))), (FIREWALL_REMOVE, 2))
 
 
 class RetryDelayTest(FlowCase):
@@ -97,9 +91,8 @@ class RetryDelayTest(FlowCase):
         self.send("bootstrap", "1")
         dev.wait_log("tavel_TR69BootStrapStatusSignal Entered ... \n")
         self.send("call", "dummyFunction", "0")
-        self.assertNotIn("Send Status TO Server", dev.log())
-        self.assertEqual(self.server.requests(), [])
-        self.assertIsNone(dev.proc.poll())
+        self.assertEqual(("Send Status TO Server" in dev.log(), self.server.requests(), dev.proc.poll()),
+                         (False, [], None))
 
         self.send("dbg", "setTimeout 600")
         dev.wait_stdout("cmdLine+11 = 600.\n")

@@ -1,14 +1,14 @@
-"""The real agent over real TLS against the server simulator: what a reply leads to, the request and report
-as the server sees them, the retry decisions for failed fetches, the waits before the fetch."""
+"""The agent over real TLS against obsim: what a reply leads to, the requests, retries and waits."""
 import calendar
 import os
 import shutil
 import socket
 import time
 
-from harness import (CLOUD_MARKER, CONFIGURED_STORE, FACTORY_ACS_URL as FACTORY_ACS, FIREWALL_INSERT, FIREWALL_REMOVE,
-                     LAST_STEP, LOCAL_PORTS, NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ServerCase,
-                     cert_dir, clock_env, cpu_ticks, gaps, reply, retry_lines, set_clock, wait_until)
+from harness import (CONFIGURED_STORE, FACTORY_ACS_URL as FACTORY_ACS, FIREWALL_INSERT, FIREWALL_REMOVE, LAST_STEP,
+                     LOCAL_PORTS, NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_PARIS, ServerCase, cert_dir, clock_env, gaps,
+                     reply, retry_lines, set_clock, wait_until)
+from tavelsim import CLOUD_MARKER, TZ_MARKER, cpu_ticks
 from test_flow import REPORT_HEADERS, FlowCase
 
 CC_US = ("countrycode", "US")
@@ -41,8 +41,7 @@ class NewAccountTest(FlowCase):
         self.start(dev, 100)
         log = dev.wait_log(LAST_STEP)
         store = dev.store()
-        # A description keeps the CR of its CR LF; "NA" empties a cloud value, an empty one is not written;
-        # without the capability the country code stays unused.
+        # "NA" empties a cloud value, an empty one is not written; without the capability no country code.
         expected = {
             "ManagementServer.URL": "https://acs.new.test:7547/cwmp", "ManagementServer.Username": "cpe-new",
             "ManagementServer.Password": "new-secret", "X_TAVEL_Agent.OpDesc": "Operator One\r",
@@ -61,8 +60,7 @@ class NewAccountTest(FlowCase):
                  "End of tavelAgent sleep", "acsCfg.Username :cpe-new", "tavel_handleTimezonedetails enter",
                  LAST_STEP]
         positions = [log.find(t) for t in order]
-        self.assertNotIn(-1, positions, positions)
-        self.assertEqual(positions, sorted(positions))
+        self.assertEqual(positions, sorted(p for p in positions if p >= 0))
 
         [get] = self.server.requests()
         self.assertEqual((get["method"], get["target"], get["version"], get["tls"]),
@@ -71,16 +69,15 @@ class NewAccountTest(FlowCase):
         self.assertEqual(self.own_headers(get), ["Content-Type: Application/json", "Content-Length:0",
                                                  "x-api-key:test-api-key", "operatorid:OP42", "sn:SN0001",
                                                  "country:DE"])
-        http_dump = ("******************** OB Server Connection Details ***********************\n"
-                     "g_httpInfo.url: %s\ng_httpInfo.authType None\ng_httpInfo.userName None\n"
-                     "g_httpInfo.password None\ng_httpInfo.x_api_key test-api-key\ng_httpInfo.timeout 25\n"
-                     "g_httpInfo.authEnabled 0\n" % self.server.url())
-        acs_dump = ("******************** ACS Connection Details ***********************\n"
-                    "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\ng_serverData.cdpusername cpe-new\n"
-                    "g_serverData.operdesc Operator One\r\ng_serverData.subnetdesc Subnet A\r\ng_serverData.tenantID "
-                    "tenant-7\n\n************************************* END ***********************\n")
-        self.assertEqual(dev.read("agent.stdout", "rb").decode(), "httpGetUrlFromServer before curl_easy_perform\n"
-                         "httpGetUrlFromServer after curl_easy_perform\n" + http_dump + acs_dump)
+        self.assertEqual(dev.read("agent.stdout", "rb").decode(), (
+            "httpGetUrlFromServer before curl_easy_perform\nhttpGetUrlFromServer after curl_easy_perform\n"
+            "******************** OB Server Connection Details ***********************\ng_httpInfo.url: %s\n"
+            "g_httpInfo.authType None\ng_httpInfo.userName None\ng_httpInfo.password None\n"
+            "g_httpInfo.x_api_key test-api-key\ng_httpInfo.timeout 25\ng_httpInfo.authEnabled 0\n"
+            "******************** ACS Connection Details ***********************\n"
+            "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\ng_serverData.cdpusername cpe-new\n"
+            "g_serverData.operdesc Operator One\r\ng_serverData.subnetdesc Subnet A\r\ng_serverData.tenantID tenant-7\n"
+            "\n************************************* END ***********************\n") % self.server.url())
         self.assertNotIn("pwd: new-secret", log)
 
         # Waiting for the bootstrap signal: no upload, no exit, firewall open, and no CPU (polling burns ticks).
@@ -88,9 +85,7 @@ class NewAccountTest(FlowCase):
         before = cpu_ticks(dev.proc.pid)
         time.sleep(3)
         self.assertLessEqual(cpu_ticks(dev.proc.pid) - before, 1, "ticks in 3 s while waiting")
-        self.assertIsNone(dev.proc.poll())
-        self.assertEqual(self.server.requests("PUT"), [])
-        self.assertEqual(dev.iptables(), FIREWALL_INSERT)
+        self.assertEqual((dev.proc.poll(), self.server.requests("PUT"), dev.iptables()), (None, [], FIREWALL_INSERT))
 
         put, _ = self.assert_reported(dev, "1", "?status=SUCCESS")
         self.assertIn(put["client_port"], LOCAL_PORTS)
@@ -102,8 +97,7 @@ class NewAccountTest(FlowCase):
 class ReplyTest(OnboardingCase):
     def test_reply_without_a_new_account_still_applies_the_rest_and_exits(self):
         na_line = "TavelServer send NA/NULL values no need to retry or update data model\n"
-        # A bridge controller onboards like a root device; with the clock at 1970 (before NTP) no fetch
-        # goes out until it is set (to the real time, for the server certificate).
+        # A bridge controller onboards like a root; at 1970 (before NTP) no fetch until the clock is set.
         for name, url, store, lines, at1970 in (
                 ("NA, bridge controller", "NA", {"Device.X_TAVEL_WiFiService.WorkMode": "AP_Bridge"},
                  ("TAVEL work mode is ROOT... Continue !!\n", na_line), False),
@@ -117,17 +111,15 @@ class ReplyTest(OnboardingCase):
                 self.start(dev, 100, env=clock_env(dev, calendar.timegm((1970, 6, 1, 0, 0, 0))) if at1970 else {})
                 if at1970:
                     wait_until(lambda: dev.log().count("TAVEL Waiting for system time !!\n") >= 20, 10, "clock polls")
-                    self.assertNotIn("TAVEL Got Valid Time", dev.log())
-                    self.assertEqual(self.server.requests(), [])
-                    self.assertIsNone(dev.proc.poll())
+                    self.assertEqual(("TAVEL Got Valid Time" in dev.log(), self.server.requests(), dev.proc.poll()),
+                                     (False, [], None))
                     set_clock(dev, None)
                 self.assert_exits(dev)
                 log = dev.log()
                 self.assertGreater(log.find("TAVEL Got Valid Time ... Connecting to Ob Server !!\n"),
                                    log.rfind("TAVEL Waiting for system time !!\n"))
                 positions = [log.find(t) for t in lines + ("Tavel exiting with timer alive flag 0\n",)]
-                self.assertNotIn(-1, positions, positions)
-                self.assertEqual(positions, sorted(positions))
+                self.assertEqual(positions, sorted(p for p in positions if p >= 0))
                 expected = {"ManagementServer.URL": FACTORY_ACS, "ManagementServer.Username": "",
                             "X_TAVEL_Agent.OpDesc": None, "X_TAVEL_Cloud.L1URL": "https://l1.new.test",
                             "Time.LocalTimeZone": PARIS_ZONE, "DeviceInfo.X_TAVEL_CountryCode": "US",
@@ -143,8 +135,7 @@ class ReplyTest(OnboardingCase):
                              ("empty password", {"pwd": ""}),
                              ("no user name", {"name": None})):
             with self.subTest(name):
-                # Two 503s raise retryCount to 2; the incomplete reply must reset it, as the fourth reply's
-                # time-zone retry shows (it adds one to retryCount).
+                # Two 503s raise retryCount to 2; the incomplete reply resets it, as the time-zone retry shows.
                 self.script({"get": [reply(503), reply(503), reply(200, account(**broken) + [TZ_PARIS, CC_US]),
                                      reply(200, [("url", "NA"), ("timezone", "100"), ("countrycode", "")])]})
                 dev = self.device({"Device.DeviceInfo.X_TAVEL_CCSyncRequired": "1",
@@ -179,8 +170,7 @@ class ReplyTest(OnboardingCase):
         log = dev.wait_log(LAST_STEP)
         self.assertIn("Valid Management URL is NOT presnt .. apply TavelServer Data", log)
         self.assertNotIn("Received Same Managment", log)
-        self.assertEqual(dev.store()["Device.ManagementServer.Username"], "cpe-new")
-        self.assertIsNone(dev.proc.poll())
+        self.assertEqual((dev.store()["Device.ManagementServer.Username"], dev.proc.poll()), ("cpe-new", None))
 
 
 class FailureTest(OnboardingCase):
@@ -200,11 +190,8 @@ class FailureTest(OnboardingCase):
                 else:
                     self.assertIn("httpGetUrlFromServer ret: 504\n", dev.wait_log("getTimerIdForErrorCode: 504\n"))
                     time.sleep(1.5)
-                    self.assertEqual(len(self.server.requests("GET")), 1)
-                    self.assertIsNone(dev.proc.poll())
-                log = dev.log()
-                self.assertNotIn("retryCount value is", log)
-                self.assertNotIn("getRetryExpTimerValue", log)
+                    self.assertEqual((len(self.server.requests("GET")), dev.proc.poll()), (1, None))
+                self.assertNotRegex(dev.log(), "retryCount value is|getRetryExpTimerValue")
                 self.assertEqual(dev.store().get("Device.X_TAVEL_Agent.OnBoardStatus"), name)
                 self.assertEqual(dev.store()["Device.ManagementServer.URL"], FACTORY_ACS)
                 dev.close()
@@ -245,10 +232,9 @@ class FailureTest(OnboardingCase):
                 dev = self.device(ca_path=ca, mapping=None)
                 self.start(dev, 100)
                 self.assert_exits(dev)
-                log = dev.log()
-                self.assertIn("Tavel Verifed Certificate not exist\n", log)
-                self.assertIn("httpGetUrlFromServer ret: 505\n", log)
-                self.assertIn("certificate not EXIST !!!!\n", log)
+                for line in ("Tavel Verifed Certificate not exist\n", "httpGetUrlFromServer ret: 505\n",
+                             "certificate not EXIST !!!!\n"):
+                    self.assertIn(line, dev.log())
                 self.assertEqual(dev.store()["Device.X_TAVEL_Agent.OnBoardStatus"], "ConnectionFailed_Error_no_cert")
                 self.assertEqual(self.server.requests(), [])
 

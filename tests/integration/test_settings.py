@@ -2,8 +2,9 @@
 import os
 import time
 
-from harness import (CC_CONFIGURED_BY, CC_FILE, FIREWALL_REMOVE, MAPPING, NEW_ACCOUNT, ONBOARDING_IN_PROGRESS,
-                     PARIS_NAME, PARIS_ZONE, TZ_MARKER, TZ_PARIS, ctl, gaps, reply, retry_lines, wait_until)
+from harness import (FIREWALL_REMOVE, MAPPING, NEW_ACCOUNT, PARIS_NAME, PARIS_ZONE, TZ_PARIS, ctl, gaps, reply,
+                     retry_lines, wait_until)
+from tavelsim import CC_CONFIGURED_BY, CC_FILE, ONBOARDING_IN_PROGRESS, TZ_MARKER
 from test_flow import FlowCase
 
 # A decoy before the Paris line: the city matches, the code does not.
@@ -28,8 +29,7 @@ class SettingsTest(FlowCase):
         return dev.log()
 
     def test_received_zone_and_country_code(self):
-        # Zone header, mapping file, what it maps to (zone, name, code, id) or the line of its failure;
-        # country code, cc_configured_by before the run, whether the code is applied.
+        # Zone header, mapping, (zone, name, code, id) or the failure line; code, cc_configured_by, code applied.
         for header, mapping, mapped, cc, mark, applied in (
                 ('{"code":"CET","x":"y","id":"Europe/Paris"}', ZONES, (PARIS_ZONE, PARIS_NAME, "CET", "Europe/Paris"),
                  "US", None, True),
@@ -53,8 +53,7 @@ class SettingsTest(FlowCase):
                 if isinstance(mapped, str):
                     for line in (mapped, "Applying timezoneconfig failed\n", "] gettimezonecmd failed"):
                         self.assertIn(line, log)
-                    self.assertEqual(dev.history(), "")
-                    self.assertNotIn("Device.Time.LocalTimeZone", store)
+                    self.assertEqual((dev.history(), "Device.Time.LocalTimeZone" in store), ("", False))
                 else:
                     zone, name, code, ident = mapped
                     self.assertEqual(store.get("Device.Time.LocalTimeZone"), zone)
@@ -82,14 +81,10 @@ class SettingsTest(FlowCase):
                 dev.touch(TZ_MARKER)
                 log = self.run_to_exit(dev)
                 self.assertIn("timezoneconfigdone file present, timezone from dml: %s" % current, log)
-                if same:
-                    self.assertIn("] Same timezone", log)
-                    self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], current)
-                    self.assertEqual(dev.history(), "")
-                else:
-                    self.assertIn("Different timezone, handling timezone update, g_timezone: %s" % PARIS_ZONE, log)
-                    self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], PARIS_ZONE)
-                    self.assertEqual(dev.history(), SUCCESS_EVENT % (PARIS_ZONE, "CET", "Europe/Paris"))
+                self.assertIn("] Same timezone" if same else
+                              "Different timezone, handling timezone update, g_timezone: %s" % PARIS_ZONE, log)
+                self.assertEqual((dev.store()["Device.Time.LocalTimeZone"], dev.history()), (current, "") if same else
+                                 (PARIS_ZONE, SUCCESS_EVENT % (PARIS_ZONE, "CET", "Europe/Paris")))
 
     def test_unavailable_service_retries_with_one_event_and_no_info_keeps_the_zone(self):
         scale = 100
@@ -115,9 +110,8 @@ class SettingsTest(FlowCase):
         # Without the marker the next run asks again (the last reply repeats): one more event.
         os.unlink(dev.path(TZ_MARKER))
         self.run_to_exit(dev)
-        self.assertTrue(dev.exists(TZ_MARKER))
-        self.assertEqual(dev.history(), UNAVAILABLE_EVENT + NO_INFO_EVENT * 2)
-        self.assertEqual(dev.store()["Device.Time.LocalTimeZone"], "TZ:keep")
+        self.assertEqual((dev.exists(TZ_MARKER), dev.history(), dev.store()["Device.Time.LocalTimeZone"]),
+                         (True, UNAVAILABLE_EVENT + NO_INFO_EVENT * 2, "TZ:keep"))
 
     def test_code_is_parked_while_the_app_onboards_and_applied_later(self):
         self.script({"get": reply(200, NEW_ACCOUNT + [("timezone", "101"), ("countrycode", "US")])})
@@ -136,18 +130,16 @@ class SettingsTest(FlowCase):
         wait_until(lambda: ctl(self.bus.env(), "bootstrap", "1").returncode == 0, 10, "the agent on the bus")
         log = dev.wait_log("Not exiting Tavle, as timer is running !!!!")
         self.assertEqual(len(self.server.requests("PUT")), 1)
+        self.assertEqual((dev.iptables()[-2:], dev.proc.poll()), (FIREWALL_REMOVE, None))
         self.assertNotIn("exitTavel !!!!", log)
-        self.assertEqual(dev.iptables()[-2:], FIREWALL_REMOVE)
         self.assertNotIn("Device.DeviceInfo.X_TAVEL_CountryCode", dev.store())
-        self.assertIsNone(dev.proc.poll())
 
         dev.wait_log("timeout reached apply cc via tavel\n", timeout=15)
         self.assertGreaterEqual(time.monotonic() - parked, 3.6 - 0.1)
         wait_until(lambda: "Outside update_country_code, country code set successfully" in dev.log(), 10,
                    "the parked code to be applied")
-        self.assertEqual(dev.read(CC_CONFIGURED_BY, "rb"), b"TAVEL,US\0\0")
-        self.assertEqual(dev.store()["Device.DeviceInfo.X_TAVEL_CountryCode"], "US")
-        self.assertFalse(dev.exists(CC_FILE))
+        self.assertEqual((dev.read(CC_CONFIGURED_BY, "rb"), dev.store()["Device.DeviceInfo.X_TAVEL_CountryCode"],
+                          dev.exists(CC_FILE)), (b"TAVEL,US\0\0", "US", False))
         # The flag that refused the exit stays set for good.
         time.sleep(0.3)
         self.assertIsNone(dev.proc.poll())

@@ -1,5 +1,4 @@
-"""A complete onboarding with the agent's own clock (not OpenSSL's) past 2038-01-19, which a 32-bit time_t
-cannot hold: the agent would wait for the clock for ever."""
+"""An onboarding with the agent's clock past 2038-01-19: with a 32-bit time_t it would wait for ever."""
 import calendar
 
 from harness import ACS_USER, FULL_SCRIPT, applied, clock_env, wait_until
@@ -20,7 +19,6 @@ class Year2038Test(FlowCase):
                 wait_until(lambda: applied(dev), 30, "the reply applied")
                 self.assert_reported(dev, status, suffix)
                 self.assertEqual(dev.store()["Device.ManagementServer.Username"], ACS_USER)
-                # The agent itself read the moved clock (the first read of each
-                # entry point is traced), not the real one.
+                # The agent itself read the moved clock (each entry point's first read is traced).
                 reads = [int(line.split()[1]) for line in dev.read("clock.trace").splitlines()]
                 self.assertTrue(reads and all(at <= s < at + 600 for s in reads), dev.read("clock.trace"))
