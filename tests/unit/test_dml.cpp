@@ -23,49 +23,49 @@ protected:
     static std::string storeFile() { return dir() + "/datamodel.conf"; }
     static void writeStore(const std::string &text) { tavelTestWriteFile("/flash/dml/datamodel.conf", text); }
     static std::string readStore() { return tavelTestSlurp(storeFile()); }
-    static ino_t inode()
+    static struct stat storeStat()
     {
         struct stat st {
         };
         EXPECT_EQ(stat(storeFile().c_str(), &st), 0);
-        return st.st_ino;
+        return st;
+    }
+    static UpdateResult update(const std::vector<Change> &changes)
+    {
+        std::string error;
+        return tavel::dml::update(changes, nullptr, &error);
+    }
+    static UpdateResult set(const std::string &name, const std::string &v)
+    {
+        return update({Change{name, v}});
+    }
+    static tavel::dml::Store loaded()
+    {
+        tavel::dml::Store store;
+        EXPECT_TRUE(store.load(nullptr));
+        return store;
+    }
+    static std::string cachedGet(const std::string &name)
+    {
+        std::string error;
+        tavel::dml::CachedStore store(&error);
+        return store.ok() ? store->get(name) : "error: " + error;
+    }
+    // Rewrites the file in place, keeping its inode, with the given time.
+    static void inPlace(const std::string &path, const std::string &text, struct timespec mtime)
+    {
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+        const struct timespec times[2] = {mtime, mtime};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
 };
 
-// Each text as a line of its own.
-std::string lines(std::initializer_list<std::string> texts)
+// Each text followed by the separator.
+std::string lines(std::initializer_list<std::string> texts, const char *separator = "\n")
 {
     std::string out;
     for (const std::string &text : texts) {
-        out += text + "\n";
-    }
-    return out;
-}
-
-UpdateResult update(const std::vector<Change> &changes)
-{
-    std::string error;
-    return tavel::dml::update(changes, nullptr, &error);
-}
-
-UpdateResult set(const std::string &name, const std::string &value)
-{
-    return update({Change{name, value}});
-}
-
-tavel::dml::Store loaded()
-{
-    tavel::dml::Store store;
-    EXPECT_TRUE(store.load(nullptr));
-    return store;
-}
-
-// The texts, each followed by a bar.
-std::string joined(std::initializer_list<const char *> texts)
-{
-    std::string out;
-    for (const char *text : texts) {
-        out = out + text + "|";
+        out += text + separator;
     }
     return out;
 }
@@ -82,8 +82,22 @@ template <typename T> bool sameBytes(const T &a, const T &b)
     return memcmp(&a, &b, sizeof(T)) == 0;
 }
 
-TEST_F(Dml, StoreReadsNameValueLinesAndSkipsCommentsAndMalformedLines)
+TEST_F(Dml, StoreReadsLinesAndRewritesOnlyWhatChanged)
 {
+    // A new store holds account passwords and is private; a rewrite keeps the
+    // mode the integrator gave it, and the same value spares the flash a write.
+    ASSERT_EQ(set("Device.X", "v"), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), "Device.X=v\n");
+    EXPECT_EQ(storeStat().st_mode & 0777, 0600u);
+    writeStore("A=1\n");
+    ASSERT_EQ(chmod(storeFile().c_str(), 0640), 0);
+    const ino_t before = storeStat().st_ino;
+    ASSERT_EQ(set("A", "1"), UpdateResult::Ok);
+    EXPECT_EQ(storeStat().st_ino, before);
+    ASSERT_EQ(set("A", "2"), UpdateResult::Ok);
+    EXPECT_NE(storeStat().st_ino, before);
+    EXPECT_EQ(storeStat().st_mode & 07777, 0640u);
+
     writeStore(lines({"# A=from a comment", "", "A=1", "B==x=y", "no equals sign here", "=orphan value",
                       "bad name=x", "Nul\0Name=x"s, "Bin=va\0lue\xff"s, "A=second", "Empty="}) +
                "Last=tail");
@@ -105,10 +119,7 @@ TEST_F(Dml, StoreReadsNameValueLinesAndSkipsCommentsAndMalformedLines)
         names.emplace_back(p.name);
     }
     EXPECT_EQ(names, (std::vector<std::string>{"A", "B", "Bin", "A", "Empty", "Last"}));
-}
 
-TEST_F(Dml, StoreUpdateKeepsEveryOtherLineAndEscapesValues)
-{
     writeStore(lines({"# device defaults", "A=1", "", "garbage line", "B=2", "A=shadowed", "# end"}) + "C=3");
     ASSERT_EQ(update({Change{"B", "two"}, Change{"New", "x\ty"}, Change{"C", "3"}}), UpdateResult::Ok);
     EXPECT_EQ(readStore(), lines({"# device defaults", "A=1", "", "garbage line", "B=two", "A=shadowed",
@@ -130,27 +141,6 @@ TEST_F(Dml, StoreUpdateKeepsEveryOtherLineAndEscapesValues)
     // bytes, a trailing backslash included.
     EXPECT_EQ(tavel::dml::decodeValue("C:\\dir\\x\\"), "C:\\dir\\x\\");
     EXPECT_EQ(tavel::dml::decodeValue("\\\\n\\n"), "\\n\n");
-}
-
-// A new store holds account passwords and is private; a rewrite keeps the
-// mode the integrator gave it, and the same value spares the flash a write.
-TEST_F(Dml, StoreFileModeAndRewrites)
-{
-    ASSERT_EQ(set("Device.X", "v"), UpdateResult::Ok);
-    EXPECT_EQ(readStore(), "Device.X=v\n");
-    struct stat st;
-    ASSERT_EQ(stat(storeFile().c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-
-    writeStore("A=1\n");
-    ASSERT_EQ(chmod(storeFile().c_str(), 0640), 0);
-    const ino_t before = inode();
-    ASSERT_EQ(set("A", "1"), UpdateResult::Ok);
-    EXPECT_EQ(inode(), before);
-    ASSERT_EQ(set("A", "2"), UpdateResult::Ok);
-    EXPECT_NE(inode(), before);
-    ASSERT_EQ(stat(storeFile().c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
 }
 
 TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreFailsReadsAndWrites)
@@ -304,26 +294,11 @@ TEST_F(Dml, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
     EXPECT_EQ(store.get("Sentinel"), "ok");
 }
 
-std::string cachedGet(const std::string &name)
-{
-    std::string error;
-    tavel::dml::CachedStore store(&error);
-    return store.ok() ? store->get(name) : "error: " + error;
-}
-
-// Rewrites the file in place, keeping its inode, with the given time.
-void inPlace(const std::string &path, const std::string &text, struct timespec mtime)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-    const struct timespec times[2] = {mtime, mtime};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-}
-
 const struct timespec kOld = {1500000000, 100}, kOld1 = {kOld.tv_sec, kOld.tv_nsec + 1};
 
 // Outside writers that keep the size, each leaving as little of the file's
 // identity changed as it can.
-TEST_F(Dml, CachedReadsSeeOutsideWritesThatKeepSizeAndSecond)
+TEST_F(Dml, CachedReadsSeeOutsideWritesAndUpdatesKeepThem)
 {
     const std::string path = storeFile();
     const struct {
@@ -357,11 +332,7 @@ TEST_F(Dml, CachedReadsSeeOutsideWritesThatKeepSizeAndSecond)
         w.write();
         EXPECT_EQ(cachedGet("A"), "2") << w.what;
     }
-}
 
-TEST_F(Dml, UpdatesWorkOnTheFileAndReleaseDropsTheParse)
-{
-    const std::string path = storeFile();
     writeStore("");
     inPlace(path, "A=1\nB=1\n", kOld);
     EXPECT_EQ(cachedGet("A"), "1");
@@ -414,9 +385,10 @@ TEST_F(Dml, GettersFillEachRecordFromItsParameters)
     // Enable, URL, key, account and work mode are read through the agent's
     // own accessors in test_cfgm.cpp.
     EXPECT_EQ(
-        joined({ob.onBoardStatus, ob.opDesc, ob.subnetDesc, ob.acsConnStatus, mgmt.Password, cc, tz,
-                node.serialNumber, node.operatorId, node.country, l1.URL, l2.URL, ra.URL, zc.configURL,
-                zc.apiKey, dml_getHIECertifcatePath()}),
+        lines({ob.onBoardStatus, ob.opDesc, ob.subnetDesc, ob.acsConnStatus, mgmt.Password, cc, tz,
+               node.serialNumber, node.operatorId, node.country, l1.URL, l2.URL, ra.URL, zc.configURL,
+               zc.apiKey, dml_getHIECertifcatePath()},
+              "|"),
         "ConnectionSuccess|op|sub|ACSRetryReq||FR|CET-1CEST|SN1|OP|DE||https://l2|https://ra|https://cfg||"
         "/etc/ca.pem|");
     EXPECT_EQ(ob.URL[sizeof(ob.URL) - 1], 0); // the rest of a field is zeroed
@@ -427,7 +399,7 @@ TEST_F(Dml, GettersFillEachRecordFromItsParameters)
     EXPECT_EQ(l2.flags, 255);
 }
 
-TEST_F(Dml, EnableNeedsANonZeroDecimalAndFlagsAByte)
+TEST_F(Dml, GettersParseNumbersAndCutLongTextsToTheirFields)
 {
     const std::pair<const char *, int> enables[] = {
         {"1", 1},   {"7", 1},  {"-2", 1}, {"99999999999999999999", 1},
@@ -448,10 +420,7 @@ TEST_F(Dml, EnableNeedsANonZeroDecimalAndFlagsAByte)
         ASSERT_EQ(dml_getKPRCConfigL1Server(&cfg), 0);
         EXPECT_EQ(cfg.flags, expected) << "'" << text << "'";
     }
-}
 
-TEST_F(Dml, LongTextsAreCutToTheirFields)
-{
     const std::string huge(1 << 20, 'u');
     writeStore(lines({"Device.ManagementServer.URL=" + huge, "Device.ManagementServer.Username=user",
                       "Device.X_TAVEL_WiFiService.WorkMode=" + std::string(40, 'm'),
@@ -483,38 +452,7 @@ TEST_F(Dml, LongTextsAreCutToTheirFields)
     EXPECT_EQ(strlen(dml_getHIECertifcatePath()), huge.size()); // no field: handed out whole
 }
 
-TEST_F(Dml, CloudSettersKeepFieldsThatArriveEmpty)
-{
-    KPRCConfigServer l1{};
-    strcpy(l1.URL, "https://l1");
-    l1.flags = 1;
-    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
-    l1 = KPRCConfigServer{};
-    l1.flags = 200;
-    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
-    l1 = KPRCConfigServer{};
-    ASSERT_EQ(dml_getKPRCConfigL1Server(&l1), 0);
-    EXPECT_STREQ(l1.URL, "https://l1");
-    EXPECT_EQ(l1.flags, 200);
-
-    KPRCRAccessConfig ra{};
-    strcpy(ra.URL, "https://ra");
-    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
-    ra = KPRCRAccessConfig{};
-    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
-    ASSERT_EQ(dml_getKPRCRAccessConfig(&ra), 0);
-    EXPECT_STREQ(ra.URL, "https://ra");
-
-    // A field filled to its last byte without a NUL is read only up to its end.
-    KPRCConfigServer full{};
-    memset(full.URL, 'f', sizeof(full.URL));
-    ASSERT_EQ(dml_setKPRCConfigL2Server(&full), 0);
-    full = KPRCConfigServer{};
-    ASSERT_EQ(dml_getKPRCConfigL2Server(&full), 0);
-    EXPECT_EQ(strlen(full.URL), sizeof(full.URL) - 1);
-}
-
-TEST_F(Dml, SettersChangeOnlyTheirParametersAndStoreEmptyAccountFields)
+TEST_F(Dml, SettersChangeOnlyTheirParametersAndKeepOrStoreEmptyFields)
 {
     writeStore(lines({"# factory", "Device.X_TAVEL_Agent.OnBoardStatus=NoConnection",
                       "Device.X_TAVEL_Agent.URL=https://ob", "Device.Time.LocalTimeZone=UTC",
@@ -533,10 +471,7 @@ TEST_F(Dml, SettersChangeOnlyTheirParametersAndStoreEmptyAccountFields)
     EXPECT_NE(dml_setTimeZone("UTC", nullptr), 0);
 
     writeStore("");
-    ManagementServerInfo info{};
-    strcpy(info.URL, "https://acs");
-    strcpy(info.Username, "user");
-    strcpy(info.Password, "pa\ts\\s");
+    ManagementServerInfo info{"https://acs", "user", "pa\ts\\s"};
     ASSERT_EQ(dml_setManagementServerInfo(&info), 0);
     info = ManagementServerInfo{};
     ASSERT_EQ(dml_getManagementServerInfo(&info), 0);
@@ -545,6 +480,28 @@ TEST_F(Dml, SettersChangeOnlyTheirParametersAndStoreEmptyAccountFields)
     ASSERT_EQ(dml_setManagementServerInfo(&empty), 0);
     EXPECT_EQ(readStore(), lines({"Device.ManagementServer.URL=", "Device.ManagementServer.Username=",
                                   "Device.ManagementServer.Password="}));
+    // The cloud setters keep a stored field that arrives empty.
+    KPRCConfigServer l1{{}, "https://l1", 1};
+    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
+    l1 = KPRCConfigServer{{}, "", 200};
+    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
+    l1 = KPRCConfigServer{};
+    ASSERT_EQ(dml_getKPRCConfigL1Server(&l1), 0);
+    EXPECT_STREQ(l1.URL, "https://l1");
+    EXPECT_EQ(l1.flags, 200);
+    KPRCRAccessConfig ra{"https://ra"};
+    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
+    ra = KPRCRAccessConfig{};
+    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
+    ASSERT_EQ(dml_getKPRCRAccessConfig(&ra), 0);
+    EXPECT_STREQ(ra.URL, "https://ra");
+    // A field filled to its last byte without a NUL is read only up to its end.
+    KPRCConfigServer full{};
+    memset(full.URL, 'f', sizeof(full.URL));
+    ASSERT_EQ(dml_setKPRCConfigL2Server(&full), 0);
+    full = KPRCConfigServer{};
+    ASSERT_EQ(dml_getKPRCConfigL2Server(&full), 0);
+    EXPECT_EQ(strlen(full.URL), sizeof(full.URL) - 1);
 }
 
 TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
@@ -561,8 +518,7 @@ TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
     char mode[DML_WORKMODE_LEN];
     memset(mode, 0x55, sizeof(mode));
     ManagementServerInfo newMgmt{};
-    KPRCZoragentConfig newZc{};
-    strcpy(newZc.configURL, "https://new");
+    KPRCZoragentConfig newZc{"https://new", ""};
 
     const std::vector<std::pair<std::string, std::function<int()>>> operations = {
         {"dml_init", [] { return dml_init(0); }},
@@ -657,12 +613,8 @@ TEST_F(Dml, ConcurrentSettersLoseNoUpdate)
     }
     OnBoardingServerInfo ob{};
     char tz[DML_TIMEZONE_LEN], cc[DML_COUNTRYID_LEN];
-    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
-    ASSERT_EQ(dml_getTimeZone(tz), 0);
-    ASSERT_EQ(dml_getCountryID(cc), 0);
-    EXPECT_STREQ(ob.onBoardStatus, "status24");
-    EXPECT_STREQ(tz, "tz24");
-    EXPECT_STREQ(cc, "24");
+    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob) | dml_getTimeZone(tz) | dml_getCountryID(cc), 0);
+    EXPECT_EQ(lines({ob.onBoardStatus, tz, cc}, "|"), "status24|tz24|24|");
 }
 
 } // namespace

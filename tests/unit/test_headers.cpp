@@ -53,7 +53,7 @@ TEST_F(HeaderTest, TypesFollowExactCaseSensitiveNames)
 
 // Each line is fed after "<field>: old" for its own field, so a line that
 // clears or keeps the earlier value shows it.
-TEST_F(HeaderTest, ValueRulesPerLine)
+TEST_F(HeaderTest, ValueRulesPerLineAndNaForCloudFields)
 {
     const char *const kOpdesc = "opdesc", *const kSnet = "snetdesc", *const kTenant = "tenantid",
                       *const kCc = "countrycode";
@@ -98,10 +98,7 @@ TEST_F(HeaderTest, ValueRulesPerLine)
         feed(c.line);
         EXPECT_STREQ(storedValue(c.field), c.expected) << c.line;
     }
-}
 
-TEST_F(HeaderTest, NaMeansEmptyForCloudFieldsOnly)
-{
     // The descriptions are raw text (ValueRulesPerLine); every other stored
     // value is a word.
     for (const ReplyField &f : kReplyFields) {
@@ -119,7 +116,7 @@ TEST_F(HeaderTest, NaMeansEmptyForCloudFieldsOnly)
 
 // A later reply without a header, a line too short to hold one and the
 // time-zone line (stored elsewhere) keep the values received before.
-TEST_F(HeaderTest, LaterHeaderOfAnyLengthWinsAndLinesWithoutItKeepTheValue)
+TEST_F(HeaderTest, LaterHeaderWinsLinesWithoutItKeepTheValueAndTheTraceHidesPasswords)
 {
     feed("url: https://one\r\n");
     feed("l1url: https://cloud\r\n");
@@ -146,10 +143,7 @@ TEST_F(HeaderTest, LaterHeaderOfAnyLengthWinsAndLinesWithoutItKeepTheValue)
     // size * nmemb is the length libcurl is told was handled.
     const std::string line = "url: abcd\r\n";
     EXPECT_EQ(header_handler(tavelTestBlock(line).get(), line.size(), 1, nullptr), line.size());
-}
 
-TEST_F(HeaderTest, TraceShowsEachLineWithinItsLengthButNoPassword)
-{
     size_t mark = tavelTestLog().size();
     feed("pwd: s3cr3t-value\r\n");
     feed("x-note: has pwd inside s3cr3t-two\r\n");

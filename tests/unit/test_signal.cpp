@@ -44,7 +44,7 @@ protected:
     void TearDown() override { tavel_resetRetryState(); }
 };
 
-TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReported)
+TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReportedAndOthersReadWithinTheirBytes)
 {
     const std::string sized = dbgPayload("tavelAgent", "") + '\0';
     for (size_t n : {0, 3, 7, 2111, 2113}) {
@@ -61,6 +61,17 @@ TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReported)
         EXPECT_EQ(runDbgSignal(dbgPayload(module, "setTimeout 5")), kEnter + kIgnore) << module;
     }
     EXPECT_EQ(g_retryTimeout, 86400);
+
+    // The dumps themselves are checked on the real binary in test_bus.py.
+    const std::string cmd = "setTimeout 42" + std::string(TAVEL_DBG_CMDLINE_LEN - 13, 'x');
+    const std::string handled = "debug cmdLine = " + cmd + ".\ncmdLine+11 = " + cmd.substr(11) + ".\n";
+    EXPECT_EQ(runDbgSignal(dbgPayload("tavelAgent", cmd)),
+              kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + handled);
+    EXPECT_EQ(g_retryTimeout, 42);
+    // Called on its own with a field of exactly 2,048 unterminated bytes.
+    g_retryTimeout = 0;
+    EXPECT_EQ(runDbgCmd(tavelTestBlock(cmd).get()), handled);
+    EXPECT_EQ(g_retryTimeout, 42);
 }
 
 TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionElevenAndAnythingElsePrintsTheHelp)
@@ -95,20 +106,6 @@ TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionElevenAndAnythingElsePrint
     EXPECT_EQ(runDbgCmd(nullptr), kHelp);
 }
 
-// The dumps themselves are checked on the real binary in test_bus.py.
-TEST_F(DbgCmdTest, UnterminatedCommandFieldIsReadWithinItsBytes)
-{
-    const std::string cmd = "setTimeout 42" + std::string(TAVEL_DBG_CMDLINE_LEN - 13, 'x');
-    const std::string handled = "debug cmdLine = " + cmd + ".\ncmdLine+11 = " + cmd.substr(11) + ".\n";
-    EXPECT_EQ(runDbgSignal(dbgPayload("tavelAgent", cmd)),
-              kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + handled);
-    EXPECT_EQ(g_retryTimeout, 42);
-    // Called on its own with a field of exactly 2,048 unterminated bytes.
-    g_retryTimeout = 0;
-    EXPECT_EQ(runDbgCmd(tavelTestBlock(cmd).get()), handled);
-    EXPECT_EQ(g_retryTimeout, 42);
-}
-
 class SignalTest : public ::testing::Test
 {
 protected:
@@ -122,7 +119,7 @@ protected:
     char savedTimezone_[sizeof(g_timezone)] = {};
 };
 
-TEST_F(SignalTest, NtpValueIsBoundedByPayloadTerminatorAndField)
+TEST_F(SignalTest, NtpValueIsBoundedByPayloadTerminatorAndFieldAndSendingNeedsABus)
 {
     memset(g_timezone, 'z', sizeof(g_timezone) - 1);
     const std::pair<std::string, std::string> cases[] = {
@@ -145,10 +142,26 @@ TEST_F(SignalTest, NtpValueIsBoundedByPayloadTerminatorAndField)
     tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, nullptr, 0);
     EXPECT_EQ(std::string(g_timezone), std::string(49, 'A'));
     EXPECT_TRUE(tavelTestLogHas("error", "signal ignored: payload of 0 bytes, 1 needed")) << tavelTestLog();
+
+    // Bootstrap statuses 1, 0 and -7 run end to end in test_flow.py.
+    // Never the host's bus: point the layer at a socket that does not exist.
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + tavelTestPath("/no-bus")).c_str(), 1);
+    const char data[3] = {'a', 'b', 'c'};
+    EXPECT_EQ(tavel_sendMsg("tavelSyncSignal", data, sizeof(data)), -1);
+    EXPECT_TRUE(tavelTestLogHas("error", "hbus send signal failed, ret = [-1]")) << tavelTestLog();
+
+    tavelTestCleanRoot();
+    EXPECT_EQ(tavel_updateAcsStatus(1, data, sizeof(data)), -1);
+    EXPECT_TRUE(tavelTestLogHas("notice", "tavelMsg: type = 1, len = 3")) << tavelTestLog();
+
+    // A length that cannot travel in the signed header is refused unsent.
+    tavelTestCleanRoot();
+    EXPECT_EQ(tavel_updateAcsStatus(1, data, UINT32_MAX - 4), -1);
+    EXPECT_EQ(tavelTestLog(), "");
 }
 
 // One log line for each message; the data a header announces is never read.
-TEST_F(SignalTest, SyncMessages)
+TEST_F(SignalTest, SyncMessagesAndShortBootstrapPayloads)
 {
     tavel_processSyncMgrSignal(nullptr, nullptr, nullptr, 0);
     EXPECT_TRUE(tavelTestLogHas("debug", "msg is NULL")) << tavelTestLog();
@@ -174,10 +187,7 @@ TEST_F(SignalTest, SyncMessages)
         EXPECT_TRUE(tavelTestLogHas(c.level, c.line)) << tavelTestLog();
         EXPECT_EQ(tavelTestCount(tavelTestLog(), "\n"), 1) << tavelTestLog();
     }
-}
 
-TEST_F(SignalTest, BootstrapNeedsFourBytes)
-{
     for (size_t n : {0, 3}) {
         tavelTestCleanRoot();
         tavel_TR69BootstrapStatusSignal(nullptr, nullptr, n > 0 ? tavelTestBlock("abc").get() : nullptr,
@@ -188,25 +198,6 @@ TEST_F(SignalTest, BootstrapNeedsFourBytes)
             tavelTestLogHas("error", "signal ignored: payload of " + std::to_string(n) + " bytes, 4 needed"))
             << tavelTestLog();
     }
-}
-
-// Bootstrap statuses 1, 0 and -7 run end to end in test_flow.py.
-TEST_F(SignalTest, SendingWithoutABusFails)
-{
-    // Never the host's bus: point the layer at a socket that does not exist.
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + tavelTestPath("/no-bus")).c_str(), 1);
-    const char data[3] = {'a', 'b', 'c'};
-    EXPECT_EQ(tavel_sendMsg("tavelSyncSignal", data, sizeof(data)), -1);
-    EXPECT_TRUE(tavelTestLogHas("error", "hbus send signal failed, ret = [-1]")) << tavelTestLog();
-
-    tavelTestCleanRoot();
-    EXPECT_EQ(tavel_updateAcsStatus(1, data, sizeof(data)), -1);
-    EXPECT_TRUE(tavelTestLogHas("notice", "tavelMsg: type = 1, len = 3")) << tavelTestLog();
-
-    // A length that cannot travel in the signed header is refused unsent.
-    tavelTestCleanRoot();
-    EXPECT_EQ(tavel_updateAcsStatus(1, data, UINT32_MAX - 4), -1);
-    EXPECT_EQ(tavelTestLog(), "");
 }
 
 } // namespace

@@ -44,7 +44,7 @@ protected:
 
 } // namespace
 
-TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparatorsAndErrorHeader)
+TEST_F(TimezoneTest, ZoneAndErrorHeadersAndMalformedValues)
 {
     const struct {
         const char *id, *continentCity, *city;
@@ -86,14 +86,11 @@ TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparatorsAndErrorHeader)
     EXPECT_STREQ(g_timezoneData.errorcode, "100");
     parseHeader("timezone: 101");
     EXPECT_STREQ(g_timezoneData.errorcode, "101");
-}
 
-TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
-{
     const std::string big(100 * 1024, 'C');
     const struct {
         std::string header, timezone, cityname, errorcode;
-    } cases[] = {
+    } malformed[] = {
         {"timezone:", "", "", ""},
         {":::", "", "", ""},
         {"tz: 100", "", "", ""},
@@ -115,7 +112,7 @@ TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
          "00"s,
          "", "", "1"},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : malformed) {
         const std::string shown = c.header.substr(0, 80);
         parseHeader(c.header);
         for (const char *field :
@@ -163,7 +160,7 @@ TEST(TimezoneText, RemovesBackslashesAndSplitsMappingLinesQuoteAware)
     }
 }
 
-TEST_F(TimezoneTest, LookupSelectsFirstLineWithCodeAndCity)
+TEST_F(TimezoneTest, LookupSelectsTheFirstWholeLineWithCodeAndCityOfAUsableFile)
 {
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
     setReceivedZone("CET", "Paris");
@@ -181,18 +178,13 @@ TEST_F(TimezoneTest, LookupSelectsFirstLineWithCodeAndCity)
     setReceivedZone("CET", "Paris");
     EXPECT_EQ(lookup(16), kParisLine.substr(0, 15)) << "bounded by the caller's buffer";
     EXPECT_EQ(tavelTestReadFile("/var/log/history.log"), "") << "lookups record no history";
-}
 
-TEST_F(TimezoneTest, LookupWithoutUsableFile)
-{
-    setReceivedZone("CET", "Paris");
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, "");
     EXPECT_EQ(lookup(), "<none>");
     EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
 
     /* What could hang the agent or feed it without end fails the lookup with
-     * one line that says why, and the agent goes on (which files are refused
-     * is tavel_openRegular's, test_util.cpp). */
+     * one line that says why (which files: tavel_openRegular, test_util.cpp). */
     const std::string path = tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE);
     const struct {
         const char *what;
@@ -213,11 +205,7 @@ TEST_F(TimezoneTest, LookupWithoutUsableFile)
             "error", std::string("timezone mapping file " TAVEL_TIMEZONE_MAPPING_FILE " refused: ") + c.why))
             << c.what;
     }
-}
 
-TEST_F(TimezoneTest, LookupSkipsOverlongAndBinaryLinesAndFailsOnAnIncompleteOne)
-{
-    setReceivedZone("CET", "Paris");
     const std::string longLine = "9,CET,Paris,\"LONG\",\"" + std::string(10000, 'x') + "\"\n";
     const std::string nulLine = "8,CET,Paris,\"NUL\0\",\"Europe/Paris\"\n"s;
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, longLine + nulLine + kParisLine);
