@@ -77,10 +77,7 @@ template <typename T> T filled(unsigned char byte)
     return record;
 }
 
-template <typename T> bool sameBytes(const T &a, const T &b)
-{
-    return memcmp(&a, &b, sizeof(T)) == 0;
-}
+const auto sameBytes = [](const auto &a, const auto &b) { return memcmp(&a, &b, sizeof(a)) == 0; };
 
 TEST_F(Dml, StoreReadsLinesAndRewritesOnlyWhatChanged)
 {
@@ -141,9 +138,31 @@ TEST_F(Dml, StoreReadsLinesAndRewritesOnlyWhatChanged)
     // bytes, a trailing backslash included.
     EXPECT_EQ(tavel::dml::decodeValue("C:\\dir\\x\\"), "C:\\dir\\x\\");
     EXPECT_EQ(tavel::dml::decodeValue("\\\\n\\n"), "\\n\n");
+
+    // A hundred thousand lines and a megabyte value stay fast.
+    std::string text;
+    for (int i = 0; i < 100000; ++i) {
+        text += "Device.Param" + std::to_string(i) + "=value " + std::to_string(i) + "\n";
+    }
+    const std::string big(1 << 20, 'x');
+    writeStore(text + "Big=" + big + "\n");
+
+    auto start = std::chrono::steady_clock::now();
+    tavel::dml::Store large = loaded();
+    EXPECT_EQ(large.get("Device.Param99999"), "value 99999");
+    EXPECT_EQ(large.get("Big"), big);
+    ASSERT_EQ(update({Change{"Device.Param50000", "changed"}, Change{"Added", "1"}}), UpdateResult::Ok);
+    ASSERT_TRUE(large.load(nullptr));
+    auto elapsed = std::chrono::steady_clock::now() - start;
+
+    EXPECT_EQ(large.get("Device.Param50000"), "changed");
+    EXPECT_EQ(large.get("Added"), "1");
+    EXPECT_EQ(large.params().size(), 100002u);
+    // Linear work stays well below this even in sanitizer builds.
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 2000);
 }
 
-TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreFailsReadsAndWrites)
+TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreOrFailedWriteChangesNothing)
 {
     ASSERT_EQ(dml_init(0), 0);
     auto mgmt = filled<ManagementServerInfo>(0x55);
@@ -176,9 +195,8 @@ TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreFailsReadsAndWrites)
         SCOPED_TRACE(b.what);
         std::filesystem::remove_all(tavelTestPath("/flash"));
         b.make();
-        tavel::dml::Store store;
         std::string error;
-        EXPECT_FALSE(store.load(&error));
+        EXPECT_FALSE(tavel::dml::Store().load(&error));
         EXPECT_NE(error.find(b.error), std::string::npos) << error;
         EXPECT_EQ(set("A", "1"), UpdateResult::Error);
         EXPECT_NE(dml_init(0), 0);
@@ -194,34 +212,7 @@ TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreFailsReadsAndWrites)
         EXPECT_FALSE(tavel::dml::Store().load(nullptr));
         EXPECT_EQ(set("A", "2"), UpdateResult::Error);
     }
-}
 
-TEST_F(Dml, StoreOfHundredThousandLinesAndAMegabyteValueStaysFast)
-{
-    std::string text;
-    for (int i = 0; i < 100000; ++i) {
-        text += "Device.Param" + std::to_string(i) + "=value " + std::to_string(i) + "\n";
-    }
-    const std::string big(1 << 20, 'x');
-    writeStore(text + "Big=" + big + "\n");
-
-    auto start = std::chrono::steady_clock::now();
-    tavel::dml::Store store = loaded();
-    EXPECT_EQ(store.get("Device.Param99999"), "value 99999");
-    EXPECT_EQ(store.get("Big"), big);
-    ASSERT_EQ(update({Change{"Device.Param50000", "changed"}, Change{"Added", "1"}}), UpdateResult::Ok);
-    ASSERT_TRUE(store.load(nullptr));
-    auto elapsed = std::chrono::steady_clock::now() - start;
-
-    EXPECT_EQ(store.get("Device.Param50000"), "changed");
-    EXPECT_EQ(store.get("Added"), "1");
-    EXPECT_EQ(store.params().size(), 100002u);
-    // Linear work stays well below this even in sanitizer builds.
-    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 2000);
-}
-
-TEST_F(Dml, FailedWriteLeavesTheOldStoreByteIdentical)
-{
     const std::string old = "# keep me\nA=1\nB=2\n";
     writeStore(old);
     // A file-size limit makes every write past 4 KiB fail as on a full disk.
@@ -244,7 +235,7 @@ TEST_F(Dml, FailedWriteLeavesTheOldStoreByteIdentical)
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir()), {}), 2);
 }
 
-TEST_F(Dml, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
+TEST_F(Dml, ConcurrentWritersAndSettersNeitherTearTheFileNorLoseUpdates)
 {
     constexpr int kWriters = 4, kRounds = 40;
     const std::string header = "# header\nSentinel=ok\n", padding(8192, 'p');
@@ -292,6 +283,33 @@ TEST_F(Dml, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
         EXPECT_EQ(store.get("Pad" + std::to_string(w)), padding + std::to_string(kRounds - 1));
     }
     EXPECT_EQ(store.get("Sentinel"), "ok");
+
+    // Threads of one process go through the same lock.
+    const std::function<void(const std::string &)> writers[] = {
+        [](const std::string &i) { dml_setOnBoardStatus(("status" + i).c_str()); },
+        [](const std::string &i) { dml_setTimeZone(("tz" + i).c_str(), "zone"); },
+        [](const std::string &i) { dml_setCountryID(i.c_str()); },
+        [](const std::string &) {
+            SupportedCountryList list;
+            dml_getSupportedCountryList(&list);
+            dml_getHIECertifcatePath();
+        },
+    };
+    std::vector<std::thread> threads;
+    for (const auto &write : writers) {
+        threads.emplace_back([&write] {
+            for (int i = 0; i < kRounds; ++i) {
+                write(std::to_string(i));
+            }
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    OnBoardingServerInfo ob{};
+    char tz[DML_TIMEZONE_LEN], cc[DML_COUNTRYID_LEN];
+    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob) | dml_getTimeZone(tz) | dml_getCountryID(cc), 0);
+    EXPECT_EQ(lines({ob.onBoardStatus, tz, cc}, "|"), "status39|tz39|39|");
 }
 
 const struct timespec kOld = {1500000000, 100}, kOld1 = {kOld.tv_sec, kOld.tv_nsec + 1};
@@ -355,7 +373,7 @@ TEST_F(Dml, CachedReadsSeeOutsideWritesAndUpdatesKeepThem)
     EXPECT_EQ(cachedGet("B"), "8");
 }
 
-TEST_F(Dml, GettersFillEachRecordFromItsParameters)
+TEST_F(Dml, GettersFillEachRecordAndCountryListParseNumbersAndCutLongTexts)
 {
     writeStore(
         lines({"Device.X_TAVEL_Agent.URL=https://ob.example/x",
@@ -397,10 +415,28 @@ TEST_F(Dml, GettersFillEachRecordFromItsParameters)
     EXPECT_EQ(cap.isCCSyncRequired, 1);
     EXPECT_EQ(l1.flags, 0);
     EXPECT_EQ(l2.flags, 255);
-}
 
-TEST_F(Dml, GettersParseNumbersAndCutLongTextsToTheirFields)
-{
+    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=US,CA;GB, FR ,,DE;;LONGCODE;\n");
+    SupportedCountryList list{};
+    ASSERT_EQ(dml_getSupportedCountryList(&list), 0);
+    ASSERT_EQ(list.groupCount, 3);
+    std::vector<std::vector<std::string>> groups;
+    for (int g = 0; g < list.groupCount; ++g) {
+        groups.emplace_back();
+        for (int c = 0; c < list.groups[g].countryCount; ++c) {
+            groups.back().emplace_back(list.groups[g].countries[c].code);
+        }
+    }
+    EXPECT_EQ(groups, (std::vector<std::vector<std::string>>{{"US", "CA"}, {"GB", "FR", "DE"}, {"LONG"}}));
+    SupportedCountryList again{};
+    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
+    EXPECT_EQ(again.groups, list.groups);
+
+    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=\n");
+    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
+    EXPECT_EQ(again.groupCount, 0);
+    EXPECT_EQ(again.groups, nullptr);
+
     const std::pair<const char *, int> enables[] = {
         {"1", 1},   {"7", 1},  {"-2", 1}, {"99999999999999999999", 1},
         {"000", 0}, {"", 0},   {"0", 0},  {"yes", 0},
@@ -408,7 +444,6 @@ TEST_F(Dml, GettersParseNumbersAndCutLongTextsToTheirFields)
     };
     for (const auto &[text, expected] : enables) {
         writeStore("Device.X_TAVEL_Agent.Enable="s + text + "\n");
-        OnBoardingServerInfo ob{};
         ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
         EXPECT_EQ(ob.enable, expected) << "'" << text << "'";
     }
@@ -416,9 +451,8 @@ TEST_F(Dml, GettersParseNumbersAndCutLongTextsToTheirFields)
                                                   {"-1", 0}, {"x", 0}, {"", 0},      {"0255", 0}};
     for (const auto &[text, expected] : flags) {
         writeStore("Device.X_TAVEL_Cloud.L1Flags="s + text + "\n");
-        KPRCConfigServer cfg{};
-        ASSERT_EQ(dml_getKPRCConfigL1Server(&cfg), 0);
-        EXPECT_EQ(cfg.flags, expected) << "'" << text << "'";
+        ASSERT_EQ(dml_getKPRCConfigL1Server(&l1), 0);
+        EXPECT_EQ(l1.flags, expected) << "'" << text << "'";
     }
 
     const std::string huge(1 << 20, 'u');
@@ -427,7 +461,6 @@ TEST_F(Dml, GettersParseNumbersAndCutLongTextsToTheirFields)
                       "Device.DeviceInfo.X_TAVEL_CountryCode=ABCDEF",
                       "Device.DeviceInfo.SerialNumber=" + std::string(100, 's'),
                       "Device.DeviceInfo.X_TAVEL_CACertPath=" + huge}));
-    ManagementServerInfo mgmt{};
     ASSERT_EQ(dml_getManagementServerInfo(&mgmt), 0);
     EXPECT_EQ(strnlen(mgmt.URL, sizeof(mgmt.URL)), sizeof(mgmt.URL) - 1);
     EXPECT_STREQ(mgmt.Username, "user");
@@ -442,10 +475,9 @@ TEST_F(Dml, GettersParseNumbersAndCutLongTextsToTheirFields)
     EXPECT_EQ(std::string(buf.mode), std::string(DML_WORKMODE_LEN - 1, 'm'));
     EXPECT_EQ(std::string(buf.guard, sizeof(buf.guard)), std::string(8, '#'));
 
-    char cc[DML_COUNTRYID_LEN];
     ASSERT_EQ(dml_getCountryID(cc), 0);
     EXPECT_STREQ(cc, "ABC");
-    auto node = filled<NodeInfo>(0x5a);
+    node = filled<NodeInfo>(0x5a);
     ASSERT_EQ(dml_getNodeInfo(&node), 0);
     EXPECT_EQ(std::string(node.serialNumber), std::string(sizeof(node.serialNumber) - 1, 's'));
     EXPECT_EQ(node.reserved1[0], 0x5a);
@@ -561,60 +593,6 @@ TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
     writeStore(values);
     ASSERT_EQ(dml_getWorkMode(mode), 0);
     EXPECT_STREQ(mode, "RGW");
-}
-
-TEST_F(Dml, CountryListGroupsAndKeepsTheArraysWhileUnchanged)
-{
-    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=US,CA;GB, FR ,,DE;;LONGCODE;\n");
-    SupportedCountryList list{};
-    ASSERT_EQ(dml_getSupportedCountryList(&list), 0);
-    ASSERT_EQ(list.groupCount, 3);
-    std::vector<std::vector<std::string>> groups;
-    for (int g = 0; g < list.groupCount; ++g) {
-        groups.emplace_back();
-        for (int c = 0; c < list.groups[g].countryCount; ++c) {
-            groups.back().emplace_back(list.groups[g].countries[c].code);
-        }
-    }
-    EXPECT_EQ(groups, (std::vector<std::vector<std::string>>{{"US", "CA"}, {"GB", "FR", "DE"}, {"LONG"}}));
-    SupportedCountryList again{};
-    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
-    EXPECT_EQ(again.groups, list.groups);
-
-    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=\n");
-    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
-    EXPECT_EQ(again.groupCount, 0);
-    EXPECT_EQ(again.groups, nullptr);
-}
-
-TEST_F(Dml, ConcurrentSettersLoseNoUpdate)
-{
-    constexpr int kRounds = 25;
-    const std::function<void(const std::string &)> writers[] = {
-        [](const std::string &i) { dml_setOnBoardStatus(("status" + i).c_str()); },
-        [](const std::string &i) { dml_setTimeZone(("tz" + i).c_str(), "zone"); },
-        [](const std::string &i) { dml_setCountryID(i.c_str()); },
-        [](const std::string &) {
-            SupportedCountryList list;
-            dml_getSupportedCountryList(&list);
-            dml_getHIECertifcatePath();
-        },
-    };
-    std::vector<std::thread> threads;
-    for (const auto &write : writers) {
-        threads.emplace_back([&write] {
-            for (int i = 0; i < kRounds; ++i) {
-                write(std::to_string(i));
-            }
-        });
-    }
-    for (std::thread &t : threads) {
-        t.join();
-    }
-    OnBoardingServerInfo ob{};
-    char tz[DML_TIMEZONE_LEN], cc[DML_COUNTRYID_LEN];
-    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob) | dml_getTimeZone(tz) | dml_getCountryID(cc), 0);
-    EXPECT_EQ(lines({ob.onBoardStatus, tz, cc}, "|"), "status24|tz24|24|");
 }
 
 } // namespace
