@@ -101,7 +101,7 @@ TEST_F(CountryTest, ValidatesWholeCodesOfAUsableListIgnoringCaseUnlessMappMarked
 // A two-letter code runs end to end in test_settings.py; a longer one is cut
 // into the fixed ten-byte mark, which must never claim a code the data model
 // does not hold, and which is only advisory itself.
-TEST_F(CountryTest, AppliesWithMarkAndDataModelTogetherOrParksDuringMapp)
+TEST_F(CountryTest, AppliesWithMarkAndDataModelOrParksAndReadsAndWritesTheFiles)
 {
     update_country_code("ABC");
     EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,AB\0\0", 10));
@@ -141,10 +141,7 @@ TEST_F(CountryTest, AppliesWithMarkAndDataModelTogetherOrParksDuringMapp)
         EXPECT_EQ(tavelTestReadFile(TAVEL_COUNTRY_CODE_FILE), std::string(code) + "\n");
     }
     timer_delete(g_tavelCtrl.ccApplyTimer);
-}
 
-TEST_F(CountryTest, ReadsFirstLineWithinBufferLimitsAndWaitsForTheLock)
-{
     const struct {
         const char *why;
         std::string content; // "<dir>" makes a directory, "<none>" removes the file
@@ -180,6 +177,7 @@ TEST_F(CountryTest, ReadsFirstLineWithinBufferLimitsAndWaitsForTheLock)
 
     /* Both sides of the mark's lock: the write and a locked read each wait for
      * another holder of the lock on the file itself. */
+    std::filesystem::create_directories(tavelTestPath("/configs"));
     const std::string path = tavelTestPath(TAVEL_CC_CONFIGURED_BY);
     int rc = 1;
     char got[8] = "-";

@@ -44,7 +44,7 @@ protected:
     void TearDown() override { tavel_resetRetryState(); }
 };
 
-TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReportedAndOthersReadWithinTheirBytes)
+TEST_F(DbgCmdTest, OnlyTheAgentsPayloadsRunAndSetTimeoutReadsFromPositionEleven)
 {
     const std::string sized = dbgPayload("tavelAgent", "") + '\0';
     for (size_t n : {0, 3, 7, 2111, 2113}) {
@@ -72,10 +72,7 @@ TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReportedAndOthersReadWithinTheir
     g_retryTimeout = 0;
     EXPECT_EQ(runDbgCmd(tavelTestBlock(cmd).get()), handled);
     EXPECT_EQ(g_retryTimeout, 42);
-}
 
-TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionElevenAndAnythingElsePrintsTheHelp)
-{
     const struct {
         const char *cmd;
         const char *shown; // null: the help
@@ -119,15 +116,15 @@ protected:
     char savedTimezone_[sizeof(g_timezone)] = {};
 };
 
-TEST_F(SignalTest, NtpValueIsBoundedByPayloadTerminatorAndFieldAndSendingNeedsABus)
+TEST_F(SignalTest, PayloadsAreReadWithinTheirBytesAndSendingNeedsABus)
 {
     memset(g_timezone, 'z', sizeof(g_timezone) - 1);
-    const std::pair<std::string, std::string> cases[] = {
+    const std::pair<std::string, std::string> ntp[] = {
         {"Europe/Ber", "Europe/Ber"}, // unterminated: read within its bytes only
         {"CET\0xy"s, "CET"},
         {std::string(60, 'A'), std::string(49, 'A')},
     };
-    for (const auto &[payload, value] : cases) {
+    for (const auto &[payload, value] : ntp) {
         tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, tavelTestBlock(payload).get(),
                                             static_cast<uint32_t>(payload.size()));
         EXPECT_EQ(std::string(g_timezone, sizeof(g_timezone)),
@@ -158,11 +155,8 @@ TEST_F(SignalTest, NtpValueIsBoundedByPayloadTerminatorAndFieldAndSendingNeedsAB
     tavelTestCleanRoot();
     EXPECT_EQ(tavel_updateAcsStatus(1, data, UINT32_MAX - 4), -1);
     EXPECT_EQ(tavelTestLog(), "");
-}
 
-// One log line for each message; the data a header announces is never read.
-TEST_F(SignalTest, SyncMessagesAndShortBootstrapPayloads)
-{
+    // One log line for each message; the data a header announces is never read.
     tavel_processSyncMgrSignal(nullptr, nullptr, nullptr, 0);
     EXPECT_TRUE(tavelTestLogHas("debug", "msg is NULL")) << tavelTestLog();
 
@@ -173,14 +167,14 @@ TEST_F(SignalTest, SyncMessagesAndShortBootstrapPayloads)
     const struct {
         std::string payload;
         const char *level, *line;
-    } cases[] = {
+    } sync[] = {
         {std::string(3, '\0'), "error", "signal ignored: payload of 3 bytes, 8 needed"},
         {std::string(7, '\0'), "error", "signal ignored: payload of 7 bytes, 8 needed"},
         {header(1, 0), "notice", "type = 1, len = 0"},
         {header(1, 5), "notice", "Received ACS Connection Status"},
         {header(7, 2), "debug", "unknown type 7"},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : sync) {
         tavelTestCleanRoot();
         tavel_processSyncMgrSignal(nullptr, nullptr, tavelTestBlock(c.payload).get(),
                                    static_cast<uint32_t>(c.payload.size()));

@@ -44,7 +44,7 @@ protected:
 
 } // namespace
 
-TEST_F(TimezoneTest, ZoneAndErrorHeadersAndMalformedValues)
+TEST_F(TimezoneTest, ZoneAndErrorHeadersMalformedValuesAndTheTextHelpers)
 {
     const struct {
         const char *id, *continentCity, *city;
@@ -123,10 +123,7 @@ TEST_F(TimezoneTest, ZoneAndErrorHeadersAndMalformedValues)
         EXPECT_EQ(g_timezoneData.cityname, c.cityname) << shown;
         EXPECT_EQ(g_timezoneData.errorcode, c.errorcode) << shown;
     }
-}
 
-TEST(TimezoneText, RemovesBackslashesAndSplitsMappingLinesQuoteAware)
-{
     const std::pair<const char *, const char *> texts[] = {{"Europe/Paris", "Europe/Paris"},
                                                            {"Europe\\/Paris", "Europe/Paris"},
                                                            {"a\\\\b", "a\\b"},
