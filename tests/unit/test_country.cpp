@@ -5,8 +5,7 @@ namespace
 
 const std::string kDataModel = "/flash/dml/datamodel.conf";
 
-/* A supported-country list laid out the way the platform hands it over, in
- * place while it lives. */
+/* A supported-country list as the platform hands it over, in place while it lives. */
 struct CountryList {
     explicit CountryList(const std::vector<std::vector<std::string>> &codes)
     {
@@ -74,8 +73,7 @@ TEST_F(CountryTest, ValidatesWholeCodesOfAUsableListIgnoringCaseUnlessMappMarked
     EXPECT_EQ(validateCountryCode("US"), -1);
     EXPECT_EQ(validateCountryCode("GB"), -1);
 
-    /* One entry, alone on the heap, its 5-byte code without terminator: an
-     * unbounded compare would run into the allocation's end. */
+    /* An unterminated 5-byte code alone on the heap: an unbounded compare runs past it. */
     CountryList one({{"x"}});
     memcpy(one.entries[0][0].code, "ABCDE", 5);
     EXPECT_EQ(validateCountryCode("abcde"), 0);
@@ -98,9 +96,8 @@ TEST_F(CountryTest, ValidatesWholeCodesOfAUsableListIgnoringCaseUnlessMappMarked
     EXPECT_EQ(validateCountryCode("US"), 0) << "a directory reads as nothing";
 }
 
-// A two-letter code runs end to end in test_settings.py; a longer one is cut
-// into the fixed ten-byte mark, which must never claim a code the data model
-// does not hold, and which is only advisory itself.
+// A two-letter code runs end to end in test_settings.py; a longer one is cut into the ten-byte
+// mark, which never claims a code the data model does not hold and is only advisory itself.
 TEST_F(CountryTest, AppliesWithMarkAndDataModelOrParksAndReadsAndWritesTheFiles)
 {
     update_country_code("ABC");
@@ -119,9 +116,8 @@ TEST_F(CountryTest, AppliesWithMarkAndDataModelOrParksAndReadsAndWritesTheFiles)
     EXPECT_NE(tavelTestReadFile(kDataModel).find("Device.DeviceInfo.X_TAVEL_CountryCode=US\n"),
               std::string::npos);
 
-    // Applying at once and parking run end to end in test_settings.py; here the
-    // timer bound, a shorter code replacing a longer parked one, and codes that
-    // must reach the file as their bytes only.
+    // Parking runs end to end in test_settings.py; here the timer bound, a shorter code
+    // replacing a longer parked one, and codes that reach the file as their bytes only.
     sigevent quiet{};
     quiet.sigev_notify = SIGEV_NONE; // never fires: the test only reads how long it was armed
     ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &quiet, &g_tavelCtrl.ccApplyTimer), 0);
@@ -175,8 +171,7 @@ TEST_F(CountryTest, AppliesWithMarkAndDataModelOrParksAndReadsAndWritesTheFiles)
     }
     EXPECT_TRUE(tavelTestLogHas("notice", "Read from file = /flash/cc_from_tavel, buf = MA"));
 
-    /* Both sides of the mark's lock: the write and a locked read each wait for
-     * another holder of the lock on the file itself. */
+    /* The write and a locked read of the mark each wait for another holder of its lock. */
     std::filesystem::create_directories(tavelTestPath("/configs"));
     const std::string path = tavelTestPath(TAVEL_CC_CONFIGURED_BY);
     int rc = 1;

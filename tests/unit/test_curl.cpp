@@ -1,6 +1,5 @@
-// The real GET and PUT against the onboarding-server simulator over TLS on
-// 127.0.0.1.  The client binds the fixed local ports 47777-47779, so these
-// tests must never run in parallel with anything else that makes requests.
+// Real requests to the onboarding-server simulator on 127.0.0.1 from the fixed local ports
+// 47777-47779, so never in parallel with anything else that makes requests.
 #include "test_env.h"
 
 namespace
@@ -103,9 +102,8 @@ protected:
 
 } // namespace
 
-// The request with every value set runs in test_onboarding.py.  The GET
-// notes every status from 400 on, the PUT reports the statuses it passes on
-// as errors; both leave empty identification and descriptions out.
+// The fully set request runs in test_onboarding.py.  The GET notes every status from 400 on,
+// the PUT reports those it passes on as errors; neither sends empty values.
 TEST_F(CurlTest, RequestsMapTheStatusStoreTheReplyAndFollowTheCaFileRules)
 {
     // The GET's scheme decides: "https" anywhere in the URL asks for the file.
@@ -177,10 +175,8 @@ TEST_F(CurlTest, RequestsSurviveHostileAndSilentServers)
     EXPECT_EQ(httpGetUrlFromServer(&info_, ""), TAVEL_RC_TRANSFER_FAILED);
     EXPECT_STREQ(g_serverData.mgmtUrl, "before-big");
 
-    // Seven thousand header lines (170 KB, 2000 of them time-zone headers) are
-    // read one by one and the later url wins, but the log keeps only the
-    // head of the trace and a count: a server repeating such a reply must not
-    // fill the device's log.
+    // Seven thousand header lines (2000 of them time zones) are all read and the later url wins,
+    // but only the trace's head and a count are logged: such replies must not fill the log.
     tls_.setScript(
         R"({"get": {"status": 200, "headers": ["url: first\r\n", {"line": "x-pad: p\r\n", "repeat": 5000},
                    {"line": "timezone: {\"code\":\"CET\",\"x\":\"y\",\"id\":\"Europe\\/Paris\"}\r\n",

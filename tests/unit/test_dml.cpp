@@ -60,7 +60,6 @@ protected:
     }
 };
 
-// Each text followed by the separator.
 std::string lines(std::initializer_list<std::string> texts, const char *separator = "\n")
 {
     std::string out;
@@ -134,8 +133,7 @@ TEST_F(Dml, StoreReadsLinesAndRewritesOnlyWhatChanged)
     ASSERT_EQ(set("K", value), UpdateResult::Ok);
     EXPECT_EQ(readStore(), "K=a\\\\b\\r\\nc\\td\\\\n\n");
     EXPECT_EQ(loaded().get("K"), value);
-    // Hand-written values with escapes the store does not know keep both
-    // bytes, a trailing backslash included.
+    // Unknown escapes keep both bytes, a trailing backslash included.
     EXPECT_EQ(tavel::dml::decodeValue("C:\\dir\\x\\"), "C:\\dir\\x\\");
     EXPECT_EQ(tavel::dml::decodeValue("\\\\n\\n"), "\\n\n");
 
@@ -314,8 +312,7 @@ TEST_F(Dml, ConcurrentWritersAndSettersNeitherTearTheFileNorLoseUpdates)
 
 const struct timespec kOld = {1500000000, 100}, kOld1 = {kOld.tv_sec, kOld.tv_nsec + 1};
 
-// Outside writers that keep the size, each leaving as little of the file's
-// identity changed as it can.
+// Outside writers that keep the size, each changing as little of the identity as it can.
 TEST_F(Dml, CachedReadsSeeOutsideWritesAndUpdatesKeepThem)
 {
     const std::string path = storeFile();
@@ -363,8 +360,7 @@ TEST_F(Dml, CachedReadsSeeOutsideWritesAndUpdatesKeepThem)
     EXPECT_EQ(cachedGet("B"), "2");
     EXPECT_EQ(cachedGet("C"), "3");
 
-    // A file last changed long ago is known by its identity alone: a
-    // rewrite that keeps all of it is not seen until the parse is dropped.
+    // An old file is known by its identity alone: a rewrite keeping all of it shows after a release.
     inPlace(path, "A=longer\nB=7\nC=3\n", kOld);
     EXPECT_EQ(cachedGet("B"), "7");
     inPlace(path, "A=longer\nB=8\nC=3\n", kOld);
@@ -400,8 +396,7 @@ TEST_F(Dml, GettersFillEachRecordAndCountryListParseNumbersAndCutLongTexts)
                   dml_getKPRCConfigL2Server(&l2) | dml_getKPRCRAccessConfig(&ra) |
                   dml_getKPRCZoragentConfig(&zc),
               0);
-    // Enable, URL, key, account and work mode are read through the agent's
-    // own accessors in test_cfgm.cpp.
+    // Enable, URL, key, account and work mode: through the agent's accessors (test_cfgm.cpp).
     EXPECT_EQ(
         lines({ob.onBoardStatus, ob.opDesc, ob.subnetDesc, ob.acsConnStatus, mgmt.Password, cc, tz,
                node.serialNumber, node.operatorId, node.country, l1.URL, l2.URL, ra.URL, zc.configURL,

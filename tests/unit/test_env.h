@@ -1,7 +1,6 @@
-/* util.cpp reads TAVEL_ROOT once per process, so the whole unit-test binary
- * runs under one temporary root; tests that touch device paths empty it first
- * with tavelTestCleanRoot().  TAVEL_TIME_SCALE 1000 (unless the environment
- * sets it) turns the agent's waits on the device into milliseconds. */
+/* util.cpp reads TAVEL_ROOT once per process, so the whole unit-test binary runs under one
+ * temporary root, which tests that touch device paths empty first (tavelTestCleanRoot()).
+ * TAVEL_TIME_SCALE 1000, unless set, turns the agent's waits into milliseconds. */
 #ifndef TAVEL_TEST_ENV_H
 #define TAVEL_TEST_ENV_H
 
@@ -64,8 +63,7 @@ inline const std::string &tavelTestRoot()
     return root;
 }
 
-/* Forces the root into place during static initialisation, before any test
- * (or anything the tests call) can read TAVEL_ROOT. */
+/* In place during static initialisation, before anything can read TAVEL_ROOT. */
 inline const bool g_tavelTestRootReady = !tavelTestRoot().empty();
 
 inline std::string tavelTestPath(const std::string &devicePath)

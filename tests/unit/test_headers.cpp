@@ -41,8 +41,7 @@ TEST_F(HeaderTest, TypesFollowExactNamesAndValuesTheRulesOfTheirField)
                              "\r\n", "", ":::\r\n", "x-url: x\r\n", "Content-Length: 0\r\n", "l1url\r\n"}) {
         EXPECT_EQ(getHeaderType(line), HDR_NONE) << line;
     }
-    // Leading colons are skipped before the name is taken, but only the first
-    // 255 bytes are looked at: a name pushed past them is lost.
+    // Leading colons are skipped, but a name pushed past the first 255 bytes is lost.
     EXPECT_EQ(getHeaderType("::url: x\r\n"), HDR_URL);
     EXPECT_EQ(getHeaderType((std::string(255, ':') + "url: v\r\n").c_str()), HDR_NONE);
     EXPECT_EQ(getHeaderType((std::string(250, ':') + "url: v\r\n").c_str()), HDR_URL);
@@ -121,8 +120,7 @@ TEST_F(HeaderTest, LaterHeaderWinsLinesWithoutItKeepTheValueAndTheTraceHidesPass
     EXPECT_STREQ(g_serverData.l1url, "https://cloud");
     EXPECT_STREQ(g_serverData.countryCode, "GB");
     EXPECT_STREQ(g_serverData.tenantID, "");
-    // Values of any length: a megabyte is stored whole, and a short value
-    // after it leaves no trace of it.
+    // A megabyte value is stored whole, and a short one after it leaves no trace of it.
     std::string value(1024 * 1024, 'k');
     feed("kprconfigapikey: " + value + "\r\n");
     EXPECT_EQ(std::string(g_serverData.kprconfigapikey), value);

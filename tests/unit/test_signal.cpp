@@ -1,6 +1,5 @@
-// The bus signal handlers and the debug-command interpreter, called directly
-// with payloads in exactly-sized heap blocks so that a read past the end is
-// caught by the address sanitizer build.
+// The bus signal handlers and the debug-command interpreter, called directly with payloads in
+// exactly-sized heap blocks so that the address sanitizer build catches a read past the end.
 #include "test_env.h"
 
 namespace

@@ -52,8 +52,7 @@ TEST_F(TimezoneTest, ZoneAndErrorHeadersMalformedValuesAndTheTextHelpers)
         {"Europe\\/Paris", "Europe/Paris", "Paris"},
         {"Europe/Paris", "Europe/Paris", "Paris"},
         {"America\\/Indiana\\/Knox", "America/Indiana/Knox", "Knox"},
-        /* The 31-character limit counts the identifier as received, escapes
-         * included: this one is 32 characters long. */
+        /* 32 characters as received: the 31-character limit counts escapes. */
         {"America\\/Argentina\\/Buenos_Aires", "America/Argentina/Buenos_Aire", "Buenos_Aire"},
         {"America/Argentina/Buenos_Aires", "America/Argentina/Buenos_Aires", "Buenos_Aires"},
         {"A\\/B\\/C\\/D", "A/B/C/D", "C\\/D"},
