@@ -41,8 +41,6 @@ protected:
         g_tavelCtrl.ccApplyTimer = savedTimer_;
         tavel_resetCountryState();
     }
-
-private:
     SupportedCountryList savedList_{};
     timer_t savedTimer_{};
 };

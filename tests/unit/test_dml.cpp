@@ -479,7 +479,7 @@ TEST_F(Dml, GettersFillEachRecordAndCountryListParseNumbersAndCutLongTexts)
     EXPECT_EQ(strlen(dml_getHIECertifcatePath()), huge.size()); // no field: handed out whole
 }
 
-TEST_F(Dml, SettersChangeOnlyTheirParametersAndKeepOrStoreEmptyFields)
+TEST_F(Dml, SettersChangeOnlyTheirParametersAndAFaultLineFailsItsOperation)
 {
     writeStore(lines({"# factory", "Device.X_TAVEL_Agent.OnBoardStatus=NoConnection",
                       "Device.X_TAVEL_Agent.URL=https://ob", "Device.Time.LocalTimeZone=UTC",
@@ -529,10 +529,8 @@ TEST_F(Dml, SettersChangeOnlyTheirParametersAndKeepOrStoreEmptyFields)
     full = KPRCConfigServer{};
     ASSERT_EQ(dml_getKPRCConfigL2Server(&full), 0);
     EXPECT_EQ(strlen(full.URL), sizeof(full.URL) - 1);
-}
 
-TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
-{
+    // A fault line fails its operation with the outputs untouched.
     const std::string values = lines(
         {"Device.ManagementServer.URL=https://acs", "Device.X_TAVEL_WiFiService.WorkMode=RGW",
          "Device.DeviceInfo.X_TAVEL_CACertPath=/ca.pem", "Device.DeviceInfo.X_TAVEL_SupportedCountries=US",

@@ -100,8 +100,7 @@ inline std::string tavelTestReadFile(const std::string &devicePath)
 
 inline bool tavelTestExists(const std::string &devicePath)
 {
-    std::error_code ec;
-    return std::filesystem::exists(tavelTestPath(devicePath), ec);
+    return access(tavelTestPath(devicePath).c_str(), F_OK) == 0;
 }
 
 inline std::string tavelTestLog()

@@ -8,11 +8,6 @@ const std::string kMapping = "1,GMT,London,\"GMT0BST,M3.5.0/1,M10.5.0\",\"Europe
                              "3,CET,Paris,\"SECOND\",\"Europe/Paris-second\"\n"
                              "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n";
 
-void parseHeader(const std::string &header)
-{
-    handle_timezoneHeader(tavelTestBlock(header).get(), header.size());
-}
-
 void setReceivedZone(const char *code, const char *city)
 {
     memset(&g_timezoneData, 0, sizeof(g_timezoneData));
@@ -39,6 +34,10 @@ protected:
         tavelTestCleanRoot();
         memset(&g_timezoneData, 0, sizeof(g_timezoneData));
         tavel_resetTimezoneHeaderState();
+    }
+    static void parseHeader(const std::string &h)
+    {
+        handle_timezoneHeader(tavelTestBlock(h).get(), h.size());
     }
 };
 
