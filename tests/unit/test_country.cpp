@@ -47,7 +47,7 @@ protected:
 
 } // namespace
 
-TEST_F(CountryTest, ValidatesWholeCodesOfAUsableListIgnoringCaseUnlessMappMarked)
+TEST_F(CountryTest, ValidatesAppliesOrParksTheCodeAndReadsAndWritesTheFiles)
 {
     CountryList usable({{"US", "CA"}, {"GB", "FR", "de"}});
     for (const char *code : {"US", "us", "DE"}) { // a match in a later group counts
@@ -92,12 +92,10 @@ TEST_F(CountryTest, ValidatesWholeCodesOfAUsableListIgnoringCaseUnlessMappMarked
     EXPECT_EQ(validateCountryCode("US"), 0) << "absent mark";
     std::filesystem::create_directories(tavelTestPath(TAVEL_CC_CONFIGURED_BY));
     EXPECT_EQ(validateCountryCode("US"), 0) << "a directory reads as nothing";
-}
 
-// A two-letter code runs end to end in test_settings.py; a longer one is cut into the ten-byte
-// mark, which never claims a code the data model does not hold and is only advisory itself.
-TEST_F(CountryTest, AppliesWithMarkAndDataModelOrParksAndReadsAndWritesTheFiles)
-{
+    std::filesystem::remove_all(tavelTestPath(TAVEL_CC_CONFIGURED_BY));
+    // A two-letter code runs end to end in test_settings.py; a longer one is cut into the ten-byte
+    // mark, which never claims a code the data model does not hold and is only advisory itself.
     update_country_code("ABC");
     EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,AB\0\0", 10));
 
@@ -137,23 +135,21 @@ TEST_F(CountryTest, AppliesWithMarkAndDataModelOrParksAndReadsAndWritesTheFiles)
     timer_delete(g_tavelCtrl.ccApplyTimer);
 
     const struct {
-        const char *why;
-        std::string content; // "<dir>" makes a directory, "<none>" removes the file
-        int size;
-        const char *text; // "-" is the untouched buffer
-        int rc;
+        const char *why, *text; // text "-": the untouched buffer
+        std::string content;    // "<dir>" makes a directory, "<none>" removes the file
+        int size, rc;
     } cases[] = {
-        {"first line", "MAPPXYZ\nsecond\n", 6, "MAPP", 0},
-        {"cut to the buffer", "MAPPXYZ\nsecond\n", 4, "MA", 0},
-        {"only the line feed is dropped", "U\n", 6, "U", 0},
-        {"no line end", "US", 6, "US", 0},
-        {"huge line", std::string(100 * 1024, 'Q'), 6, "QQQQ", 0},
-        {"binary data ends at the first zero", std::string("A\0B\xff", 4), 4, "A", 0},
-        {"first line empty", "\nUS\n", 4, "-", -1},
-        {"binary zeros", std::string(6, '\0'), 4, "-", -1},
-        {"missing file", "<none>", 4, "-", -1},
-        {"directory", "<dir>", 4, "-", -1},
-        {"a 2-byte buffer cannot hold a character", "US\n", 2, "-", -1},
+        {"first line", "MAPP", "MAPPXYZ\nsecond\n", 6, 0},
+        {"cut to the buffer", "MA", "MAPPXYZ\nsecond\n", 4, 0},
+        {"only the line feed is dropped", "U", "U\n", 6, 0},
+        {"no line end", "US", "US", 6, 0},
+        {"huge line", "QQQQ", std::string(100 * 1024, 'Q'), 6, 0},
+        {"binary data ends at the first zero", "A", std::string("A\0B\xff", 4), 4, 0},
+        {"first line empty", "-", "\nUS\n", 4, -1},
+        {"binary zeros", "-", std::string(6, '\0'), 4, -1},
+        {"missing file", "-", "<none>", 4, -1},
+        {"directory", "-", "<dir>", 4, -1},
+        {"a 2-byte buffer cannot hold a character", "-", "US\n", 2, -1},
     };
     for (const auto &c : cases) {
         std::filesystem::remove_all(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));

@@ -52,8 +52,7 @@ struct Obsim {
     std::string script, record;
 };
 
-const char *kGet = "\"method\": \"GET\"";
-const char *kPut = "\"method\": \"PUT\"";
+const char *kGet = "\"method\": \"GET\"", *kPut = "\"method\": \"PUT\"";
 
 class CurlTest : public ::testing::Test
 {

@@ -29,7 +29,7 @@ const char *storedValue(const std::string &name)
 
 } // namespace
 
-TEST_F(HeaderTest, TypesFollowExactNamesAndValuesTheRulesOfTheirField)
+TEST_F(HeaderTest, TypesFollowExactNamesValuesTheRulesOfTheirFieldAndTheTraceHidesPasswords)
 {
     const char *known[] = {
         "url",         "name",  "pwd",   "opdesc",        "snetdesc",     "tenantid",       "timezone",
@@ -48,6 +48,49 @@ TEST_F(HeaderTest, TypesFollowExactNamesAndValuesTheRulesOfTheirField)
     const std::string longName(300, 'a');
     EXPECT_EQ(feed(longName + ": v\r\n"), longName.size() + 5);
     EXPECT_EQ(getHeaderType((longName + ": v\r\n").c_str()), HDR_NONE);
+
+    // A later reply without a header, a line too short to hold one and the
+    // time-zone line (stored elsewhere) keep the values received before.
+    feed("url: https://one\r\n");
+    feed("l1url: https://cloud\r\n");
+    feed("url: https://two\r\n");
+    feed("countrycode: GB\r\n");
+    for (const std::string line :
+         {"HTTP/1.1 200 OK\r\n", "\r\n", "", "\n", "u", "timezone: Europe\\/Berlin,CET-1CEST\r\n"}) {
+        EXPECT_EQ(feed(line), line.size()) << line;
+    }
+    EXPECT_STREQ(g_serverData.mgmtUrl, "https://two");
+    EXPECT_STREQ(g_serverData.l1url, "https://cloud");
+    EXPECT_STREQ(g_serverData.countryCode, "GB");
+    EXPECT_STREQ(g_serverData.tenantID, "");
+    // A megabyte value is stored whole, and a short one after it leaves no trace of it.
+    std::string value(1024 * 1024, 'k');
+    feed("kprconfigapikey: " + value + "\r\n");
+    EXPECT_EQ(std::string(g_serverData.kprconfigapikey), value);
+    feed("opdesc: " + value + "\r\n");
+    EXPECT_EQ(strlen(g_serverData.operdesc), value.size() + 1);
+    feed("kprconfigapikey: short\r\n");
+    EXPECT_STREQ(g_serverData.kprconfigapikey, "short");
+
+    // size * nmemb is the length libcurl is told was handled.
+    const std::string url = "url: abcd\r\n";
+    EXPECT_EQ(header_handler(tavelTestBlock(url).get(), url.size(), 1, nullptr), url.size());
+
+    size_t mark = tavelTestLog().size();
+    feed("pwd: s3cr3t-value\r\n");
+    feed("x-note: has pwd inside s3cr3t-two\r\n");
+    feed("name: operator-a\r\n");
+    // The bytes after the line in memory must never reach the log.
+    std::string mem = "tenantid: t-42\r\nTRAILING-GARBAGE";
+    header_handler(&mem[0], 1, strlen("tenantid: t-42\r\n"), nullptr);
+    std::string log = tavelTestLog().substr(mark);
+    EXPECT_STREQ(g_serverData.cdppassword, "s3cr3t-value");
+    EXPECT_STREQ(g_serverData.tenantID, "t-42");
+    EXPECT_EQ(log.find("s3cr3t"), std::string::npos) << log;
+    EXPECT_NE(log.find(" header value is name: operator-a"), std::string::npos) << log;
+    EXPECT_NE(log.find("Size 1 nmemb: 18"), std::string::npos) << log;
+    EXPECT_NE(log.find("tenantid: t-42"), std::string::npos) << log;
+    EXPECT_EQ(log.find("TRAILING"), std::string::npos) << log;
 
     // Each line is fed after "<field>: old" for the field it names, so a line
     // that clears or keeps the earlier value shows it.
@@ -102,50 +145,4 @@ TEST_F(HeaderTest, TypesFollowExactNamesAndValuesTheRulesOfTheirField)
             EXPECT_STREQ(g_serverData.*f.heap, stored) << f.name << ":" << value;
         }
     }
-}
-
-// A later reply without a header, a line too short to hold one and the
-// time-zone line (stored elsewhere) keep the values received before.
-TEST_F(HeaderTest, LaterHeaderWinsLinesWithoutItKeepTheValueAndTheTraceHidesPasswords)
-{
-    feed("url: https://one\r\n");
-    feed("l1url: https://cloud\r\n");
-    feed("url: https://two\r\n");
-    feed("countrycode: GB\r\n");
-    for (const std::string line :
-         {"HTTP/1.1 200 OK\r\n", "\r\n", "", "\n", "u", "timezone: Europe\\/Berlin,CET-1CEST\r\n"}) {
-        EXPECT_EQ(feed(line), line.size()) << line;
-    }
-    EXPECT_STREQ(g_serverData.mgmtUrl, "https://two");
-    EXPECT_STREQ(g_serverData.l1url, "https://cloud");
-    EXPECT_STREQ(g_serverData.countryCode, "GB");
-    EXPECT_STREQ(g_serverData.tenantID, "");
-    // A megabyte value is stored whole, and a short one after it leaves no trace of it.
-    std::string value(1024 * 1024, 'k');
-    feed("kprconfigapikey: " + value + "\r\n");
-    EXPECT_EQ(std::string(g_serverData.kprconfigapikey), value);
-    feed("opdesc: " + value + "\r\n");
-    EXPECT_EQ(strlen(g_serverData.operdesc), value.size() + 1);
-    feed("kprconfigapikey: short\r\n");
-    EXPECT_STREQ(g_serverData.kprconfigapikey, "short");
-
-    // size * nmemb is the length libcurl is told was handled.
-    const std::string line = "url: abcd\r\n";
-    EXPECT_EQ(header_handler(tavelTestBlock(line).get(), line.size(), 1, nullptr), line.size());
-
-    size_t mark = tavelTestLog().size();
-    feed("pwd: s3cr3t-value\r\n");
-    feed("x-note: has pwd inside s3cr3t-two\r\n");
-    feed("name: operator-a\r\n");
-    // The bytes after the line in memory must never reach the log.
-    std::string mem = "tenantid: t-42\r\nTRAILING-GARBAGE";
-    header_handler(&mem[0], 1, strlen("tenantid: t-42\r\n"), nullptr);
-    std::string log = tavelTestLog().substr(mark);
-    EXPECT_STREQ(g_serverData.cdppassword, "s3cr3t-value");
-    EXPECT_STREQ(g_serverData.tenantID, "t-42");
-    EXPECT_EQ(log.find("s3cr3t"), std::string::npos) << log;
-    EXPECT_NE(log.find(" header value is name: operator-a"), std::string::npos) << log;
-    EXPECT_NE(log.find("Size 1 nmemb: 18"), std::string::npos) << log;
-    EXPECT_NE(log.find("tenantid: t-42"), std::string::npos) << log;
-    EXPECT_EQ(log.find("TRAILING"), std::string::npos) << log;
 }

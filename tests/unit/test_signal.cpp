@@ -82,8 +82,7 @@ TEST_F(SignalTest, DbgCmdOnlyTheAgentsPayloadsRunAndSetTimeoutReadsFromPositionE
     EXPECT_EQ(g_retryTimeout, 42);
 
     const struct {
-        const char *cmd;
-        const char *shown; // null: the help
+        const char *cmd, *shown; // shown null: the help
         int32_t value;
     } cases[] = {
         {"setTimeout", "", 0},                                // ends before the value position

@@ -8,16 +8,12 @@ const std::string kMapping = "1,GMT,London,\"GMT0BST,M3.5.0/1,M10.5.0\",\"Europe
                              "3,CET,Paris,\"SECOND\",\"Europe/Paris-second\"\n"
                              "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n";
 
-void setReceivedZone(const char *code, const char *city)
+/* Runs the lookup for the received code and city; returns the selected line, or "<none>". */
+std::string lookup(const char *code = "CET", const char *city = "Paris", int size = 500)
 {
     memset(&g_timezoneData, 0, sizeof(g_timezoneData));
     tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, 49);
     tavel_copyText(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city, 49);
-}
-
-/* Runs the lookup; returns the selected line, or "<none>" on failure. */
-std::string lookup(int size = 500)
-{
     std::unique_ptr<char[]> line(new char[static_cast<size_t>(size)]());
     if (gettimezonecmd(line.get(), size) != 0) {
         return "<none>";
@@ -158,20 +154,16 @@ TEST_F(TimezoneTest, ZoneAndErrorHeadersMalformedValuesAndTheTextHelpers)
 TEST_F(TimezoneTest, LookupSelectsTheFirstWholeLineWithCodeAndCityOfAUsableFile)
 {
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
-    setReceivedZone("CET", "Paris");
     EXPECT_EQ(lookup(), kParisLine);
     EXPECT_TRUE(tavelTestLogHas(
         "notice", " buf value is cat /usr/configs/timezonemapping.csv | grep '\\CET' | grep Paris"));
 
-    setReceivedZone("ART", "Buenos_Aires");
-    EXPECT_EQ(lookup(), "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n");
-    setReceivedZone("GMT", "Paris");
-    EXPECT_EQ(lookup(), "<none>") << "the code and the city must be on the same line";
-    setReceivedZone("CET", "");
-    EXPECT_EQ(lookup(), "<none>") << "nothing received selects nothing";
+    EXPECT_EQ(lookup("ART", "Buenos_Aires"),
+              "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n");
+    EXPECT_EQ(lookup("GMT"), "<none>") << "the code and the city must be on the same line";
+    EXPECT_EQ(lookup("CET", ""), "<none>") << "nothing received selects nothing";
 
-    setReceivedZone("CET", "Paris");
-    EXPECT_EQ(lookup(16), kParisLine.substr(0, 15)) << "bounded by the caller's buffer";
+    EXPECT_EQ(lookup("CET", "Paris", 16), kParisLine.substr(0, 15)) << "bounded by the caller's buffer";
     EXPECT_EQ(tavelTestReadFile("/var/log/history.log"), "") << "lookups record no history";
 
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, "");
@@ -182,13 +174,12 @@ TEST_F(TimezoneTest, LookupSelectsTheFirstWholeLineWithCodeAndCityOfAUsableFile)
      * one line that says why (which files: tavel_openRegular, test_util.cpp). */
     const std::string path = tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE);
     const struct {
-        const char *what;
+        const char *what, *why;
         void (*make)(const std::string &);
-        const char *why;
     } refused[] = {
-        {"FIFO", [](const std::string &p) { ASSERT_EQ(mkfifo(p.c_str(), 0600), 0); }, "not a regular file"},
-        {"over 1 MiB", [](const std::string &p) { std::ofstream(p) << std::string((1 << 20) + 1, '\n'); },
-         "over 1 MiB"},
+        {"FIFO", "not a regular file", [](const std::string &p) { ASSERT_EQ(mkfifo(p.c_str(), 0600), 0); }},
+        {"over 1 MiB", "over 1 MiB",
+         [](const std::string &p) { std::ofstream(p) << std::string((1 << 20) + 1, '\n'); }},
     };
     for (const auto &c : refused) {
         std::filesystem::remove_all(path);
