@@ -5,22 +5,16 @@ namespace
 
 const std::string kDataModel = "/flash/dml/datamodel.conf";
 
-/* A supported-country list laid out the way the platform hands it over, in
- * place while it lives. */
+/* A supported-country list as the platform hands it over, in place while it lives. */
 struct CountryList {
     explicit CountryList(const std::vector<std::vector<std::string>> &codes)
     {
         for (const auto &group : codes) {
-            entries.emplace_back(group.size()); // zeroed
+            std::vector<CountryEntry> &e = entries.emplace_back(group.size()); // zeroed; moves keep data()
             for (size_t i = 0; i < group.size(); ++i) {
-                strncpy(entries.back()[i].code, group[i].c_str(), sizeof(CountryEntry::code) - 1);
+                strncpy(e[i].code, group[i].c_str(), sizeof(CountryEntry::code) - 1);
             }
-        }
-        for (auto &e : entries) {
-            CountryGroup group{};
-            group.countryCount = static_cast<int32_t>(e.size());
-            group.countries = e.empty() ? nullptr : e.data();
-            groups.push_back(group);
+            groups.push_back({0, 0, static_cast<int32_t>(e.size()), e.empty() ? nullptr : e.data()});
         }
         g_supportedCountryList.groupCount = static_cast<int32_t>(groups.size());
         g_supportedCountryList.groups = groups.empty() ? nullptr : groups.data();
@@ -47,15 +41,13 @@ protected:
         g_tavelCtrl.ccApplyTimer = savedTimer_;
         tavel_resetCountryState();
     }
-
-private:
     SupportedCountryList savedList_{};
     timer_t savedTimer_{};
 };
 
 } // namespace
 
-TEST_F(CountryTest, ValidatesWholeCodesOfAUsableListIgnoringCase)
+TEST_F(CountryTest, ValidatesAppliesOrParksTheCodeAndReadsAndWritesTheFiles)
 {
     CountryList usable({{"US", "CA"}, {"GB", "FR", "de"}});
     for (const char *code : {"US", "us", "DE"}) { // a match in a later group counts
@@ -78,28 +70,15 @@ TEST_F(CountryTest, ValidatesWholeCodesOfAUsableListIgnoringCase)
     list.groups[1].countries = nullptr;
     EXPECT_EQ(validateCountryCode("US"), -1);
     EXPECT_EQ(validateCountryCode("GB"), -1);
-}
 
-TEST_F(CountryTest, ReadsUnterminatedEntryCodeWithinItsField)
-{
-    /* One entry, alone on the heap, its 5-byte code without terminator: an
-     * unbounded compare would run into the allocation's end. */
-    std::unique_ptr<CountryEntry[]> entry(new CountryEntry[1]);
-    memset(entry.get(), 'Z', sizeof(CountryEntry));
-    memcpy(entry[0].code, "ABCDE", 5);
-    CountryGroup group{};
-    group.countryCount = 1;
-    group.countries = entry.get();
-    g_supportedCountryList.groupCount = 1;
-    g_supportedCountryList.groups = &group;
+    /* An unterminated 5-byte code alone on the heap: an unbounded compare runs past it. */
+    CountryList one({{"x"}});
+    memcpy(one.entries[0][0].code, "ABCDE", 5);
     EXPECT_EQ(validateCountryCode("abcde"), 0);
     EXPECT_EQ(validateCountryCode("ABCD"), -1);
     EXPECT_EQ(validateCountryCode("ABCDEZ"), -1);
-}
 
-TEST_F(CountryTest, DefersToMappMark)
-{
-    CountryList list({{"US"}});
+    CountryList us({{"US"}});
     const std::pair<std::string, int> marks[] = {
         {"MaPp\n", -1}, {std::string("TAVEL,US\0\0", 10), 0}, {"", 0}, {"MAP", 0}, {"\nMAPP", 0},
         {" MAPP", 0},
@@ -113,13 +92,10 @@ TEST_F(CountryTest, DefersToMappMark)
     EXPECT_EQ(validateCountryCode("US"), 0) << "absent mark";
     std::filesystem::create_directories(tavelTestPath(TAVEL_CC_CONFIGURED_BY));
     EXPECT_EQ(validateCountryCode("US"), 0) << "a directory reads as nothing";
-}
 
-// A two-letter code runs end to end in test_settings.py; a longer one is cut
-// into the fixed ten-byte mark, which must never claim a code the data model
-// does not hold, and which is only advisory itself.
-TEST_F(CountryTest, AppliesWithMarkAndDataModelTogether)
-{
+    std::filesystem::remove_all(tavelTestPath(TAVEL_CC_CONFIGURED_BY));
+    // A two-letter code runs end to end in test_settings.py; a longer one is cut into the ten-byte
+    // mark, which never claims a code the data model does not hold and is only advisory itself.
     update_country_code("ABC");
     EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,AB\0\0", 10));
 
@@ -135,13 +111,9 @@ TEST_F(CountryTest, AppliesWithMarkAndDataModelTogether)
     EXPECT_FALSE(tavelTestLogHas("error", "set cc to file failed"));
     EXPECT_NE(tavelTestReadFile(kDataModel).find("Device.DeviceInfo.X_TAVEL_CountryCode=US\n"),
               std::string::npos);
-}
 
-// Applying at once and parking run end to end in test_settings.py; here the
-// timer bound, a shorter code replacing a longer parked one, and codes that
-// must reach the file as their bytes only.
-TEST_F(CountryTest, ParksDuringMappOnboarding)
-{
+    // Parking runs end to end in test_settings.py; here the timer bound, a shorter code
+    // replacing a longer parked one, and codes that reach the file as their bytes only.
     sigevent quiet{};
     quiet.sigev_notify = SIGEV_NONE; // never fires: the test only reads how long it was armed
     ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &quiet, &g_tavelCtrl.ccApplyTimer), 0);
@@ -161,28 +133,23 @@ TEST_F(CountryTest, ParksDuringMappOnboarding)
         EXPECT_EQ(tavelTestReadFile(TAVEL_COUNTRY_CODE_FILE), std::string(code) + "\n");
     }
     timer_delete(g_tavelCtrl.ccApplyTimer);
-}
 
-TEST_F(CountryTest, ReadsFirstLineWithinBufferLimits)
-{
     const struct {
-        const char *why;
-        std::string content; // "<dir>" makes a directory, "<none>" removes the file
-        int size;
-        const char *text; // "-" is the untouched buffer
-        int rc;
+        const char *why, *text; // text "-": the untouched buffer
+        std::string content;    // "<dir>" makes a directory, "<none>" removes the file
+        int size, rc;
     } cases[] = {
-        {"first line", "MAPPXYZ\nsecond\n", 6, "MAPP", 0},
-        {"cut to the buffer", "MAPPXYZ\nsecond\n", 4, "MA", 0},
-        {"only the line feed is dropped", "U\n", 6, "U", 0},
-        {"no line end", "US", 6, "US", 0},
-        {"huge line", std::string(100 * 1024, 'Q'), 6, "QQQQ", 0},
-        {"binary data ends at the first zero", std::string("A\0B\xff", 4), 4, "A", 0},
-        {"first line empty", "\nUS\n", 4, "-", -1},
-        {"binary zeros", std::string(6, '\0'), 4, "-", -1},
-        {"missing file", "<none>", 4, "-", -1},
-        {"directory", "<dir>", 4, "-", -1},
-        {"a 2-byte buffer cannot hold a character", "US\n", 2, "-", -1},
+        {"first line", "MAPP", "MAPPXYZ\nsecond\n", 6, 0},
+        {"cut to the buffer", "MA", "MAPPXYZ\nsecond\n", 4, 0},
+        {"only the line feed is dropped", "U", "U\n", 6, 0},
+        {"no line end", "US", "US", 6, 0},
+        {"huge line", "QQQQ", std::string(100 * 1024, 'Q'), 6, 0},
+        {"binary data ends at the first zero", "A", std::string("A\0B\xff", 4), 4, 0},
+        {"first line empty", "-", "\nUS\n", 4, -1},
+        {"binary zeros", "-", std::string(6, '\0'), 4, -1},
+        {"missing file", "-", "<none>", 4, -1},
+        {"directory", "-", "<dir>", 4, -1},
+        {"a 2-byte buffer cannot hold a character", "-", "US\n", 2, -1},
     };
     for (const auto &c : cases) {
         std::filesystem::remove_all(tavelTestPath(TAVEL_COUNTRY_CODE_FILE));
@@ -197,12 +164,9 @@ TEST_F(CountryTest, ReadsFirstLineWithinBufferLimits)
         EXPECT_STREQ(buf.data(), c.text) << c.why;
     }
     EXPECT_TRUE(tavelTestLogHas("notice", "Read from file = /flash/cc_from_tavel, buf = MA"));
-}
 
-/* Both sides of the mark's lock: the write and a locked read each wait for
- * another holder of the lock on the file itself. */
-TEST_F(CountryTest, WriteAndLockedReadWaitForTheFileLock)
-{
+    /* The write and a locked read of the mark each wait for another holder of its lock. */
+    std::filesystem::create_directories(tavelTestPath("/configs"));
     const std::string path = tavelTestPath(TAVEL_CC_CONFIGURED_BY);
     int rc = 1;
     char got[8] = "-";

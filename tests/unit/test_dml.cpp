@@ -23,49 +23,48 @@ protected:
     static std::string storeFile() { return dir() + "/datamodel.conf"; }
     static void writeStore(const std::string &text) { tavelTestWriteFile("/flash/dml/datamodel.conf", text); }
     static std::string readStore() { return tavelTestSlurp(storeFile()); }
-    static ino_t inode()
+    static struct stat storeStat()
     {
         struct stat st {
         };
         EXPECT_EQ(stat(storeFile().c_str(), &st), 0);
-        return st.st_ino;
+        return st;
+    }
+    static UpdateResult update(const std::vector<Change> &changes)
+    {
+        std::string error;
+        return tavel::dml::update(changes, nullptr, &error);
+    }
+    static UpdateResult set(const std::string &name, const std::string &v)
+    {
+        return update({Change{name, v}});
+    }
+    static tavel::dml::Store loaded()
+    {
+        tavel::dml::Store store;
+        EXPECT_TRUE(store.load(nullptr));
+        return store;
+    }
+    static std::string cachedGet(const std::string &name)
+    {
+        std::string error;
+        tavel::dml::CachedStore store(&error);
+        return store.ok() ? store->get(name) : "error: " + error;
+    }
+    // Rewrites the file in place, keeping its inode, with the given time.
+    static void inPlace(const std::string &path, const std::string &text, struct timespec mtime)
+    {
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+        const struct timespec times[2] = {mtime, mtime};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
 };
 
-// Each text as a line of its own.
-std::string lines(std::initializer_list<std::string> texts)
+std::string lines(std::initializer_list<std::string> texts, const char *separator = "\n")
 {
     std::string out;
     for (const std::string &text : texts) {
-        out += text + "\n";
-    }
-    return out;
-}
-
-UpdateResult update(const std::vector<Change> &changes)
-{
-    std::string error;
-    return tavel::dml::update(changes, nullptr, &error);
-}
-
-UpdateResult set(const std::string &name, const std::string &value)
-{
-    return update({Change{name, value}});
-}
-
-tavel::dml::Store loaded()
-{
-    tavel::dml::Store store;
-    EXPECT_TRUE(store.load(nullptr));
-    return store;
-}
-
-// The texts, each followed by a bar.
-std::string joined(std::initializer_list<const char *> texts)
-{
-    std::string out;
-    for (const char *text : texts) {
-        out = out + text + "|";
+        out += text + separator;
     }
     return out;
 }
@@ -77,13 +76,24 @@ template <typename T> T filled(unsigned char byte)
     return record;
 }
 
-template <typename T> bool sameBytes(const T &a, const T &b)
-{
-    return memcmp(&a, &b, sizeof(T)) == 0;
-}
+const auto sameBytes = [](const auto &a, const auto &b) { return memcmp(&a, &b, sizeof(a)) == 0; };
 
-TEST_F(Dml, StoreReadsNameValueLinesAndSkipsCommentsAndMalformedLines)
+TEST_F(Dml, StoreReadsLinesAndRewritesOnlyWhatChanged)
 {
+    // A new store holds account passwords and is private; a rewrite keeps the
+    // mode the integrator gave it, and the same value spares the flash a write.
+    ASSERT_EQ(set("Device.X", "v"), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), "Device.X=v\n");
+    EXPECT_EQ(storeStat().st_mode & 0777, 0600u);
+    writeStore("A=1\n");
+    ASSERT_EQ(chmod(storeFile().c_str(), 0640), 0);
+    const ino_t before = storeStat().st_ino;
+    ASSERT_EQ(set("A", "1"), UpdateResult::Ok);
+    EXPECT_EQ(storeStat().st_ino, before);
+    ASSERT_EQ(set("A", "2"), UpdateResult::Ok);
+    EXPECT_NE(storeStat().st_ino, before);
+    EXPECT_EQ(storeStat().st_mode & 07777, 0640u);
+
     writeStore(lines({"# A=from a comment", "", "A=1", "B==x=y", "no equals sign here", "=orphan value",
                       "bad name=x", "Nul\0Name=x"s, "Bin=va\0lue\xff"s, "A=second", "Empty="}) +
                "Last=tail");
@@ -105,10 +115,7 @@ TEST_F(Dml, StoreReadsNameValueLinesAndSkipsCommentsAndMalformedLines)
         names.emplace_back(p.name);
     }
     EXPECT_EQ(names, (std::vector<std::string>{"A", "B", "Bin", "A", "Empty", "Last"}));
-}
 
-TEST_F(Dml, StoreUpdateKeepsEveryOtherLineAndEscapesValues)
-{
     writeStore(lines({"# device defaults", "A=1", "", "garbage line", "B=2", "A=shadowed", "# end"}) + "C=3");
     ASSERT_EQ(update({Change{"B", "two"}, Change{"New", "x\ty"}, Change{"C", "3"}}), UpdateResult::Ok);
     EXPECT_EQ(readStore(), lines({"# device defaults", "A=1", "", "garbage line", "B=two", "A=shadowed",
@@ -126,69 +133,64 @@ TEST_F(Dml, StoreUpdateKeepsEveryOtherLineAndEscapesValues)
     ASSERT_EQ(set("K", value), UpdateResult::Ok);
     EXPECT_EQ(readStore(), "K=a\\\\b\\r\\nc\\td\\\\n\n");
     EXPECT_EQ(loaded().get("K"), value);
-    // Hand-written values with escapes the store does not know keep both
-    // bytes, a trailing backslash included.
+    // Unknown escapes keep both bytes, a trailing backslash included.
     EXPECT_EQ(tavel::dml::decodeValue("C:\\dir\\x\\"), "C:\\dir\\x\\");
     EXPECT_EQ(tavel::dml::decodeValue("\\\\n\\n"), "\\n\n");
+
+    // A hundred thousand lines and a megabyte value stay fast.
+    std::string text;
+    for (int i = 0; i < 100000; ++i) {
+        text += "Device.Param" + std::to_string(i) + "=value " + std::to_string(i) + "\n";
+    }
+    const std::string big(1 << 20, 'x');
+    writeStore(text + "Big=" + big + "\n");
+
+    auto start = std::chrono::steady_clock::now();
+    tavel::dml::Store large = loaded();
+    EXPECT_EQ(large.get("Device.Param99999"), "value 99999");
+    EXPECT_EQ(large.get("Big"), big);
+    ASSERT_EQ(update({Change{"Device.Param50000", "changed"}, Change{"Added", "1"}}), UpdateResult::Ok);
+    ASSERT_TRUE(large.load(nullptr));
+    auto elapsed = std::chrono::steady_clock::now() - start;
+
+    EXPECT_EQ(large.get("Device.Param50000"), "changed");
+    EXPECT_EQ(large.get("Added"), "1");
+    EXPECT_EQ(large.params().size(), 100002u);
+    // Linear work stays well below this even in sanitizer builds.
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 2000);
 }
 
-// A new store holds account passwords and is private; a rewrite keeps the
-// mode the integrator gave it, and the same value spares the flash a write.
-TEST_F(Dml, StoreFileModeAndRewrites)
+TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreOrFailedWriteChangesNothing)
 {
-    ASSERT_EQ(set("Device.X", "v"), UpdateResult::Ok);
-    EXPECT_EQ(readStore(), "Device.X=v\n");
-    struct stat st;
-    ASSERT_EQ(stat(storeFile().c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-
-    writeStore("A=1\n");
-    ASSERT_EQ(chmod(storeFile().c_str(), 0640), 0);
-    const ino_t before = inode();
-    ASSERT_EQ(set("A", "1"), UpdateResult::Ok);
-    EXPECT_EQ(inode(), before);
-    ASSERT_EQ(set("A", "2"), UpdateResult::Ok);
-    EXPECT_NE(inode(), before);
-    ASSERT_EQ(stat(storeFile().c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0640u);
-}
-
-TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreFailsReadsAndWrites)
-{
-    ASSERT_EQ(dml_init(0), 0);
     auto mgmt = filled<ManagementServerInfo>(0x55);
-    ASSERT_EQ(dml_getManagementServerInfo(&mgmt), 0);
+    ASSERT_EQ(dml_init(0) | dml_getManagementServerInfo(&mgmt), 0);
     EXPECT_STREQ(mgmt.URL, "");
     EXPECT_STREQ(mgmt.Password, "");
 
     const struct {
-        const char *what;
+        const char *what, *error;
         std::function<void()> make;
-        const char *error;
     } broken[] = {
-        {"a directory at the store", [&] { std::filesystem::create_directories(storeFile()); },
-         "datamodel.conf: Is a directory"},
-        {"a file where its directory belongs",
+        {"a directory at the store", "datamodel.conf: Is a directory",
+         [&] { std::filesystem::create_directories(storeFile()); }},
+        {"a file where its directory belongs", "datamodel.conf: Not a directory",
          [&] {
              std::filesystem::create_directories(tavelTestPath("/flash"));
              std::ofstream(dir()) << "x";
-         },
-         "datamodel.conf: Not a directory"},
-        {"larger than the store may grow",
+         }},
+        {"larger than the store may grow", "datamodel.conf: File too large",
          [&] {
              writeStore("A=1\n");
              ASSERT_EQ(truncate(storeFile().c_str(), off_t{tavel::dml::kMaxStoreSize + 1}), 0);
-         },
-         "datamodel.conf: File too large"},
+         }},
     };
     ASSERT_STREQ(dml_getHIECertifcatePath(), "");
     for (const auto &b : broken) {
         SCOPED_TRACE(b.what);
         std::filesystem::remove_all(tavelTestPath("/flash"));
         b.make();
-        tavel::dml::Store store;
         std::string error;
-        EXPECT_FALSE(store.load(&error));
+        EXPECT_FALSE(tavel::dml::Store().load(&error));
         EXPECT_NE(error.find(b.error), std::string::npos) << error;
         EXPECT_EQ(set("A", "1"), UpdateResult::Error);
         EXPECT_NE(dml_init(0), 0);
@@ -204,34 +206,7 @@ TEST_F(Dml, MissingStoreReadsEmptyAndBrokenStoreFailsReadsAndWrites)
         EXPECT_FALSE(tavel::dml::Store().load(nullptr));
         EXPECT_EQ(set("A", "2"), UpdateResult::Error);
     }
-}
 
-TEST_F(Dml, StoreOfHundredThousandLinesAndAMegabyteValueStaysFast)
-{
-    std::string text;
-    for (int i = 0; i < 100000; ++i) {
-        text += "Device.Param" + std::to_string(i) + "=value " + std::to_string(i) + "\n";
-    }
-    const std::string big(1 << 20, 'x');
-    writeStore(text + "Big=" + big + "\n");
-
-    auto start = std::chrono::steady_clock::now();
-    tavel::dml::Store store = loaded();
-    EXPECT_EQ(store.get("Device.Param99999"), "value 99999");
-    EXPECT_EQ(store.get("Big"), big);
-    ASSERT_EQ(update({Change{"Device.Param50000", "changed"}, Change{"Added", "1"}}), UpdateResult::Ok);
-    ASSERT_TRUE(store.load(nullptr));
-    auto elapsed = std::chrono::steady_clock::now() - start;
-
-    EXPECT_EQ(store.get("Device.Param50000"), "changed");
-    EXPECT_EQ(store.get("Added"), "1");
-    EXPECT_EQ(store.params().size(), 100002u);
-    // Linear work stays well below this even in sanitizer builds.
-    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count(), 2000);
-}
-
-TEST_F(Dml, FailedWriteLeavesTheOldStoreByteIdentical)
-{
     const std::string old = "# keep me\nA=1\nB=2\n";
     writeStore(old);
     // A file-size limit makes every write past 4 KiB fail as on a full disk.
@@ -254,12 +229,11 @@ TEST_F(Dml, FailedWriteLeavesTheOldStoreByteIdentical)
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir()), {}), 2);
 }
 
-TEST_F(Dml, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
+TEST_F(Dml, ConcurrentWritersAndSettersNeitherTearTheFileNorLoseUpdates)
 {
     constexpr int kWriters = 4, kRounds = 40;
     const std::string header = "# header\nSentinel=ok\n", padding(8192, 'p');
     writeStore(header);
-    std::vector<pid_t> children;
     for (int w = 0; w < kWriters; ++w) {
         pid_t child = fork();
         ASSERT_GE(child, 0);
@@ -271,30 +245,22 @@ TEST_F(Dml, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
             }
             _exit(ok ? 0 : 1);
         }
-        children.push_back(child);
     }
 
     // Meanwhile every snapshot a reader sees must be a whole file.
-    std::vector<int> statuses(children.size(), -1);
-    int torn = 0, snapshots = 0;
-    for (size_t left = children.size(); left > 0; ++snapshots) {
+    int torn = 0, snapshots = 0, failed = 0;
+    for (int left = kWriters; left > 0; ++snapshots) {
         tavel::dml::Store store = loaded();
         const std::string &text = store.contents();
         if (text.compare(0, header.size(), header) != 0 || text.back() != '\n' ||
             std::count(text.begin(), text.end(), '\n') != 1 + static_cast<long>(store.params().size())) {
             ++torn;
         }
-        for (size_t i = 0; i < children.size(); ++i) {
-            int status = 0;
-            if (statuses[i] == -1 && waitpid(children[i], &status, WNOHANG) == children[i]) {
-                statuses[i] = status;
-                --left;
-            }
+        for (int status = 0; waitpid(-1, &status, WNOHANG) > 0; --left) {
+            failed += WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
         }
     }
-    for (int status : statuses) {
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
+    EXPECT_EQ(failed, 0);
     EXPECT_EQ(torn, 0) << "of " << snapshots << " snapshots";
     const tavel::dml::Store store = loaded();
     for (int w = 0; w < kWriters; ++w) {
@@ -302,28 +268,39 @@ TEST_F(Dml, ConcurrentWritersNeitherTearTheFileNorLoseUpdates)
         EXPECT_EQ(store.get("Pad" + std::to_string(w)), padding + std::to_string(kRounds - 1));
     }
     EXPECT_EQ(store.get("Sentinel"), "ok");
-}
 
-std::string cachedGet(const std::string &name)
-{
-    std::string error;
-    tavel::dml::CachedStore store(&error);
-    return store.ok() ? store->get(name) : "error: " + error;
-}
-
-// Rewrites the file in place, keeping its inode, with the given time.
-void inPlace(const std::string &path, const std::string &text, struct timespec mtime)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-    const struct timespec times[2] = {mtime, mtime};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    // Threads of one process go through the same lock.
+    const std::function<void(const std::string &)> writers[] = {
+        [](const std::string &i) { dml_setOnBoardStatus(("status" + i).c_str()); },
+        [](const std::string &i) { dml_setTimeZone(("tz" + i).c_str(), "zone"); },
+        [](const std::string &i) { dml_setCountryID(i.c_str()); },
+        [](const std::string &) {
+            SupportedCountryList list;
+            dml_getSupportedCountryList(&list);
+            dml_getHIECertifcatePath();
+        },
+    };
+    std::vector<std::thread> threads;
+    for (const auto &write : writers) {
+        threads.emplace_back([&write] {
+            for (int i = 0; i < kRounds; ++i) {
+                write(std::to_string(i));
+            }
+        });
+    }
+    for (std::thread &t : threads) {
+        t.join();
+    }
+    OnBoardingServerInfo ob{};
+    char tz[DML_TIMEZONE_LEN], cc[DML_COUNTRYID_LEN];
+    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob) | dml_getTimeZone(tz) | dml_getCountryID(cc), 0);
+    EXPECT_EQ(lines({ob.onBoardStatus, tz, cc}, "|"), "status39|tz39|39|");
 }
 
 const struct timespec kOld = {1500000000, 100}, kOld1 = {kOld.tv_sec, kOld.tv_nsec + 1};
 
-// Outside writers that keep the size, each leaving as little of the file's
-// identity changed as it can.
-TEST_F(Dml, CachedReadsSeeOutsideWritesThatKeepSizeAndSecond)
+// Outside writers that keep the size, each changing as little of the identity as it can.
+TEST_F(Dml, CachedReadsSeeOutsideWritesAndUpdatesKeepThem)
 {
     const std::string path = storeFile();
     const struct {
@@ -357,11 +334,7 @@ TEST_F(Dml, CachedReadsSeeOutsideWritesThatKeepSizeAndSecond)
         w.write();
         EXPECT_EQ(cachedGet("A"), "2") << w.what;
     }
-}
 
-TEST_F(Dml, UpdatesWorkOnTheFileAndReleaseDropsTheParse)
-{
-    const std::string path = storeFile();
     writeStore("");
     inPlace(path, "A=1\nB=1\n", kOld);
     EXPECT_EQ(cachedGet("A"), "1");
@@ -374,8 +347,7 @@ TEST_F(Dml, UpdatesWorkOnTheFileAndReleaseDropsTheParse)
     EXPECT_EQ(cachedGet("B"), "2");
     EXPECT_EQ(cachedGet("C"), "3");
 
-    // A file last changed long ago is known by its identity alone: a
-    // rewrite that keeps all of it is not seen until the parse is dropped.
+    // An old file is known by its identity alone: a rewrite keeping all of it shows after a release.
     inPlace(path, "A=longer\nB=7\nC=3\n", kOld);
     EXPECT_EQ(cachedGet("B"), "7");
     inPlace(path, "A=longer\nB=8\nC=3\n", kOld);
@@ -384,7 +356,7 @@ TEST_F(Dml, UpdatesWorkOnTheFileAndReleaseDropsTheParse)
     EXPECT_EQ(cachedGet("B"), "8");
 }
 
-TEST_F(Dml, GettersFillEachRecordFromItsParameters)
+TEST_F(Dml, GettersFillEachRecordAndCountryListParseNumbersAndCutLongTexts)
 {
     writeStore(
         lines({"Device.X_TAVEL_Agent.URL=https://ob.example/x",
@@ -411,12 +383,12 @@ TEST_F(Dml, GettersFillEachRecordFromItsParameters)
                   dml_getKPRCConfigL2Server(&l2) | dml_getKPRCRAccessConfig(&ra) |
                   dml_getKPRCZoragentConfig(&zc),
               0);
-    // Enable, URL, key, account and work mode are read through the agent's
-    // own accessors in test_cfgm.cpp.
+    // Enable, URL, key, account and work mode: through the agent's accessors (test_cfgm.cpp).
     EXPECT_EQ(
-        joined({ob.onBoardStatus, ob.opDesc, ob.subnetDesc, ob.acsConnStatus, mgmt.Password, cc, tz,
-                node.serialNumber, node.operatorId, node.country, l1.URL, l2.URL, ra.URL, zc.configURL,
-                zc.apiKey, dml_getHIECertifcatePath()}),
+        lines({ob.onBoardStatus, ob.opDesc, ob.subnetDesc, ob.acsConnStatus, mgmt.Password, cc, tz,
+               node.serialNumber, node.operatorId, node.country, l1.URL, l2.URL, ra.URL, zc.configURL,
+               zc.apiKey, dml_getHIECertifcatePath()},
+              "|"),
         "ConnectionSuccess|op|sub|ACSRetryReq||FR|CET-1CEST|SN1|OP|DE||https://l2|https://ra|https://cfg||"
         "/etc/ca.pem|");
     EXPECT_EQ(ob.URL[sizeof(ob.URL) - 1], 0); // the rest of a field is zeroed
@@ -425,10 +397,28 @@ TEST_F(Dml, GettersFillEachRecordFromItsParameters)
     EXPECT_EQ(cap.isCCSyncRequired, 1);
     EXPECT_EQ(l1.flags, 0);
     EXPECT_EQ(l2.flags, 255);
-}
 
-TEST_F(Dml, EnableNeedsANonZeroDecimalAndFlagsAByte)
-{
+    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=US,CA;GB, FR ,,DE;;LONGCODE;\n");
+    SupportedCountryList list{};
+    ASSERT_EQ(dml_getSupportedCountryList(&list), 0);
+    ASSERT_EQ(list.groupCount, 3);
+    std::vector<std::vector<std::string>> groups;
+    for (int g = 0; g < list.groupCount; ++g) {
+        groups.emplace_back();
+        for (int c = 0; c < list.groups[g].countryCount; ++c) {
+            groups.back().emplace_back(list.groups[g].countries[c].code);
+        }
+    }
+    EXPECT_EQ(groups, (std::vector<std::vector<std::string>>{{"US", "CA"}, {"GB", "FR", "DE"}, {"LONG"}}));
+    SupportedCountryList again{};
+    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
+    EXPECT_EQ(again.groups, list.groups);
+
+    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=\n");
+    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
+    EXPECT_EQ(again.groupCount, 0);
+    EXPECT_EQ(again.groups, nullptr);
+
     const std::pair<const char *, int> enables[] = {
         {"1", 1},   {"7", 1},  {"-2", 1}, {"99999999999999999999", 1},
         {"000", 0}, {"", 0},   {"0", 0},  {"yes", 0},
@@ -436,7 +426,6 @@ TEST_F(Dml, EnableNeedsANonZeroDecimalAndFlagsAByte)
     };
     for (const auto &[text, expected] : enables) {
         writeStore("Device.X_TAVEL_Agent.Enable="s + text + "\n");
-        OnBoardingServerInfo ob{};
         ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
         EXPECT_EQ(ob.enable, expected) << "'" << text << "'";
     }
@@ -444,21 +433,16 @@ TEST_F(Dml, EnableNeedsANonZeroDecimalAndFlagsAByte)
                                                   {"-1", 0}, {"x", 0}, {"", 0},      {"0255", 0}};
     for (const auto &[text, expected] : flags) {
         writeStore("Device.X_TAVEL_Cloud.L1Flags="s + text + "\n");
-        KPRCConfigServer cfg{};
-        ASSERT_EQ(dml_getKPRCConfigL1Server(&cfg), 0);
-        EXPECT_EQ(cfg.flags, expected) << "'" << text << "'";
+        ASSERT_EQ(dml_getKPRCConfigL1Server(&l1), 0);
+        EXPECT_EQ(l1.flags, expected) << "'" << text << "'";
     }
-}
 
-TEST_F(Dml, LongTextsAreCutToTheirFields)
-{
     const std::string huge(1 << 20, 'u');
     writeStore(lines({"Device.ManagementServer.URL=" + huge, "Device.ManagementServer.Username=user",
                       "Device.X_TAVEL_WiFiService.WorkMode=" + std::string(40, 'm'),
                       "Device.DeviceInfo.X_TAVEL_CountryCode=ABCDEF",
                       "Device.DeviceInfo.SerialNumber=" + std::string(100, 's'),
                       "Device.DeviceInfo.X_TAVEL_CACertPath=" + huge}));
-    ManagementServerInfo mgmt{};
     ASSERT_EQ(dml_getManagementServerInfo(&mgmt), 0);
     EXPECT_EQ(strnlen(mgmt.URL, sizeof(mgmt.URL)), sizeof(mgmt.URL) - 1);
     EXPECT_STREQ(mgmt.Username, "user");
@@ -473,48 +457,16 @@ TEST_F(Dml, LongTextsAreCutToTheirFields)
     EXPECT_EQ(std::string(buf.mode), std::string(DML_WORKMODE_LEN - 1, 'm'));
     EXPECT_EQ(std::string(buf.guard, sizeof(buf.guard)), std::string(8, '#'));
 
-    char cc[DML_COUNTRYID_LEN];
     ASSERT_EQ(dml_getCountryID(cc), 0);
     EXPECT_STREQ(cc, "ABC");
-    auto node = filled<NodeInfo>(0x5a);
+    node = filled<NodeInfo>(0x5a);
     ASSERT_EQ(dml_getNodeInfo(&node), 0);
     EXPECT_EQ(std::string(node.serialNumber), std::string(sizeof(node.serialNumber) - 1, 's'));
     EXPECT_EQ(node.reserved1[0], 0x5a);
     EXPECT_EQ(strlen(dml_getHIECertifcatePath()), huge.size()); // no field: handed out whole
 }
 
-TEST_F(Dml, CloudSettersKeepFieldsThatArriveEmpty)
-{
-    KPRCConfigServer l1{};
-    strcpy(l1.URL, "https://l1");
-    l1.flags = 1;
-    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
-    l1 = KPRCConfigServer{};
-    l1.flags = 200;
-    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
-    l1 = KPRCConfigServer{};
-    ASSERT_EQ(dml_getKPRCConfigL1Server(&l1), 0);
-    EXPECT_STREQ(l1.URL, "https://l1");
-    EXPECT_EQ(l1.flags, 200);
-
-    KPRCRAccessConfig ra{};
-    strcpy(ra.URL, "https://ra");
-    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
-    ra = KPRCRAccessConfig{};
-    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
-    ASSERT_EQ(dml_getKPRCRAccessConfig(&ra), 0);
-    EXPECT_STREQ(ra.URL, "https://ra");
-
-    // A field filled to its last byte without a NUL is read only up to its end.
-    KPRCConfigServer full{};
-    memset(full.URL, 'f', sizeof(full.URL));
-    ASSERT_EQ(dml_setKPRCConfigL2Server(&full), 0);
-    full = KPRCConfigServer{};
-    ASSERT_EQ(dml_getKPRCConfigL2Server(&full), 0);
-    EXPECT_EQ(strlen(full.URL), sizeof(full.URL) - 1);
-}
-
-TEST_F(Dml, SettersChangeOnlyTheirParametersAndStoreEmptyAccountFields)
+TEST_F(Dml, SettersChangeOnlyTheirParametersAndAFaultLineFailsItsOperation)
 {
     writeStore(lines({"# factory", "Device.X_TAVEL_Agent.OnBoardStatus=NoConnection",
                       "Device.X_TAVEL_Agent.URL=https://ob", "Device.Time.LocalTimeZone=UTC",
@@ -533,10 +485,7 @@ TEST_F(Dml, SettersChangeOnlyTheirParametersAndStoreEmptyAccountFields)
     EXPECT_NE(dml_setTimeZone("UTC", nullptr), 0);
 
     writeStore("");
-    ManagementServerInfo info{};
-    strcpy(info.URL, "https://acs");
-    strcpy(info.Username, "user");
-    strcpy(info.Password, "pa\ts\\s");
+    ManagementServerInfo info{"https://acs", "user", "pa\ts\\s"};
     ASSERT_EQ(dml_setManagementServerInfo(&info), 0);
     info = ManagementServerInfo{};
     ASSERT_EQ(dml_getManagementServerInfo(&info), 0);
@@ -545,10 +494,30 @@ TEST_F(Dml, SettersChangeOnlyTheirParametersAndStoreEmptyAccountFields)
     ASSERT_EQ(dml_setManagementServerInfo(&empty), 0);
     EXPECT_EQ(readStore(), lines({"Device.ManagementServer.URL=", "Device.ManagementServer.Username=",
                                   "Device.ManagementServer.Password="}));
-}
+    // The cloud setters keep a stored field that arrives empty.
+    KPRCConfigServer l1{{}, "https://l1", 1};
+    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
+    l1 = KPRCConfigServer{{}, "", 200};
+    ASSERT_EQ(dml_setKPRCConfigL1Server(&l1), 0);
+    l1 = KPRCConfigServer{};
+    ASSERT_EQ(dml_getKPRCConfigL1Server(&l1), 0);
+    EXPECT_STREQ(l1.URL, "https://l1");
+    EXPECT_EQ(l1.flags, 200);
+    KPRCRAccessConfig ra{"https://ra"};
+    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
+    ra = KPRCRAccessConfig{};
+    ASSERT_EQ(dml_setKPRCRAccessConfig(&ra), 0);
+    ASSERT_EQ(dml_getKPRCRAccessConfig(&ra), 0);
+    EXPECT_STREQ(ra.URL, "https://ra");
+    // A field filled to its last byte without a NUL is read only up to its end.
+    KPRCConfigServer full{};
+    memset(full.URL, 'f', sizeof(full.URL));
+    ASSERT_EQ(dml_setKPRCConfigL2Server(&full), 0);
+    full = KPRCConfigServer{};
+    ASSERT_EQ(dml_getKPRCConfigL2Server(&full), 0);
+    EXPECT_EQ(strlen(full.URL), sizeof(full.URL) - 1);
 
-TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
-{
+    // A fault line fails its operation with the outputs untouched.
     const std::string values = lines(
         {"Device.ManagementServer.URL=https://acs", "Device.X_TAVEL_WiFiService.WorkMode=RGW",
          "Device.DeviceInfo.X_TAVEL_CACertPath=/ca.pem", "Device.DeviceInfo.X_TAVEL_SupportedCountries=US",
@@ -560,9 +529,7 @@ TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
     auto list = filled<SupportedCountryList>(0x55);
     char mode[DML_WORKMODE_LEN];
     memset(mode, 0x55, sizeof(mode));
-    ManagementServerInfo newMgmt{};
-    KPRCZoragentConfig newZc{};
-    strcpy(newZc.configURL, "https://new");
+    KPRCZoragentConfig newZc{"https://new", ""};
 
     const std::vector<std::pair<std::string, std::function<int()>>> operations = {
         {"dml_init", [] { return dml_init(0); }},
@@ -572,7 +539,7 @@ TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
         {"dml_getWorkMode", [&] { return dml_getWorkMode(mode); }},
         {"dml_getKPRCZoragentConfig", [&] { return dml_getKPRCZoragentConfig(&zc); }},
         {"dml_getSupportedCountryList", [&] { return dml_getSupportedCountryList(&list); }},
-        {"dml_setManagementServerInfo", [&] { return dml_setManagementServerInfo(&newMgmt); }},
+        {"dml_setManagementServerInfo", [&] { return dml_setManagementServerInfo(&empty); }},
         {"dml_setKPRCZoragentConfig", [&] { return dml_setKPRCZoragentConfig(&newZc); }},
         {"dml_setOnBoardStatus", [] { return dml_setOnBoardStatus("x"); }},
     };
@@ -605,64 +572,6 @@ TEST_F(Dml, FaultLineFailsTheOperationWithOutputsUntouched)
     writeStore(values);
     ASSERT_EQ(dml_getWorkMode(mode), 0);
     EXPECT_STREQ(mode, "RGW");
-}
-
-TEST_F(Dml, CountryListGroupsAndKeepsTheArraysWhileUnchanged)
-{
-    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=US,CA;GB, FR ,,DE;;LONGCODE;\n");
-    SupportedCountryList list{};
-    ASSERT_EQ(dml_getSupportedCountryList(&list), 0);
-    ASSERT_EQ(list.groupCount, 3);
-    std::vector<std::vector<std::string>> groups;
-    for (int g = 0; g < list.groupCount; ++g) {
-        groups.emplace_back();
-        for (int c = 0; c < list.groups[g].countryCount; ++c) {
-            groups.back().emplace_back(list.groups[g].countries[c].code);
-        }
-    }
-    EXPECT_EQ(groups, (std::vector<std::vector<std::string>>{{"US", "CA"}, {"GB", "FR", "DE"}, {"LONG"}}));
-    SupportedCountryList again{};
-    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
-    EXPECT_EQ(again.groups, list.groups);
-
-    writeStore("Device.DeviceInfo.X_TAVEL_SupportedCountries=\n");
-    ASSERT_EQ(dml_getSupportedCountryList(&again), 0);
-    EXPECT_EQ(again.groupCount, 0);
-    EXPECT_EQ(again.groups, nullptr);
-}
-
-TEST_F(Dml, ConcurrentSettersLoseNoUpdate)
-{
-    constexpr int kRounds = 25;
-    const std::function<void(const std::string &)> writers[] = {
-        [](const std::string &i) { dml_setOnBoardStatus(("status" + i).c_str()); },
-        [](const std::string &i) { dml_setTimeZone(("tz" + i).c_str(), "zone"); },
-        [](const std::string &i) { dml_setCountryID(i.c_str()); },
-        [](const std::string &) {
-            SupportedCountryList list;
-            dml_getSupportedCountryList(&list);
-            dml_getHIECertifcatePath();
-        },
-    };
-    std::vector<std::thread> threads;
-    for (const auto &write : writers) {
-        threads.emplace_back([&write] {
-            for (int i = 0; i < kRounds; ++i) {
-                write(std::to_string(i));
-            }
-        });
-    }
-    for (std::thread &t : threads) {
-        t.join();
-    }
-    OnBoardingServerInfo ob{};
-    char tz[DML_TIMEZONE_LEN], cc[DML_COUNTRYID_LEN];
-    ASSERT_EQ(dml_getOnBoardingServerInfo(&ob), 0);
-    ASSERT_EQ(dml_getTimeZone(tz), 0);
-    ASSERT_EQ(dml_getCountryID(cc), 0);
-    EXPECT_STREQ(ob.onBoardStatus, "status24");
-    EXPECT_STREQ(tz, "tz24");
-    EXPECT_STREQ(cc, "24");
 }
 
 } // namespace

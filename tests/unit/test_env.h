@@ -1,11 +1,6 @@
-/*
- * Shared environment of the unit-test binary, and the headers its files use.
- * util.cpp reads TAVEL_ROOT once per process, so the whole binary runs under
- * one temporary root, removed at the end; tests that touch device paths empty
- * it first with tavelTestCleanRoot().  The agent's sleeps and timer delays
- * are scaled down (TAVEL_TIME_SCALE 1000 unless the environment sets it), so
- * steps that wait on the device finish in milliseconds here.
- */
+/* util.cpp reads TAVEL_ROOT once per process, so the whole unit-test binary runs under one
+ * temporary root, which tests that touch device paths empty first (tavelTestCleanRoot()).
+ * TAVEL_TIME_SCALE 1000, unless set, turns the agent's waits into milliseconds. */
 #ifndef TAVEL_TEST_ENV_H
 #define TAVEL_TEST_ENV_H
 
@@ -57,9 +52,8 @@ inline const std::string &tavelTestRoot()
         }
         setenv("TAVEL_ROOT", dir, 1);
         setenv("TAVEL_TIME_SCALE", "1000", 0);
-        /* At exit rather than after the tests, so that listing them (as the
-         * build does to find them) leaves no root behind either; only by the
-         * process that made it, not by a death test's child leaving by exit(). */
+        /* At exit, so that listing the tests leaves no root behind either;
+         * only by its maker, not by a death test's child leaving by exit(). */
         static const pid_t owner = getpid();
         atexit([] {
             std::error_code ec;
@@ -72,8 +66,7 @@ inline const std::string &tavelTestRoot()
     return root;
 }
 
-/* Forces the root into place during static initialisation, before any test
- * (or anything the tests call) can read TAVEL_ROOT. */
+/* In place during static initialisation, before anything can read TAVEL_ROOT. */
 inline const bool g_tavelTestRootReady = !tavelTestRoot().empty();
 
 inline std::string tavelTestPath(const std::string &devicePath)
@@ -98,8 +91,7 @@ inline void tavelTestWriteFile(const std::string &devicePath, const std::string 
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-/* "" when absent. */
-inline std::string tavelTestSlurp(const std::string &path)
+inline std::string tavelTestSlurp(const std::string &path) // "" when absent
 {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -111,19 +103,16 @@ inline std::string tavelTestReadFile(const std::string &devicePath)
 
 inline bool tavelTestExists(const std::string &devicePath)
 {
-    std::error_code ec;
-    return std::filesystem::exists(tavelTestPath(devicePath), ec);
+    return access(tavelTestPath(devicePath).c_str(), F_OK) == 0;
 }
 
-/* The platform log the stand-in writes under the root. */
 inline std::string tavelTestLog()
 {
     return tavelTestReadFile("/var/log/tavel.log");
 }
 
-/* True when the platform log holds a record of the given level ("debug",
- * "notice", "error") whose text after the agent's log prefix is exactly
- * text (a trailing line feed of the message is not part of the record). */
+/* A record of the level ("debug", "notice", "error") whose text after the
+ * agent's log prefix is exactly text (without the message's line feed). */
 inline bool tavelTestLogHas(const std::string &level, const std::string &text)
 {
     std::istringstream in(tavelTestLog());
@@ -146,9 +135,8 @@ inline int tavelTestCount(const std::string &s, const std::string &text)
     return n;
 }
 
-/* The bytes in a heap block of exactly their size, without a terminator, so
- * that the sanitizer builds catch a read past the end (as libcurl and the bus
- * hand over their data). */
+/* Unterminated, of exactly their size, as libcurl and the bus hand data over:
+ * the sanitizer builds catch a read past the end. */
 inline std::unique_ptr<char[]> tavelTestBlock(const std::string &bytes)
 {
     std::unique_ptr<char[]> block(new char[bytes.size()]);

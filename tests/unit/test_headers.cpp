@@ -29,7 +29,7 @@ const char *storedValue(const std::string &name)
 
 } // namespace
 
-TEST_F(HeaderTest, TypesFollowExactCaseSensitiveNames)
+TEST_F(HeaderTest, TypesFollowExactNamesValuesTheRulesOfTheirFieldAndTheTraceHidesPasswords)
 {
     const char *known[] = {
         "url",         "name",  "pwd",   "opdesc",        "snetdesc",     "tenantid",       "timezone",
@@ -41,86 +41,16 @@ TEST_F(HeaderTest, TypesFollowExactCaseSensitiveNames)
                              "\r\n", "", ":::\r\n", "x-url: x\r\n", "Content-Length: 0\r\n", "l1url\r\n"}) {
         EXPECT_EQ(getHeaderType(line), HDR_NONE) << line;
     }
-    // Leading colons are skipped before the name is taken, but only the first
-    // 255 bytes are looked at: a name pushed past them is lost.
+    // Leading colons are skipped, but a name pushed past the first 255 bytes is lost.
     EXPECT_EQ(getHeaderType("::url: x\r\n"), HDR_URL);
     EXPECT_EQ(getHeaderType((std::string(255, ':') + "url: v\r\n").c_str()), HDR_NONE);
     EXPECT_EQ(getHeaderType((std::string(250, ':') + "url: v\r\n").c_str()), HDR_URL);
     const std::string longName(300, 'a');
     EXPECT_EQ(feed(longName + ": v\r\n"), longName.size() + 5);
     EXPECT_EQ(getHeaderType((longName + ": v\r\n").c_str()), HDR_NONE);
-}
 
-// Each line is fed after "<field>: old" for its own field, so a line that
-// clears or keeps the earlier value shows it.
-TEST_F(HeaderTest, ValueRulesPerLine)
-{
-    const char *const kOpdesc = "opdesc", *const kSnet = "snetdesc", *const kTenant = "tenantid",
-                      *const kCc = "countrycode";
-    const struct {
-        const char *field;
-        std::string line;
-        const char *expected;
-    } cases[] = {
-        {"url", "url: value1\r\n", "value1"}, // CR LF is not part of the value
-        {"url", "url:value2\r\n", "value2"},
-        {"url", "url: \t  spaced value\r\n", "spaced"},
-        {"url", "url: https://acs.example:7547/x", "https://acs.example:7547/x"}, // to the last byte
-        {"url", "url:\r\n", ""},
-        {"name", "name:    \r\n", ""},
-        {kTenant, ":tenantid: t2\r\n", ""}, // recognised by name, not of the form "name:"
-        {kTenant, "tenantid: ab\tcd\r\n", "ab"},
-        {kTenant, "tenantid: ab\rcd\r\n", "ab"},
-        {kTenant, "tenantid: ab\ncd\r\n", "ab"},
-        {kTenant, "tenantid: ab\vcd\r\n", "ab"},
-        {kTenant, "tenantid: ab\fcd\r\n", "ab"},
-        {"url", std::string("url: abc\0def\r\n", 14), "abc"},
-        // Descriptions are raw bytes: the CR stays, a missing blank costs the
-        // first character, and too short a line gives nothing.
-        {kOpdesc, "opdesc: Op One\r\n", "Op One\r"},
-        {kOpdesc, "opdesc: Op One\n", "Op One"},
-        {kSnet, "snetdesc: Sub  Net\r\n", "Sub  Net\r"},
-        {kOpdesc, "opdesc:Operator\r\n", "perator\r"},
-        {kOpdesc, "opdesc: \n", ""},
-        {kOpdesc, "opdesc:\r\n", ""},
-        {kOpdesc, "opdesc", ""},
-        {kOpdesc, "opdesc:", ""},
-        {kSnet, "snetdesc: \n", ""},
-        {kSnet, "snetdesc: z\n", "z"},
-        {kCc, "countrycode: US\r\n", "US"},
-        {kCc, "countrycode: DEUX\r\n", "DEU"},
-        {kCc, "countrycode:FR\r\n", "FR"},
-        {kCc, "countrycode: \r\n", ""},
-        {kCc, "countrycode: ABCDEFGHIJ", "ABC"},
-    };
-    for (const auto &c : cases) {
-        feed(std::string(c.field) + ": old\r\n");
-        feed(c.line);
-        EXPECT_STREQ(storedValue(c.field), c.expected) << c.line;
-    }
-}
-
-TEST_F(HeaderTest, NaMeansEmptyForCloudFieldsOnly)
-{
-    // The descriptions are raw text (ValueRulesPerLine); every other stored
-    // value is a word.
-    for (const ReplyField &f : kReplyFields) {
-        if (!f.isHeap() || f.type == HDR_OPDESC || f.type == HDR_SNETDESC) {
-            continue;
-        }
-        const std::pair<const char *, const char *> values[] = {
-            {" NA", f.type >= HDR_L1URL ? "" : "NA"}, {" NAX", "NAX"}, {" na", "na"}, {"\tv w", "v"}};
-        for (const auto &[value, stored] : values) {
-            feed(std::string(f.name) + ":" + value + "\r\n");
-            EXPECT_STREQ(g_serverData.*f.heap, stored) << f.name << ":" << value;
-        }
-    }
-}
-
-// A later reply without a header, a line too short to hold one and the
-// time-zone line (stored elsewhere) keep the values received before.
-TEST_F(HeaderTest, LaterHeaderOfAnyLengthWinsAndLinesWithoutItKeepTheValue)
-{
+    // A later reply without a header, a line too short to hold one and the
+    // time-zone line (stored elsewhere) keep the values received before.
     feed("url: https://one\r\n");
     feed("l1url: https://cloud\r\n");
     feed("url: https://two\r\n");
@@ -133,8 +63,7 @@ TEST_F(HeaderTest, LaterHeaderOfAnyLengthWinsAndLinesWithoutItKeepTheValue)
     EXPECT_STREQ(g_serverData.l1url, "https://cloud");
     EXPECT_STREQ(g_serverData.countryCode, "GB");
     EXPECT_STREQ(g_serverData.tenantID, "");
-    // Values of any length: a megabyte is stored whole, and a short value
-    // after it leaves no trace of it.
+    // A megabyte value is stored whole, and a short one after it leaves no trace of it.
     std::string value(1024 * 1024, 'k');
     feed("kprconfigapikey: " + value + "\r\n");
     EXPECT_EQ(std::string(g_serverData.kprconfigapikey), value);
@@ -144,12 +73,9 @@ TEST_F(HeaderTest, LaterHeaderOfAnyLengthWinsAndLinesWithoutItKeepTheValue)
     EXPECT_STREQ(g_serverData.kprconfigapikey, "short");
 
     // size * nmemb is the length libcurl is told was handled.
-    const std::string line = "url: abcd\r\n";
-    EXPECT_EQ(header_handler(tavelTestBlock(line).get(), line.size(), 1, nullptr), line.size());
-}
+    const std::string url = "url: abcd\r\n";
+    EXPECT_EQ(header_handler(tavelTestBlock(url).get(), url.size(), 1, nullptr), url.size());
 
-TEST_F(HeaderTest, TraceShowsEachLineWithinItsLengthButNoPassword)
-{
     size_t mark = tavelTestLog().size();
     feed("pwd: s3cr3t-value\r\n");
     feed("x-note: has pwd inside s3cr3t-two\r\n");
@@ -165,4 +91,58 @@ TEST_F(HeaderTest, TraceShowsEachLineWithinItsLengthButNoPassword)
     EXPECT_NE(log.find("Size 1 nmemb: 18"), std::string::npos) << log;
     EXPECT_NE(log.find("tenantid: t-42"), std::string::npos) << log;
     EXPECT_EQ(log.find("TRAILING"), std::string::npos) << log;
+
+    // Each line is fed after "<field>: old" for the field it names, so a line
+    // that clears or keeps the earlier value shows it.
+    const std::pair<std::string, const char *> cases[] = {
+        {"url: value1\r\n", "value1"}, // CR LF is not part of the value
+        {"url:value2\r\n", "value2"},
+        {"url: \t  spaced value\r\n", "spaced"},
+        {"url: https://acs.example:7547/x", "https://acs.example:7547/x"}, // to the last byte
+        {"url:\r\n", ""},
+        {"name:    \r\n", ""},
+        {":tenantid: t2\r\n", ""}, // recognised by name, not of the form "name:"
+        {"tenantid: ab\tcd\r\n", "ab"},
+        {"tenantid: ab\rcd\r\n", "ab"},
+        {"tenantid: ab\ncd\r\n", "ab"},
+        {"tenantid: ab\vcd\r\n", "ab"},
+        {"tenantid: ab\fcd\r\n", "ab"},
+        {std::string("url: abc\0def\r\n", 14), "abc"},
+        // Descriptions are raw bytes: the CR stays, a missing blank costs the
+        // first character, and too short a line gives nothing.
+        {"opdesc: Op One\r\n", "Op One\r"},
+        {"opdesc: Op One\n", "Op One"},
+        {"snetdesc: Sub  Net\r\n", "Sub  Net\r"},
+        {"opdesc:Operator\r\n", "perator\r"},
+        {"opdesc: \n", ""},
+        {"opdesc:\r\n", ""},
+        {"opdesc", ""},
+        {"opdesc:", ""},
+        {"snetdesc: \n", ""},
+        {"snetdesc: z\n", "z"},
+        {"countrycode: US\r\n", "US"},
+        {"countrycode: DEUX\r\n", "DEU"},
+        {"countrycode:FR\r\n", "FR"},
+        {"countrycode: \r\n", ""},
+        {"countrycode: ABCDEFGHIJ", "ABC"},
+    };
+    for (const auto &[line, expected] : cases) {
+        const std::string name = line.substr(0, line.find(':', 1)), field = name.substr(name.rfind(':') + 1);
+        feed(field + ": old\r\n");
+        feed(line);
+        EXPECT_STREQ(storedValue(field), expected) << line;
+    }
+
+    // The descriptions are raw text (above); every other stored value is a word.
+    for (const ReplyField &f : kReplyFields) {
+        if (!f.isHeap() || f.type == HDR_OPDESC || f.type == HDR_SNETDESC) {
+            continue;
+        }
+        const std::pair<const char *, const char *> values[] = {
+            {" NA", f.type >= HDR_L1URL ? "" : "NA"}, {" NAX", "NAX"}, {" na", "na"}, {"\tv w", "v"}};
+        for (const auto &[value, stored] : values) {
+            feed(std::string(f.name) + ":" + value + "\r\n");
+            EXPECT_STREQ(g_serverData.*f.heap, stored) << f.name << ":" << value;
+        }
+    }
 }

@@ -1,6 +1,5 @@
-// The bus signal handlers and the debug-command interpreter, called directly
-// with payloads in exactly-sized heap blocks so that a read past the end is
-// caught by the address sanitizer build.
+// The bus signal handlers and the debug-command interpreter, called directly with payloads in
+// exactly-sized heap blocks so that the address sanitizer build catches a read past the end.
 #include "test_env.h"
 
 namespace
@@ -22,10 +21,11 @@ std::string dbgPayload(const std::string &module, const std::string &cmd)
     return payload;
 }
 
-std::string runDbgSignal(const std::string &payload)
+// Without data, the payload gives only the announced length.
+std::string runDbgSignal(const std::string &payload, bool withData = true)
 {
     testing::internal::CaptureStdout();
-    tavel_processDbgCmdSignal(nullptr, nullptr, tavelTestBlock(payload).get(),
+    tavel_processDbgCmdSignal(nullptr, nullptr, withData ? tavelTestBlock(payload).get() : nullptr,
                               static_cast<uint32_t>(payload.size()));
     return testing::internal::GetCapturedStdout();
 }
@@ -37,22 +37,30 @@ std::string runDbgCmd(const char *cmd)
     return testing::internal::GetCapturedStdout();
 }
 
-class DbgCmdTest : public ::testing::Test
+class SignalTest : public ::testing::Test
 {
 protected:
-    void SetUp() override { tavel_resetRetryState(); }
-    void TearDown() override { tavel_resetRetryState(); }
+    void SetUp() override
+    {
+        tavelTestCleanRoot();
+        tavel_resetRetryState();
+        memcpy(savedTimezone_, g_timezone, sizeof(g_timezone));
+    }
+    void TearDown() override
+    {
+        tavel_resetRetryState();
+        memcpy(g_timezone, savedTimezone_, sizeof(g_timezone));
+    }
+    char savedTimezone_[sizeof(g_timezone)] = {};
 };
 
-TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReported)
+TEST_F(SignalTest, DbgCmdOnlyTheAgentsPayloadsRunAndSetTimeoutReadsFromPositionEleven)
 {
     const std::string sized = dbgPayload("tavelAgent", "") + '\0';
     for (size_t n : {0, 3, 7, 2111, 2113}) {
         EXPECT_EQ(runDbgSignal(sized.substr(0, n)), kEnter + kMismatch) << n;
     }
-    testing::internal::CaptureStdout();
-    tavel_processDbgCmdSignal(nullptr, nullptr, nullptr, TAVEL_DBG_PAYLOAD_LEN);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), kEnter + kMismatch);
+    EXPECT_EQ(runDbgSignal(sized.substr(0, TAVEL_DBG_PAYLOAD_LEN), false), kEnter + kMismatch);
 
     // A name filling its whole field has no terminator, so it is not the agent's.
     const std::string modules[] = {"tavelagent", "tavelAgentX", "tavel", "",
@@ -61,13 +69,20 @@ TEST_F(DbgCmdTest, PayloadsNotForTheAgentAreOnlyReported)
         EXPECT_EQ(runDbgSignal(dbgPayload(module, "setTimeout 5")), kEnter + kIgnore) << module;
     }
     EXPECT_EQ(g_retryTimeout, 86400);
-}
 
-TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionElevenAndAnythingElsePrintsTheHelp)
-{
+    // The dumps themselves are checked on the real binary in test_bus.py.
+    const std::string cmd = "setTimeout 42" + std::string(TAVEL_DBG_CMDLINE_LEN - 13, 'x');
+    const std::string handled = "debug cmdLine = " + cmd + ".\ncmdLine+11 = " + cmd.substr(11) + ".\n";
+    EXPECT_EQ(runDbgSignal(dbgPayload("tavelAgent", cmd)),
+              kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + handled);
+    EXPECT_EQ(g_retryTimeout, 42);
+    // Called on its own with a field of exactly 2,048 unterminated bytes.
+    g_retryTimeout = 0;
+    EXPECT_EQ(runDbgCmd(tavelTestBlock(cmd).get()), handled);
+    EXPECT_EQ(g_retryTimeout, 42);
+
     const struct {
-        const char *cmd;
-        const char *shown; // null: the help
+        const char *cmd, *shown; // shown null: the help
         int32_t value;
     } cases[] = {
         {"setTimeout", "", 0},                                // ends before the value position
@@ -95,104 +110,29 @@ TEST_F(DbgCmdTest, SetTimeoutTakesTheValueFromPositionElevenAndAnythingElsePrint
     EXPECT_EQ(runDbgCmd(nullptr), kHelp);
 }
 
-// The dumps themselves are checked on the real binary in test_bus.py.
-TEST_F(DbgCmdTest, UnterminatedCommandFieldIsReadWithinItsBytes)
-{
-    const std::string cmd = "setTimeout 42" + std::string(TAVEL_DBG_CMDLINE_LEN - 13, 'x');
-    const std::string handled = "debug cmdLine = " + cmd + ".\ncmdLine+11 = " + cmd.substr(11) + ".\n";
-    EXPECT_EQ(runDbgSignal(dbgPayload("tavelAgent", cmd)),
-              kEnter + "tavel_processDbgCmdSignal cmd: " + cmd + ".\n" + handled);
-    EXPECT_EQ(g_retryTimeout, 42);
-    // Called on its own with a field of exactly 2,048 unterminated bytes.
-    g_retryTimeout = 0;
-    EXPECT_EQ(runDbgCmd(tavelTestBlock(cmd).get()), handled);
-    EXPECT_EQ(g_retryTimeout, 42);
-}
-
-class SignalTest : public ::testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        tavelTestCleanRoot();
-        memcpy(savedTimezone_, g_timezone, sizeof(g_timezone));
-    }
-    void TearDown() override { memcpy(g_timezone, savedTimezone_, sizeof(g_timezone)); }
-
-    char savedTimezone_[sizeof(g_timezone)] = {};
-};
-
-TEST_F(SignalTest, NtpValueIsBoundedByPayloadTerminatorAndField)
+TEST_F(SignalTest, PayloadsAreReadWithinTheirBytesAndSendingNeedsABus)
 {
     memset(g_timezone, 'z', sizeof(g_timezone) - 1);
-    const std::pair<std::string, std::string> cases[] = {
+    const std::pair<std::string, std::string> ntp[] = {
         {"Europe/Ber", "Europe/Ber"}, // unterminated: read within its bytes only
         {"CET\0xy"s, "CET"},
         {std::string(60, 'A'), std::string(49, 'A')},
     };
-    for (const auto &[payload, value] : cases) {
+    for (const auto &[payload, value] : ntp) {
         tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, tavelTestBlock(payload).get(),
                                             static_cast<uint32_t>(payload.size()));
         EXPECT_EQ(std::string(g_timezone, sizeof(g_timezone)),
                   value + std::string(sizeof(g_timezone) - value.size(), '\0'));
     }
-    EXPECT_NE(tavelTestLog().find(
-                  "notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is " +
-                  std::string(49, 'A') + ".\n"),
-              std::string::npos)
-        << tavelTestLog();
+    const std::string received =
+        "notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is ";
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), received + std::string(49, 'A') + ".\n"), 1) << tavelTestLog();
 
     tavel_handleNTPTimeZoneUpdateSignal(nullptr, nullptr, nullptr, 0);
     EXPECT_EQ(std::string(g_timezone), std::string(49, 'A'));
     EXPECT_TRUE(tavelTestLogHas("error", "signal ignored: payload of 0 bytes, 1 needed")) << tavelTestLog();
-}
 
-// One log line for each message; the data a header announces is never read.
-TEST_F(SignalTest, SyncMessages)
-{
-    tavel_processSyncMgrSignal(nullptr, nullptr, nullptr, 0);
-    EXPECT_TRUE(tavelTestLogHas("debug", "msg is NULL")) << tavelTestLog();
-
-    auto header = [](int32_t type, int32_t len) {
-        const int32_t fields[2] = {type, len};
-        return std::string(reinterpret_cast<const char *>(fields), sizeof(fields));
-    };
-    const struct {
-        std::string payload;
-        const char *level, *line;
-    } cases[] = {
-        {std::string(3, '\0'), "error", "signal ignored: payload of 3 bytes, 8 needed"},
-        {std::string(7, '\0'), "error", "signal ignored: payload of 7 bytes, 8 needed"},
-        {header(1, 0), "notice", "type = 1, len = 0"},
-        {header(1, 5), "notice", "Received ACS Connection Status"},
-        {header(7, 2), "debug", "unknown type 7"},
-    };
-    for (const auto &c : cases) {
-        tavelTestCleanRoot();
-        tavel_processSyncMgrSignal(nullptr, nullptr, tavelTestBlock(c.payload).get(),
-                                   static_cast<uint32_t>(c.payload.size()));
-        EXPECT_TRUE(tavelTestLogHas(c.level, c.line)) << tavelTestLog();
-        EXPECT_EQ(tavelTestCount(tavelTestLog(), "\n"), 1) << tavelTestLog();
-    }
-}
-
-TEST_F(SignalTest, BootstrapNeedsFourBytes)
-{
-    for (size_t n : {0, 3}) {
-        tavelTestCleanRoot();
-        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, n > 0 ? tavelTestBlock("abc").get() : nullptr,
-                                        static_cast<uint32_t>(n));
-        EXPECT_TRUE(tavelTestLogHas("notice", "tavel_TR69BootStrapStatusSignal Entered ... "))
-            << tavelTestLog();
-        EXPECT_TRUE(
-            tavelTestLogHas("error", "signal ignored: payload of " + std::to_string(n) + " bytes, 4 needed"))
-            << tavelTestLog();
-    }
-}
-
-// Bootstrap statuses 1, 0 and -7 run end to end in test_flow.py.
-TEST_F(SignalTest, SendingWithoutABusFails)
-{
+    // Bootstrap statuses 1, 0 and -7 run end to end in test_flow.py.
     // Never the host's bus: point the layer at a socket that does not exist.
     setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + tavelTestPath("/no-bus")).c_str(), 1);
     const char data[3] = {'a', 'b', 'c'};
@@ -207,6 +147,41 @@ TEST_F(SignalTest, SendingWithoutABusFails)
     tavelTestCleanRoot();
     EXPECT_EQ(tavel_updateAcsStatus(1, data, UINT32_MAX - 4), -1);
     EXPECT_EQ(tavelTestLog(), "");
+
+    // One log line for each message; the data a header announces is never read.
+    tavel_processSyncMgrSignal(nullptr, nullptr, nullptr, 0);
+    EXPECT_TRUE(tavelTestLogHas("debug", "msg is NULL")) << tavelTestLog();
+
+    auto header = [](int32_t type, int32_t len) {
+        const int32_t fields[2] = {type, len};
+        return std::string(reinterpret_cast<const char *>(fields), sizeof(fields));
+    };
+    const struct {
+        std::string payload;
+        const char *level, *line;
+    } sync[] = {
+        {std::string(3, '\0'), "error", "signal ignored: payload of 3 bytes, 8 needed"},
+        {std::string(7, '\0'), "error", "signal ignored: payload of 7 bytes, 8 needed"},
+        {header(1, 0), "notice", "type = 1, len = 0"},
+        {header(1, 5), "notice", "Received ACS Connection Status"},
+        {header(7, 2), "debug", "unknown type 7"},
+    };
+    for (const auto &c : sync) {
+        tavelTestCleanRoot();
+        tavel_processSyncMgrSignal(nullptr, nullptr, tavelTestBlock(c.payload).get(),
+                                   static_cast<uint32_t>(c.payload.size()));
+        EXPECT_TRUE(tavelTestLogHas(c.level, c.line)) << tavelTestLog();
+        EXPECT_EQ(tavelTestCount(tavelTestLog(), "\n"), 1) << tavelTestLog();
+    }
+
+    for (size_t n : {0, 3}) {
+        tavelTestCleanRoot();
+        tavel_TR69BootstrapStatusSignal(nullptr, nullptr, n > 0 ? tavelTestBlock("abc").get() : nullptr,
+                                        static_cast<uint32_t>(n));
+        EXPECT_TRUE(tavelTestLogHas("notice", "tavel_TR69BootStrapStatusSignal Entered ... "));
+        EXPECT_TRUE(
+            tavelTestLogHas("error", "signal ignored: payload of " + std::to_string(n) + " bytes, 4 needed"));
+    }
 }
 
 } // namespace

@@ -8,21 +8,12 @@ const std::string kMapping = "1,GMT,London,\"GMT0BST,M3.5.0/1,M10.5.0\",\"Europe
                              "3,CET,Paris,\"SECOND\",\"Europe/Paris-second\"\n"
                              "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n";
 
-void parseHeader(const std::string &header)
-{
-    handle_timezoneHeader(tavelTestBlock(header).get(), header.size());
-}
-
-void setReceivedZone(const char *code, const char *city)
+/* Runs the lookup for the received code and city; returns the selected line, or "<none>". */
+std::string lookup(const char *code = "CET", const char *city = "Paris", int size = 500)
 {
     memset(&g_timezoneData, 0, sizeof(g_timezoneData));
     tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, 49);
     tavel_copyText(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city, 49);
-}
-
-/* Runs the lookup; returns the selected line, or "<none>" on failure. */
-std::string lookup(int size = 500)
-{
     std::unique_ptr<char[]> line(new char[static_cast<size_t>(size)]());
     if (gettimezonecmd(line.get(), size) != 0) {
         return "<none>";
@@ -40,11 +31,15 @@ protected:
         memset(&g_timezoneData, 0, sizeof(g_timezoneData));
         tavel_resetTimezoneHeaderState();
     }
+    static void parseHeader(const std::string &h)
+    {
+        handle_timezoneHeader(tavelTestBlock(h).get(), h.size());
+    }
 };
 
 } // namespace
 
-TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparatorsAndErrorHeader)
+TEST_F(TimezoneTest, ZoneAndErrorHeadersMalformedValuesAndTheTextHelpers)
 {
     const struct {
         const char *id, *continentCity, *city;
@@ -52,8 +47,7 @@ TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparatorsAndErrorHeader)
         {"Europe\\/Paris", "Europe/Paris", "Paris"},
         {"Europe/Paris", "Europe/Paris", "Paris"},
         {"America\\/Indiana\\/Knox", "America/Indiana/Knox", "Knox"},
-        /* The 31-character limit counts the identifier as received, escapes
-         * included: this one is 32 characters long. */
+        /* 32 characters as received: the 31-character limit counts escapes. */
         {"America\\/Argentina\\/Buenos_Aires", "America/Argentina/Buenos_Aire", "Buenos_Aire"},
         {"America/Argentina/Buenos_Aires", "America/Argentina/Buenos_Aires", "Buenos_Aires"},
         {"A\\/B\\/C\\/D", "A/B/C/D", "C\\/D"},
@@ -86,14 +80,11 @@ TEST_F(TimezoneTest, ZoneHeaderWithEscapedOrPlainSeparatorsAndErrorHeader)
     EXPECT_STREQ(g_timezoneData.errorcode, "100");
     parseHeader("timezone: 101");
     EXPECT_STREQ(g_timezoneData.errorcode, "101");
-}
 
-TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
-{
     const std::string big(100 * 1024, 'C');
     const struct {
         std::string header, timezone, cityname, errorcode;
-    } cases[] = {
+    } malformed[] = {
         {"timezone:", "", "", ""},
         {":::", "", "", ""},
         {"tz: 100", "", "", ""},
@@ -115,7 +106,7 @@ TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
          "00"s,
          "", "", "1"},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : malformed) {
         const std::string shown = c.header.substr(0, 80);
         parseHeader(c.header);
         for (const char *field :
@@ -126,10 +117,7 @@ TEST_F(TimezoneTest, MalformedValuesLeaveFieldsEmpty)
         EXPECT_EQ(g_timezoneData.cityname, c.cityname) << shown;
         EXPECT_EQ(g_timezoneData.errorcode, c.errorcode) << shown;
     }
-}
 
-TEST(TimezoneText, RemovesBackslashesAndSplitsMappingLinesQuoteAware)
-{
     const std::pair<const char *, const char *> texts[] = {{"Europe/Paris", "Europe/Paris"},
                                                            {"Europe\\/Paris", "Europe/Paris"},
                                                            {"a\\\\b", "a\\b"},
@@ -163,45 +151,35 @@ TEST(TimezoneText, RemovesBackslashesAndSplitsMappingLinesQuoteAware)
     }
 }
 
-TEST_F(TimezoneTest, LookupSelectsFirstLineWithCodeAndCity)
+TEST_F(TimezoneTest, LookupSelectsTheFirstWholeLineWithCodeAndCityOfAUsableFile)
 {
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, kMapping);
-    setReceivedZone("CET", "Paris");
     EXPECT_EQ(lookup(), kParisLine);
     EXPECT_TRUE(tavelTestLogHas(
         "notice", " buf value is cat /usr/configs/timezonemapping.csv | grep '\\CET' | grep Paris"));
 
-    setReceivedZone("ART", "Buenos_Aires");
-    EXPECT_EQ(lookup(), "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n");
-    setReceivedZone("GMT", "Paris");
-    EXPECT_EQ(lookup(), "<none>") << "the code and the city must be on the same line";
-    setReceivedZone("CET", "");
-    EXPECT_EQ(lookup(), "<none>") << "nothing received selects nothing";
+    EXPECT_EQ(lookup("ART", "Buenos_Aires"),
+              "4,ART,Buenos_Aires,\"<-03>3\",\"America/Argentina/Buenos_Aires\"\n");
+    EXPECT_EQ(lookup("GMT"), "<none>") << "the code and the city must be on the same line";
+    EXPECT_EQ(lookup("CET", ""), "<none>") << "nothing received selects nothing";
 
-    setReceivedZone("CET", "Paris");
-    EXPECT_EQ(lookup(16), kParisLine.substr(0, 15)) << "bounded by the caller's buffer";
+    EXPECT_EQ(lookup("CET", "Paris", 16), kParisLine.substr(0, 15)) << "bounded by the caller's buffer";
     EXPECT_EQ(tavelTestReadFile("/var/log/history.log"), "") << "lookups record no history";
-}
 
-TEST_F(TimezoneTest, LookupWithoutUsableFile)
-{
-    setReceivedZone("CET", "Paris");
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, "");
     EXPECT_EQ(lookup(), "<none>");
     EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
 
     /* What could hang the agent or feed it without end fails the lookup with
-     * one line that says why, and the agent goes on (which files are refused
-     * is tavel_openRegular's, test_util.cpp). */
+     * one line that says why (which files: tavel_openRegular, test_util.cpp). */
     const std::string path = tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE);
     const struct {
-        const char *what;
+        const char *what, *why;
         void (*make)(const std::string &);
-        const char *why;
     } refused[] = {
-        {"FIFO", [](const std::string &p) { ASSERT_EQ(mkfifo(p.c_str(), 0600), 0); }, "not a regular file"},
-        {"over 1 MiB", [](const std::string &p) { std::ofstream(p) << std::string((1 << 20) + 1, '\n'); },
-         "over 1 MiB"},
+        {"FIFO", "not a regular file", [](const std::string &p) { ASSERT_EQ(mkfifo(p.c_str(), 0600), 0); }},
+        {"over 1 MiB", "over 1 MiB",
+         [](const std::string &p) { std::ofstream(p) << std::string((1 << 20) + 1, '\n'); }},
     };
     for (const auto &c : refused) {
         std::filesystem::remove_all(path);
@@ -213,11 +191,7 @@ TEST_F(TimezoneTest, LookupWithoutUsableFile)
             "error", std::string("timezone mapping file " TAVEL_TIMEZONE_MAPPING_FILE " refused: ") + c.why))
             << c.what;
     }
-}
 
-TEST_F(TimezoneTest, LookupSkipsOverlongAndBinaryLinesAndFailsOnAnIncompleteOne)
-{
-    setReceivedZone("CET", "Paris");
     const std::string longLine = "9,CET,Paris,\"LONG\",\"" + std::string(10000, 'x') + "\"\n";
     const std::string nulLine = "8,CET,Paris,\"NUL\0\",\"Europe/Paris\"\n"s;
     tavelTestWriteFile(TAVEL_TIMEZONE_MAPPING_FILE, longLine + nulLine + kParisLine);
