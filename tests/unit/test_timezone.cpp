@@ -64,6 +64,9 @@ TEST_F(TimezoneTest, ZoneAndErrorHeadersMalformedValuesAndTheTextHelpers)
     }
     EXPECT_TRUE(tavelTestLogHas("notice", "g_continent_city is =  A/B/C/D/E"));
     EXPECT_TRUE(tavelTestLogHas("notice", " g_timezoneData.cityname value is C/D/E"));
+    for (const char *trace : {"fourth token is A", "fifth token is B", "sixth token is C/D/E"}) {
+        EXPECT_TRUE(tavelTestLogHas("notice", trace)) << trace;
+    }
     // An error clears the zone but keeps the code received before.
     for (const char *header : {"timezone: 100", "timezone:100", "timezone:   100\r\n"}) {
         parseHeader(header);
@@ -191,6 +194,14 @@ TEST_F(TimezoneTest, LookupSelectsTheFirstWholeLineWithCodeAndCityOfAUsableFile)
             "error", std::string("timezone mapping file " TAVEL_TIMEZONE_MAPPING_FILE " refused: ") + c.why))
             << c.what;
     }
+    // A regular file whose read fails (a process's memory at address 0).
+    std::filesystem::remove_all(path);
+    std::filesystem::create_symlink("/proc/self/mem", path);
+    int failed = tavelTestCount(tavelTestLog(), "Applying timezoneconfig failed");
+    EXPECT_EQ(lookup(), "<none>");
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "Applying timezoneconfig failed"), failed + 1);
+    EXPECT_TRUE(tavelTestLogHas("error", "fgets error "));
+    std::filesystem::remove(path);
 
     const std::string longLine = "9,CET,Paris,\"LONG\",\"" + std::string(10000, 'x') + "\"\n";
     const std::string nulLine = "8,CET,Paris,\"NUL\0\",\"Europe/Paris\"\n"s;
