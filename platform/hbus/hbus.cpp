@@ -25,6 +25,7 @@
 #include <mutex>
 #include <vector>
 
+#include "dbus_guards.h"
 #include "hbus.h"
 #include "platform_log.h"
 
@@ -44,24 +45,8 @@ struct hbusMessage {
 namespace
 {
 
-struct MessageUnref {
-    void operator()(DBusMessage *m) const { dbus_message_unref(m); }
-};
-using MessagePtr = std::unique_ptr<DBusMessage, MessageUnref>;
-
-class ErrorGuard
-{
-public:
-    ErrorGuard() { dbus_error_init(&err_); }
-    ~ErrorGuard() { dbus_error_free(&err_); }
-    ErrorGuard(const ErrorGuard &) = delete;
-    ErrorGuard &operator=(const ErrorGuard &) = delete;
-    DBusError *get() { return &err_; }
-    const char *text() const { return dbus_error_is_set(&err_) ? err_.message : "unknown error"; }
-
-private:
-    DBusError err_;
-};
+using tavel::platform::ErrorGuard;
+using tavel::platform::MessagePtr;
 
 // The connection and the wake-up descriptor live as long as the process.
 // They are deliberately never closed: exit() may come from any thread while
@@ -107,7 +92,7 @@ DBusConnection *connection()
     ErrorGuard err;
     DBusConnection *conn = dbus_bus_get_private(DBUS_BUS_SYSTEM, err.get());
     if (conn == nullptr) {
-        log_log(LOG_ERR, __func__, __LINE__, "hbus: cannot connect to the system bus: %s\n", err.text());
+        log_log(LOG_ERR, __func__, __LINE__, "hbus: cannot connect to the system bus: %s\n", err.message());
         close(fd);
         return nullptr;
     }
@@ -239,7 +224,7 @@ int hbusOwnName(const char *name)
         return 0;
     }
     if (rc == -1) {
-        log_log(LOG_ERR, __func__, __LINE__, "hbus: requesting %s failed: %s\n", name, err.text());
+        log_log(LOG_ERR, __func__, __LINE__, "hbus: requesting %s failed: %s\n", name, err.message());
     } else {
         log_log(LOG_ERR, __func__, __LINE__, "hbus: %s is owned by another connection\n", name);
     }
@@ -255,7 +240,8 @@ int hbusRegisterService(hbusService *svc)
     ErrorGuard err;
     if (!dbus_connection_try_register_object_path(conn, HBUS_OBJECT_PATH, &kObjectVTable, nullptr,
                                                   err.get())) {
-        log_log(LOG_ERR, __func__, __LINE__, "hbus: cannot register %s: %s\n", HBUS_OBJECT_PATH, err.text());
+        log_log(LOG_ERR, __func__, __LINE__, "hbus: cannot register %s: %s\n", HBUS_OBJECT_PATH,
+                err.message());
         return -1;
     }
     g_service = svc;
@@ -276,7 +262,7 @@ int hbusAddInterestedSignal(const char *matchRule)
     ErrorGuard err;
     dbus_bus_add_match(conn, matchRule, err.get());
     if (dbus_error_is_set(err.get())) {
-        log_log(LOG_ERR, __func__, __LINE__, "hbus: add match \"%s\" failed: %s\n", matchRule, err.text());
+        log_log(LOG_ERR, __func__, __LINE__, "hbus: add match \"%s\" failed: %s\n", matchRule, err.message());
         return -1;
     }
     return 0;
@@ -291,7 +277,8 @@ int hbusRemoveMatch(const char *matchRule)
     ErrorGuard err;
     dbus_bus_remove_match(conn, matchRule, err.get());
     if (dbus_error_is_set(err.get())) {
-        log_log(LOG_ERR, __func__, __LINE__, "hbus: remove match \"%s\" failed: %s\n", matchRule, err.text());
+        log_log(LOG_ERR, __func__, __LINE__, "hbus: remove match \"%s\" failed: %s\n", matchRule,
+                err.message());
         return -1;
     }
     return 0;

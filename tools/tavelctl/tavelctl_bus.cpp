@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "dbus_guards.h"
 #include "tavel_bus.h"
 #include "tavelctl.h"
 
@@ -37,26 +38,8 @@ struct ConnectionClose {
 };
 using ConnectionPtr = std::unique_ptr<DBusConnection, ConnectionClose>;
 
-struct MessageUnref {
-    void operator()(DBusMessage *m) const { dbus_message_unref(m); }
-};
-using MessagePtr = std::unique_ptr<DBusMessage, MessageUnref>;
-
-class ErrorGuard
-{
-public:
-    ErrorGuard() { dbus_error_init(&err_); }
-    ~ErrorGuard() { dbus_error_free(&err_); }
-    ErrorGuard(const ErrorGuard &) = delete;
-    ErrorGuard &operator=(const ErrorGuard &) = delete;
-    DBusError *get() { return &err_; }
-    bool isSet() const { return dbus_error_is_set(&err_); }
-    const char *name() const { return isSet() ? err_.name : "error"; }
-    const char *message() const { return isSet() ? err_.message : "unknown error"; }
-
-private:
-    DBusError err_;
-};
+using tavel::platform::ErrorGuard;
+using tavel::platform::MessagePtr;
 
 // Every failure is one line on stderr and exit status 1.
 int fail(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
