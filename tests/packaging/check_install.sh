@@ -150,18 +150,21 @@ if command -v dpkg-deb >/dev/null; then
         fail "cpack -G DEB: $(tail -5 "$tmp/cpack.log")"
     deb=$(find "$tmp/deb" -maxdepth 1 -name '*.deb' | head -n 1)
     if [ -n "$deb" ]; then
+        # Each listing read whole first: grep -q ending a pipe early would
+        # fail its writer with SIGPIPE, and pipefail with it, at random.
+        contents=$(dpkg-deb -c "$deb" | awk '{print $6}')
         for f in ./usr/sbin/tavelAgent ./usr/bin/tavelctl ./usr/lib/systemd/system/tavelagent.service \
             ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf; do
-            dpkg-deb -c "$deb" | awk '{print $6}' | grep -qx "$f" || fail "package lacks $f"
+            grep -qx "$f" <<<"$contents" || fail "package lacks $f"
         done
         depends=$(dpkg-deb -f "$deb" Depends)
         for p in libcurl4 libdbus-1-3 iptables; do
-            echo "$depends" | grep -Eq "(^|, )$p( |,|$)" || fail "package does not depend on $p: $depends"
+            grep -Eq "(^|, )$p( |,|$)" <<<"$depends" || fail "package does not depend on $p: $depends"
         done
-        dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/lib/systemd/system/tavelagent.service |
-            grep -qx 'ExecStart=/usr/sbin/tavelAgent' || fail "packaged unit does not start /usr/sbin/tavelAgent"
-        dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles | grep -qx /etc/init.d/tavelagent ||
-            fail "the init script is not a conffile"
+        unit_text=$(dpkg-deb --fsys-tarfile "$deb" | tar -xO ./usr/lib/systemd/system/tavelagent.service)
+        grep -qx 'ExecStart=/usr/sbin/tavelAgent' <<<"$unit_text" || fail "packaged unit does not start /usr/sbin/tavelAgent"
+        conffiles=$(dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles)
+        grep -qx /etc/init.d/tavelagent <<<"$conffiles" || fail "the init script is not a conffile"
         # The packaged (stripped) binaries keep the build's hardening.
         if grep -q '^TAVEL_HARDEN:BOOL=ON$' "$build/CMakeCache.txt" &&
             grep -q '^TAVEL_SANITIZE:STRING=$' "$build/CMakeCache.txt" &&
