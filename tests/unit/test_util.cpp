@@ -121,15 +121,24 @@ TEST(AgentLock, NestsExcludesAndIgnoresAStrayUnlock)
     EXPECT_EQ(tavel_agentLockRelease(), 0);
 }
 
+const char kRulesRemoved[] =
+    "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n"
+    "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n";
+
+// A recording iptables first in PATH (into /fw.log); returns that PATH.
+static std::string recordingIptables()
+{
+    tavelTestWriteFile("/bin/iptables", "#!/bin/sh\necho \"$*\" >>" + tavelTestPath("/fw.log") + "\n");
+    chmod(tavelTestPath("/bin/iptables").c_str(), 0755);
+    return tavelTestPath("/bin") + ":" + getenv("PATH");
+}
+
 // The exit removes the firewall rules, then waits for a transfer still in
 // flight however long it takes (looking for a stop each second), and exits 0.
 TEST(Exit, RemovesTheRulesAndWaitsForTheTransferInFlight)
 {
     tavelTestCleanRoot();
-    const std::string log = tavelTestPath("/fw.log");
-    tavelTestWriteFile("/bin/iptables", "#!/bin/sh\necho \"$*\" >>" + log + "\n");
-    chmod(tavelTestPath("/bin/iptables").c_str(), 0755);
-    const std::string path = tavelTestPath("/bin") + ":" + getenv("PATH");
+    const std::string path = recordingIptables();
     EXPECT_EXIT(
         {
             alarm(10); // a wait that never ends fails instead of hanging
@@ -144,7 +153,32 @@ TEST(Exit, RemovesTheRulesAndWaitsForTheTransferInFlight)
         },
         ::testing::ExitedWithCode(0), "");
     EXPECT_TRUE(tavelTestExists("/ended")) << "exited before the transfer ended";
-    EXPECT_EQ(tavelTestReadFile("/fw.log"),
-              "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n"
-              "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n");
+    EXPECT_EQ(tavelTestReadFile("/fw.log"), kRulesRemoved);
+}
+
+// A stop gives a transfer that never ends 10 s, then removes the rules and
+// exits 0 all the same.
+TEST(Exit, AStopWaitsTenSecondsAtMostForATransfer)
+{
+    tavelTestCleanRoot();
+    const std::string path = recordingIptables();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EXIT(
+        {
+            alarm(20);
+            setenv("PATH", path.c_str(), 1);
+            initTimerSig();
+            tavel_transferBegin();
+            kill(getpid(), SIGTERM);
+            for (;;) {
+                pause();
+            }
+        },
+        ::testing::ExitedWithCode(0), "");
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(seconds, 10.0);
+    EXPECT_LT(seconds, 10.9);
+    EXPECT_TRUE(tavelTestLogHas("error", "1 transfer(s) still in flight; exiting regardless"));
+    EXPECT_TRUE(tavelTestLogHas("error", "stopped by signal 15 !!!!"));
+    EXPECT_EQ(tavelTestReadFile("/fw.log"), kRulesRemoved);
 }
