@@ -1,10 +1,8 @@
 /* LD_PRELOAD shim that moves the wall clock of one program, not of its
- * libraries: TAVEL_CLOCK_SHIFT_FILE=FILE holds a number of seconds (may be
- * negative) added to the realtime clock as the program's own code reads it.
- * The file is read again on every read of the clock, so a test can set the
- * clock while the program runs, as NTP would; a missing file adds nothing.
- * Libraries keep the real clock, so OpenSSL still checks certificates against
- * today while the agent believes it is 1970, 2038 or 2040.
+ * libraries (so certificates are still checked against today):
+ * TAVEL_CLOCK_SHIFT_FILE=FILE holds seconds (may be negative) added to the
+ * realtime clock as the program's own code reads it, read again on every
+ * read so a test can set the clock as NTP would; a missing file adds nothing.
  *
  * On a 32-bit target the program calls the 64-bit entry points
  * (__clock_gettime64, __time64, __gettimeofday64) when built with a 64-bit

@@ -1,7 +1,6 @@
 #include "test_env.h"
 
-// The file operations that replaced shell commands: the same effects on the
-// device's files as mkdir -p, touch, rm, rm -rf and "> file".
+// The same effects as mkdir -p, touch, rm, rm -rf and "> file".
 TEST(DeviceFiles, HaveTheShellCommandsEffects)
 {
     tavelTestCleanRoot();
@@ -96,8 +95,7 @@ TEST(Spawn, PassesArgumentsVerbatimWithSignalsUnblocked)
     EXPECT_EQ(tavel_spawn(missing), -1);
 }
 
-// The agent lock nests per thread and keeps other threads out until the
-// outermost unlock or a release; an unlock it does not hold must not
+// The lock nests per thread and keeps others out; a stray unlock must not
 // unbalance the next lock.
 TEST(AgentLock, NestsExcludesAndIgnoresAStrayUnlock)
 {
@@ -121,28 +119,20 @@ TEST(AgentLock, NestsExcludesAndIgnoresAStrayUnlock)
     EXPECT_EQ(tavel_agentLockRelease(), 0);
 }
 
-const char kRulesRemoved[] =
-    "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n"
-    "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n";
-
-// A recording iptables first in PATH (into /fw.log); returns that PATH.
-static std::string recordingIptables()
-{
-    tavelTestWriteFile("/bin/iptables", "#!/bin/sh\necho \"$*\" >>" + tavelTestPath("/fw.log") + "\n");
-    chmod(tavelTestPath("/bin/iptables").c_str(), 0755);
-    return tavelTestPath("/bin") + ":" + getenv("PATH");
-}
-
-// The exit removes the firewall rules, then waits for a transfer still in
-// flight however long it takes (looking for a stop each second), and exits 0.
-TEST(Exit, RemovesTheRulesAndWaitsForTheTransferInFlight)
+// The exit removes the rules and ends with 0, after a transfer in flight:
+// waited out when done (a stop looked for each second), 10 s at most on a stop.
+TEST(Exit, WaitsOutATransferWhenDoneAndTenSecondsAtMostWhenStopped)
 {
     tavelTestCleanRoot();
-    const std::string path = recordingIptables();
+    tavelTestWriteFile("/bin/iptables", "#!/bin/sh\necho \"$*\" >>" + tavelTestPath("/fw.log") + "\n");
+    chmod(tavelTestPath("/bin/iptables").c_str(), 0755);
+    setenv("PATH", (tavelTestPath("/bin") + ":" + getenv("PATH")).c_str(), 1);
+    const std::string removed =
+        "-D INPUT_FW_LEVEL -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n"
+        "-D INPUT_WAN_REMOTE_ACCESS -p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT\n";
     EXPECT_EXIT(
         {
             alarm(10); // a wait that never ends fails instead of hanging
-            setenv("PATH", path.c_str(), 1);
             tavel_transferBegin();
             std::thread([] {
                 std::this_thread::sleep_for(std::chrono::milliseconds(2500));
@@ -153,22 +143,15 @@ TEST(Exit, RemovesTheRulesAndWaitsForTheTransferInFlight)
         },
         ::testing::ExitedWithCode(0), "");
     EXPECT_TRUE(tavelTestExists("/ended")) << "exited before the transfer ended";
-    EXPECT_EQ(tavelTestReadFile("/fw.log"), kRulesRemoved);
-}
+    EXPECT_EQ(tavelTestReadFile("/fw.log"), removed);
 
-// A stop gives a transfer that never ends 10 s, then removes the rules and
-// exits 0 all the same.
-TEST(Exit, AStopWaitsTenSecondsAtMostForATransfer)
-{
-    tavelTestCleanRoot();
-    const std::string path = recordingIptables();
+    tavel_remove("/fw.log", false);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EXIT(
         {
             alarm(20);
-            setenv("PATH", path.c_str(), 1);
             initTimerSig();
-            tavel_transferBegin();
+            tavel_transferBegin(); // never ends
             kill(getpid(), SIGTERM);
             for (;;) {
                 pause();
@@ -180,5 +163,5 @@ TEST(Exit, AStopWaitsTenSecondsAtMostForATransfer)
     EXPECT_LT(seconds, 10.9);
     EXPECT_TRUE(tavelTestLogHas("error", "1 transfer(s) still in flight; exiting regardless"));
     EXPECT_TRUE(tavelTestLogHas("error", "stopped by signal 15 !!!!"));
-    EXPECT_EQ(tavelTestReadFile("/fw.log"), kRulesRemoved);
+    EXPECT_EQ(tavelTestReadFile("/fw.log"), removed);
 }
