@@ -1,13 +1,8 @@
-// One function per input surface of the agent.  The fuzz targets call them
-// with every generated input, and the unit tests replay the kept findings of
-// fuzz/regressions through the same functions in the ordinary sanitizer
-// build.  Each returns false when an input breaks a rule the code promises;
-// reads past an input's bytes are left to the address sanitizer, which is
-// why every input sits in a heap block of exactly its size.
-//
-// Paths are taken from the agent's root at the time of the call, so the
-// caller decides where the device lives (the fuzzers' private directory, the
-// unit tests' temporary root).
+// One function per input surface of the agent, called by the fuzz targets and
+// by the unit tests' replay of fuzz/regressions.  Each returns false when an
+// input breaks a rule the code promises; reads past an input's bytes are left
+// to the address sanitizer, hence heap blocks of exactly the input's size.
+// Paths follow the agent's root at the call (fuzzer's or unit tests' own).
 #ifndef TAVEL_FUZZ_INPUTS_H
 #define TAVEL_FUZZ_INPUTS_H
 
