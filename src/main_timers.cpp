@@ -87,14 +87,15 @@ void createTimer(timer_t *handle)
 } // namespace
 
 // No code seen yet; the long back-off waits about a day.
+constexpr int32_t kRetryTimeoutStart = 86400;
 int32_t g_lastErrorCode = TAVEL_RC_NO_RESPONSE_CODE;
-int32_t g_retryTimeout = 86400;
+int32_t g_retryTimeout = kRetryTimeoutStart;
 
 void tavel_resetRetryState(void)
 {
     g_tavelCtrl.retryCount = 0;
     g_lastErrorCode = TAVEL_RC_NO_RESPONSE_CODE;
-    g_retryTimeout = 86400;
+    g_retryTimeout = kRetryTimeoutStart;
 }
 
 void tavel_blockAgentSignals(void)

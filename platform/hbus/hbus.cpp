@@ -261,7 +261,7 @@ int hbusAddInterestedSignal(const char *matchRule)
     }
     ErrorGuard err;
     dbus_bus_add_match(conn, matchRule, err.get());
-    if (dbus_error_is_set(err.get())) {
+    if (err.isSet()) {
         log_log(LOG_ERR, __func__, __LINE__, "hbus: add match \"%s\" failed: %s\n", matchRule, err.message());
         return -1;
     }
@@ -276,7 +276,7 @@ int hbusRemoveMatch(const char *matchRule)
     }
     ErrorGuard err;
     dbus_bus_remove_match(conn, matchRule, err.get());
-    if (dbus_error_is_set(err.get())) {
+    if (err.isSet()) {
         log_log(LOG_ERR, __func__, __LINE__, "hbus: remove match \"%s\" failed: %s\n", matchRule,
                 err.message());
         return -1;
