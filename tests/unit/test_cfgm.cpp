@@ -15,7 +15,7 @@ void writeStore(const Params &params, const Params &more = {})
             text += p.first + "=" + tavel::dml::encodeValue(p.second) + "\n";
         }
     }
-    tavelTestWriteFile("/flash/dml/datamodel.conf", text);
+    tavelTestWriteFile(kTavelTestStore, text);
 }
 
 std::string stored(const char *name)

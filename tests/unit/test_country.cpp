@@ -3,8 +3,6 @@
 namespace
 {
 
-const std::string kDataModel = "/flash/dml/datamodel.conf";
-
 /* A supported-country list as the platform hands it over, in place while it lives. */
 struct CountryList {
     explicit CountryList(const std::vector<std::vector<std::string>> &codes)
@@ -32,7 +30,7 @@ protected:
         savedList_ = g_supportedCountryList;
         savedTimer_ = g_tavelCtrl.ccApplyTimer;
         tavel_resetCountryState();
-        tavelTestWriteFile(kDataModel, "");
+        tavelTestWriteFile(kTavelTestStore, "");
         std::filesystem::create_directories(tavelTestPath("/configs"));
     }
     void TearDown() override
@@ -99,17 +97,17 @@ TEST_F(CountryTest, ValidatesAppliesOrParksTheCodeAndReadsAndWritesTheFiles)
     update_country_code("ABC");
     EXPECT_EQ(tavelTestReadFile(TAVEL_CC_CONFIGURED_BY), std::string("TAVEL,AB\0\0", 10));
 
-    tavelTestWriteFile(kDataModel, "Fault.dml_setCountryID=1\n");
+    tavelTestWriteFile(kTavelTestStore, "Fault.dml_setCountryID=1\n");
     update_country_code("US");
     EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
     EXPECT_TRUE(tavelTestLogHas("error", "dml_setCountryCode failed"));
 
-    tavelTestWriteFile(kDataModel, "");
+    tavelTestWriteFile(kTavelTestStore, "");
     std::filesystem::remove_all(tavelTestPath("/configs"));
     update_country_code("US");
     EXPECT_FALSE(tavelTestExists(TAVEL_CC_CONFIGURED_BY));
     EXPECT_FALSE(tavelTestLogHas("error", "set cc to file failed"));
-    EXPECT_NE(tavelTestReadFile(kDataModel).find("Device.DeviceInfo.X_TAVEL_CountryCode=US\n"),
+    EXPECT_NE(tavelTestReadFile(kTavelTestStore).find("Device.DeviceInfo.X_TAVEL_CountryCode=US\n"),
               std::string::npos);
 
     // Parking runs end to end in test_settings.py; here the timer bound, a shorter code

@@ -21,7 +21,7 @@ protected:
     }
     static std::string dir() { return tavelTestPath("/flash/dml"); }
     static std::string storeFile() { return dir() + "/datamodel.conf"; }
-    static void writeStore(const std::string &text) { tavelTestWriteFile("/flash/dml/datamodel.conf", text); }
+    static void writeStore(const std::string &text) { tavelTestWriteFile(kTavelTestStore, text); }
     static std::string readStore() { return tavelTestSlurp(storeFile()); }
     static struct stat storeStat()
     {
