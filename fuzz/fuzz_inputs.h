@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "dml.h"
+#include "files.h"
 #include "fuzz_common.h"
 #include "main.h"
 #include "reply_fields.h"

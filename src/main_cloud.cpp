@@ -1,4 +1,5 @@
 // Applies the cloud endpoints received from the onboarding server.
+#include "files.h"
 #include "main.h"
 #include "tavel_externalinft.h"
 #include "util.h"

@@ -17,6 +17,7 @@
 #include <memory>
 #include <new>
 
+#include "files.h"
 #include "main.h"
 #include "util.h"
 

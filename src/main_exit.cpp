@@ -25,6 +25,7 @@
 
 #include "cfgm_intf.h"
 #include "main.h"
+#include "process.h"
 #include "reply_fields.h"
 #include "util.h"
 

@@ -2,6 +2,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "files.h"
 #include "main.h"
 #include "reply_fields.h"
 #include "util.h"

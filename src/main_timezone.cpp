@@ -15,6 +15,7 @@
 #include <memory>
 #include <string_view>
 
+#include "files.h"
 #include "main.h"
 #include "platform_log.h"
 #include "tavel_curl.h"

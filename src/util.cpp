@@ -1,23 +1,12 @@
 #include "util.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <ftw.h>
 #include <malloc.h>
 #include <pthread.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <initializer_list>
-
-// Not every C library declares it without _GNU_SOURCE.
-extern char **environ; // NOLINT(readability-redundant-declaration)
 
 void parseTimetoHourMinSec(const char *text, int *hour, int *minute, int *second)
 {
@@ -145,154 +134,6 @@ void tavel_releaseMemory(void)
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif
-}
-
-FdGuard::~FdGuard()
-{
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
-
-int tavel_spawn(const char *const argv[])
-{
-    posix_spawnattr_t attr;
-    if (posix_spawnattr_init(&attr) != 0) {
-        return -1;
-    }
-    // The agent keeps its own signals blocked in every thread; a command must
-    // not inherit that, or a stop of the service could not end it.
-    sigset_t none;
-    sigset_t defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGPIPE}) {
-        sigaddset(&defaults, sig);
-    }
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &defaults);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    pid_t pid = -1;
-    // posix_spawnp takes char *const[] for historical reasons; it does not
-    // write to the strings.
-    int rc = posix_spawnp(&pid, argv[0], nullptr, &attr, const_cast<char *const *>(argv), environ);
-    posix_spawnattr_destroy(&attr);
-    if (rc != 0) {
-        errno = rc;
-        return -1;
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return -1;
-        }
-    }
-    // Where the C library cannot report a failed exec (older glibc, user-mode
-    // emulators), the child exits 127 instead, as POSIX has it.
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 127) {
-        errno = ENOENT;
-        return -1;
-    }
-    return status;
-}
-
-int tavel_makeDirs(const char *devicePath)
-{
-    DevicePath full(devicePath);
-    char path[sizeof(DevicePath)];
-    tavel_copyText(path, sizeof(path), full.c_str(), sizeof(path) - 1);
-    size_t len = strlen(path);
-    // Every prefix ending before a slash, then the whole path.
-    for (size_t i = 1; i <= len; ++i) {
-        if (i < len && path[i] != '/') {
-            continue;
-        }
-        char saved = path[i];
-        path[i] = '\0';
-        if (mkdir(path, 0777) != 0 && errno != EEXIST) {
-            return -1;
-        }
-        path[i] = saved;
-    }
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode) ? 0 : -1;
-}
-
-int tavel_touch(const char *devicePath)
-{
-    int fd =
-        open(DevicePath(devicePath).c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        return -1;
-    }
-    FdGuard guard(fd);
-    return futimens(fd, nullptr);
-}
-
-namespace
-{
-int removeEntry(const char *path, const struct stat * /*st*/, int type, struct FTW * /*ftw*/)
-{
-    return type == FTW_DP ? rmdir(path) : unlink(path);
-}
-} // namespace
-
-int tavel_remove(const char *devicePath, bool recursive)
-{
-    DevicePath path(devicePath);
-    if (unlink(path.c_str()) == 0 || errno == ENOENT) {
-        return 0;
-    }
-    if (!recursive || (errno != EISDIR && errno != EPERM)) {
-        return -1;
-    }
-    // Depth first, never following a link out of the tree.
-    return nftw(path.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS) == 0 ? 0 : -1;
-}
-
-int tavel_writeFile(const char *devicePath, const void *data, size_t size)
-{
-    int fd = open(DevicePath(devicePath).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        return -1;
-    }
-    FdGuard guard(fd);
-    const char *p = static_cast<const char *>(data);
-    while (size > 0) {
-        ssize_t n = write(fd, p, size);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return -1;
-        }
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return 0;
-}
-
-int tavel_openRegular(const char *path, size_t maxSize)
-{
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) {
-        return -1;
-    }
-    struct stat st;
-    int err = 0;
-    if (fstat(fd, &st) != 0) {
-        err = errno;
-    } else if (!S_ISREG(st.st_mode)) {
-        err = EINVAL;
-    } else if (static_cast<unsigned long long>(st.st_size) > maxSize) {
-        err = EFBIG;
-    }
-    if (err != 0) {
-        close(fd);
-        errno = err;
-        return -1;
-    }
-    return fd;
 }
 
 void tavel_copyText(char *dst, size_t dstSize, const char *src, size_t maxChars)

@@ -1,7 +1,7 @@
 /*
  * Small helpers shared by every module of the agent: the log prefix, the
- * device file-system root, the time seam, the agent lock, bounded text
- * copies, external commands and the few file operations on device paths.
+ * device file-system root, the time seam, the agent lock and bounded text
+ * copies.  Commands live in process.h, device files in files.h.
  */
 #ifndef TAVEL_UTIL_H
 #define TAVEL_UTIL_H
@@ -83,56 +83,10 @@ private:
 /* access(path, F_OK) on the prefixed device path: 0 present, -1 absent. */
 int tavel_access(const char *devicePath);
 
-/* ---- external commands and device files (no shell anywhere) ---- */
-
-/* Runs argv[0], found through PATH, with argv (null-terminated) and waits for
- * it.  The child starts with no signal blocked.  Returns its wait status, or
- * -1 when it could not be started (also when it exits 127, the status of an
- * exec that failed where the C library cannot say so otherwise). */
-int tavel_spawn(const char *const argv[]);
-
-/* mkdir -p of a device path: every missing directory created with mode 0777
- * less the umask.  0, or -1 with errno. */
-int tavel_makeDirs(const char *devicePath);
-/* touch of a device path: created empty when absent, times set to now. */
-int tavel_touch(const char *devicePath);
-/* rm of a device path (a missing file is not an error); with recursive, a
- * directory goes too, with everything under it, like rm -rf.  0 or -1. */
-int tavel_remove(const char *devicePath, bool recursive);
-/* Replaces the content of a device path with the bytes given, as a shell's
- * "> file" does: created with mode 0666 less the umask, or emptied.  0/-1. */
-int tavel_writeFile(const char *devicePath, const void *data, size_t size);
-
-/* Opens path read-only without blocking (a FIFO cannot stall the agent) and
- * keeps the descriptor only when it is a regular file of at most maxSize
- * bytes.  Returns the descriptor (close-on-exec), or -1: errno is EINVAL
- * for a file that is not regular and EFBIG for one that is too large. */
-int tavel_openRegular(const char *path, size_t maxSize);
-
-/* Closes a descriptor at the end of a scope. */
-class FdGuard
-{
-public:
-    explicit FdGuard(int fd) : fd_(fd) {}
-    ~FdGuard();
-    FdGuard(const FdGuard &) = delete;
-    FdGuard &operator=(const FdGuard &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 /* Frees malloc'd memory at the end of a scope (std::unique_ptr<T, FreeDeleter>). */
 struct FreeDeleter {
     void operator()(void *p) const { free(p); }
 };
-/* Closes a stdio stream at the end of a scope. */
-struct FileCloser {
-    void operator()(FILE *f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
 /* ---- threads and memory ---- */
 
 /* Starts a thread of the agent with a stack sized to what its steps use:

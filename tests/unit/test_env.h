@@ -33,7 +33,9 @@
 
 #include "cfgm_intf.h"
 #include "dml.h"
+#include "files.h"
 #include "main.h"
+#include "process.h"
 #include "reply_fields.h"
 #include "store.h"
 #include "tavel_curl.h"

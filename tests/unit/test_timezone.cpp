@@ -174,7 +174,7 @@ TEST_F(TimezoneTest, LookupSelectsTheFirstWholeLineWithCodeAndCityOfAUsableFile)
     EXPECT_TRUE(tavelTestLogHas("error", "read eof -content is empty "));
 
     /* What could hang the agent or feed it without end fails the lookup with
-     * one line that says why (which files: tavel_openRegular, test_util.cpp). */
+     * one line that says why (which files: tavel_openRegular, test_files.cpp). */
     const std::string path = tavelTestPath(TAVEL_TIMEZONE_MAPPING_FILE);
     const struct {
         const char *what, *why;

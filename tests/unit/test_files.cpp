@@ -1,0 +1,64 @@
+#include "test_env.h"
+
+// The same effects as mkdir -p, touch, rm, rm -rf and "> file".
+TEST(DeviceFiles, HaveTheShellCommandsEffects)
+{
+    tavelTestCleanRoot();
+    ASSERT_EQ(tavel_makeDirs("/a/b/c"), 0);
+    EXPECT_EQ(tavel_makeDirs("/a/b/c"), 0) << "existing directories are no error";
+    tavelTestWriteFile("/a/file", "x");
+    EXPECT_EQ(tavel_makeDirs("/a/file/d"), -1) << "a file in the way is";
+
+    const std::string marker = tavelTestPath("/a/b/c/marker");
+    ASSERT_EQ(tavel_touch("/a/b/c/marker"), 0);
+    EXPECT_TRUE(tavelTestExists("/a/b/c/marker"));
+    struct timespec old[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, marker.c_str(), old, 0), 0);
+    tavelTestWriteFile("/a/b/c/marker", "kept");
+    ASSERT_EQ(utimensat(AT_FDCWD, marker.c_str(), old, 0), 0);
+    ASSERT_EQ(tavel_touch("/a/b/c/marker"), 0);
+    struct stat st;
+    ASSERT_EQ(stat(marker.c_str(), &st), 0);
+    EXPECT_GT(st.st_mtime, 1000) << "touch renews the time";
+    EXPECT_EQ(tavelTestReadFile("/a/b/c/marker"), "kept") << "and keeps the content";
+
+    ASSERT_EQ(tavel_writeFile("/a/b/c/marker", "US\n", 3), 0);
+    EXPECT_EQ(tavelTestReadFile("/a/b/c/marker"), "US\n");
+
+    EXPECT_EQ(tavel_remove("/a/missing", false), 0) << "a missing file is not an error";
+    EXPECT_EQ(tavel_remove("/a/b", false), -1) << "rm leaves a directory alone";
+    EXPECT_TRUE(tavelTestExists("/a/b/c/marker"));
+    EXPECT_EQ(tavel_remove("/a/b", true), 0);
+    EXPECT_FALSE(tavelTestExists("/a/b"));
+    EXPECT_EQ(tavel_remove("/a/file", false), 0);
+    EXPECT_FALSE(tavelTestExists("/a/file"));
+}
+
+TEST(OpenRegular, RefusesWhatCouldStallOrFloodTheAgent)
+{
+    tavelTestCleanRoot();
+    tavelTestWriteFile("/f", "12345");
+    const std::string dir = tavelTestPath("/d");
+    const std::string fifo = tavelTestPath("/p");
+    ASSERT_EQ(mkdir(dir.c_str(), 0700), 0);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    int fd = tavel_openRegular(tavelTestPath("/f").c_str(), 5);
+    EXPECT_GE(fd, 0);
+    FdGuard guard(fd);
+    const struct {
+        std::string path;
+        size_t max;
+        int err;
+    } cases[] = {
+        {tavelTestPath("/f"), 4, EFBIG},
+        {dir, 1 << 20, EINVAL},
+        {fifo, 1 << 20, EINVAL},
+        {"/dev/zero", 1 << 20, EINVAL},
+        {tavelTestPath("/none"), 1 << 20, ENOENT},
+    };
+    for (const auto &c : cases) {
+        errno = 0;
+        EXPECT_EQ(tavel_openRegular(c.path.c_str(), c.max), -1) << c.path;
+        EXPECT_EQ(errno, c.err) << c.path;
+    }
+}
