@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "main.h"
 #include "util.h"
 
 FdGuard::~FdGuard()
@@ -113,4 +115,31 @@ int tavel_openRegular(const char *path, size_t maxSize)
         return -1;
     }
     return fd;
+}
+
+int tavel_lockFile(int fd, const char *path, int limitMs)
+{
+    int err = 0;
+    int waited = tavel_waitUntil(
+        [&] {
+            if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+                return true;
+            }
+            err = errno == EWOULDBLOCK || errno == EINTR ? 0 : errno;
+            return err != 0;
+        },
+        limitMs);
+    if (waited == 0 && err == 0) {
+        return 0;
+    }
+    if (waited == ECANCELED) {
+        TAVEL_LOGE("lock of %s given up at the stop\n", path);
+        tavel_stopPoint();
+    } else if (waited == ETIMEDOUT) {
+        TAVEL_LOGE("lock of %s still held by another after %d ms: given up\n", path, limitMs);
+    } else {
+        TAVEL_LOGE("cannot lock %s: %s\n", path, strerror(err));
+    }
+    errno = waited != 0 ? waited : err;
+    return -1;
 }

@@ -93,7 +93,7 @@ void tavelInit(void)
     initAgentState();
     getOnBoardServerInfo(&g_httpInfo);
     if (g_httpInfo.enable == 0) {
-        exit(0);
+        tavel_exitProcess();
     }
     initTimerSig();
     tavel_insertFirewallRules();
@@ -139,6 +139,10 @@ int main()
         AgentLockGuard guard;
         TAVEL_LOGD("TAVEL: Start \n");
         dml_init(2);
+        // The layer's own waits (its store's lock) end on a stop as well.
+        if (dml_setWaitCancel != nullptr) {
+            dml_setWaitCancel(tavel_stopPending);
+        }
         TAVEL_LOGE("TAVELAgent start...\n");
         TAVEL_LOGE("tavelInit Start ...  \n");
         tavelInit();
@@ -147,7 +151,7 @@ int main()
         pthread_t busThread;
         if (tavel_startThread(&busThread, busThreadMain) != 0) {
             TAVEL_LOGE("PM pthread_create failed\n");
-            exit(0);
+            tavel_exitProcess();
         }
         pthread_detach(busThread);
 

@@ -15,6 +15,7 @@
 #include <time.h>
 
 #include <initializer_list>
+#include <type_traits>
 
 #include "dml.h"
 
@@ -187,12 +188,31 @@ int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type);
 /* Inserts (replacing) or removes the agent's two firewall rules. */
 void tavel_insertFirewallRules(void);
 void tavel_removeFirewallRules(void);
-/* The one normal way out: firewall rules removed, then the process exits
- * with status 0 once no transfer is in flight; refused (returns after a
- * long wait) while a parked country code keeps the agent alive. */
+/* The one normal way out: a transfer in flight is let end (10 s at most,
+ * then abandoned), the firewall rules are removed, and the process exits
+ * with status 0.  Refused while a parked country code keeps the agent alive:
+ * it then returns after a long wait, and its caller must end its step at
+ * once (every call is the last thing its step does). */
 void exitTavel(void);
+/* Ends the process with status 0, standard output flushed: the only place
+ * that does, for every exit path of the agent. */
+[[noreturn]] void tavel_exitProcess(void);
 /* 1 once a stop signal was seen; reads a pending one without blocking. */
 int tavel_stopRequested(void);
+/* 1 when a stop is requested that the calling thread is not itself carrying
+ * out: every wait of the agent ends early on it. */
+int tavel_stopPending(void);
+/* Polls ready() (every millisecond at first, every 50 ms at most) until it
+ * holds, limitMs real milliseconds have passed, or a stop is pending: 0,
+ * ETIMEDOUT or ECANCELED.  For what has no descriptor to wait on: a child's
+ * end, an advisory lock.  The caller keeps whatever locks it holds. */
+int tavel_waitUntil(bool (*ready)(void *context), void *context, int limitMs);
+template <typename Ready> int tavel_waitUntil(Ready &&ready, int limitMs)
+{
+    using R = typename std::remove_reference<Ready>::type;
+    return tavel_waitUntil([](void *c) { return static_cast<bool>((*static_cast<R *>(c))()); },
+                           const_cast<void *>(static_cast<const void *>(&ready)), limitMs);
+}
 /* A point where a requested stop is carried out: the timer thread stops the
  * agent (never returns), any other thread gives the agent lock up and waits
  * for the end of the process.  Returns at once when no stop is requested. */

@@ -6,6 +6,7 @@
  * Every path argument is a device path; TAVEL_ROOT is put in front here, so
  * the callers never deal with the root themselves.
  */
+#include <errno.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -131,14 +132,16 @@ void update_country_code(const char *code)
 
 int tavel_setDataToFile(const char *path, const void *data, size_t size, int lock)
 {
-    FilePtr file(fopen(DevicePath(path).c_str(), "w+"));
+    DevicePath full(path);
+    FilePtr file(fopen(full.c_str(), "w+"));
     if (!file) {
         /* Deliberately success: the mark is advisory, and the data-model
          * write that follows must still happen when it cannot be written. */
+        TAVEL_LOGE("cannot write %s: %s\n", full.c_str(), strerror(errno));
         return 0;
     }
     int fd = fileno(file.get());
-    if (lock != 0 && flock(fd, LOCK_EX) != 0) {
+    if (lock != 0 && tavel_lockFile(fd, full.c_str()) != 0) {
         TAVEL_LOGE("error on set lock\n");
         return -1;
     }
@@ -184,7 +187,7 @@ int read_from_file(const char *path, char *buffer, int size, int lock)
         return -1;
     }
     FdGuard guard(fd);
-    if (lock != 0 && flock(fd, LOCK_EX) != 0) {
+    if (lock != 0 && tavel_lockFile(fd, path) != 0) {
         TAVEL_LOGE("set lock failed\n");
         return -1;
     }

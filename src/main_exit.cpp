@@ -45,10 +45,20 @@ const char *const kFwInsertWan[] = TAVEL_FW_RULE("-I", "INPUT_WAN_REMOTE_ACCESS"
 const char *const kFwInsertLevel[] = TAVEL_FW_RULE("-I", "INPUT_FW_LEVEL");
 #undef TAVEL_FW_RULE
 
-// How long a stop waits for a transfer to notice it and end.  Transfers check
-// for a stop at least once a second, so this is only reached when the
-// network stack itself hangs; the exit then goes ahead regardless.
-constexpr time_t kStopTransferWaitSeconds = 10;
+// How long any exit waits for a transfer in flight before it takes the
+// rules away under it.  On a stop, transfers notice it within a second, so
+// this is only reached when the network stack itself hangs; a normal exit
+// gives a status upload on the bus thread this long to finish.
+constexpr time_t kTransferGraceSeconds = 10;
+// The stop's own steps, so that the whole stop stays within its budget
+// (docs/waits.md): the agent lock from a step that ends its waits on the
+// stop, and each iptables run that removes a rule.
+constexpr int kStopLockLimitMs = 5000;
+constexpr int kStopCommandLimitMs = 5000;
+
+// Set on the thread that carries a stop out: its own waits must not end on
+// the stop they serve, nor run into a second stop.
+thread_local bool t_carryingOutStop = false;
 
 std::atomic<int> g_stopSignal{0};
 int g_kickFd = -1;
@@ -140,44 +150,68 @@ bool readExpiry(void **value)
     return true;
 }
 
-// Waits, the agent lock held, until no transfer is in flight; with a limit,
-// at most that long.  Without one, a stop requested meanwhile is carried out.
-void waitForTransfers(const struct timespec *limit)
+// Waits, the agent lock held, until no transfer is in flight, at most
+// kTransferGraceSeconds; a transfer still running then is abandoned (the
+// exit goes on under it).  Outside a stop, a stop requested meanwhile is
+// carried out, looked for every second.
+void waitForTransfers()
 {
     pthread_once(&g_transferOnce, initTransferCond);
-    struct timespec deadline = addSpan(monotonicNow(), limit != nullptr ? *limit : timespec{1, 0});
+    const struct timespec end = addSpan(monotonicNow(), timespec{kTransferGraceSeconds, 0});
     pthread_mutex_lock(&g_transferMutex);
     while (g_transfers > 0) {
-        int rc = pthread_cond_timedwait(&g_transferCond, &g_transferMutex, &deadline);
-        if (rc == ETIMEDOUT) {
-            if (limit != nullptr) {
-                TAVEL_LOGE("%d transfer(s) still in flight; exiting regardless\n", g_transfers);
-                break;
-            }
-            pthread_mutex_unlock(&g_transferMutex);
-            tavel_stopPoint();
-            pthread_mutex_lock(&g_transferMutex);
-            deadline = addSpan(monotonicNow(), timespec{1, 0});
+        struct timespec next = addSpan(monotonicNow(), timespec{1, 0});
+        bool last = msUntil(next) >= msUntil(end);
+        if (pthread_cond_timedwait(&g_transferCond, &g_transferMutex, last ? &end : &next) != ETIMEDOUT) {
+            continue;
         }
+        if (last) {
+            TAVEL_LOGE("%d transfer(s) still in flight after %d s: abandoned, exiting regardless\n",
+                       g_transfers, static_cast<int>(kTransferGraceSeconds));
+            break;
+        }
+        pthread_mutex_unlock(&g_transferMutex);
+        tavel_stopPoint();
+        pthread_mutex_lock(&g_transferMutex);
     }
     pthread_mutex_unlock(&g_transferMutex);
 }
 
+// Every exit path: the rules go only once no transfer needs them any more.
+void releaseFirewall(int commandLimitMs)
+{
+    waitForTransfers();
+    for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan}) {
+        tavel_spawn(argv, commandLimitMs);
+    }
+}
+
 [[noreturn]] void stopAgent()
 {
-    AgentLockGuard guard;
+    t_carryingOutStop = true;
     int signo = g_stopSignal.load();
     TAVEL_LOGE("stop signal %d received: removing the firewall rules and exiting\n", signo);
-    tavel_rollbackMgmtServerObj();
-    struct timespec limit = {kStopTransferWaitSeconds, 0};
-    waitForTransfers(&limit);
-    tavel_removeFirewallRules();
-    if (g_timerAliveFlag != 0) {
+    // Every other step ends its waits on the stop and gives the lock up at
+    // its next stop point; one caught in a wait the agent cannot end (a
+    // platform call) is left behind after a bounded time.
+    bool locked = tavel_waitUntil([] { return tavel_agentTryLock() != 0; }, kStopLockLimitMs) == 0;
+    if (locked) {
+        tavel_rollbackMgmtServerObj();
+    } else {
+        TAVEL_LOGE("a step still holds the agent after %d ms: stopping without it\n", kStopLockLimitMs);
+    }
+    releaseFirewall(kStopCommandLimitMs);
+    if (locked && g_timerAliveFlag != 0) {
         TAVEL_LOGN("parked country code left in %s for the next start\n", TAVEL_COUNTRY_CODE_FILE);
     }
     TAVEL_LOGE("stopped by signal %d !!!!\n", signo);
-    fflush(stdout);
-    exit(0);
+    if (!locked) {
+        // The step still runs: the process must not tear down its statics
+        // (exit's destructors) under it.
+        fflush(stdout);
+        _exit(0);
+    }
+    tavel_exitProcess();
 }
 
 } // namespace
@@ -192,8 +226,40 @@ void tavel_insertFirewallRules(void)
 
 void tavel_removeFirewallRules(void)
 {
-    tavel_spawn(kFwDeleteLevel);
-    tavel_spawn(kFwDeleteWan);
+    releaseFirewall(TAVEL_COMMAND_LIMIT_MS);
+}
+
+void tavel_exitProcess(void)
+{
+    fflush(stdout);
+    exit(0);
+}
+
+int tavel_stopPending(void)
+{
+    return !t_carryingOutStop && tavel_stopRequested() != 0 ? 1 : 0;
+}
+
+int tavel_waitUntil(bool (*ready)(void *context), void *context, int limitMs)
+{
+    const struct timespec end =
+        addSpan(monotonicNow(), timespec{limitMs / 1000, (limitMs % 1000) * 1000000L});
+    long pauseNs = 1000000L;
+    for (;;) {
+        if (ready(context)) {
+            return 0;
+        }
+        if (tavel_stopPending() != 0) {
+            return ECANCELED;
+        }
+        int left = msUntil(end);
+        if (left == 0) {
+            return ETIMEDOUT;
+        }
+        struct timespec pause = {0, left < pauseNs / 1000000L ? left * 1000000L : pauseNs};
+        nanosleep(&pause, nullptr);
+        pauseNs = pauseNs * 2 > 50000000L ? 50000000L : pauseNs * 2;
+    }
 }
 
 int tavel_stopRequested(void)
@@ -215,7 +281,7 @@ int tavel_stopRequested(void)
 
 void tavel_stopPoint(void)
 {
-    if (tavel_stopRequested() == 0) {
+    if (tavel_stopPending() == 0) {
         return;
     }
     if (tavel_onTimerThread() != 0) {
@@ -294,11 +360,10 @@ void tavel_sleep(unsigned seconds)
 
 void exitTavel(void)
 {
+    // A status upload may run on the bus thread with the lock given up: the
+    // rules it needs stay until it ends (or is abandoned).
     tavel_removeFirewallRules();
     if (g_timerAliveFlag == 0) {
-        // A status upload may run on the bus thread with the lock given up;
-        // exiting under it would pull the process away mid-transfer.
-        waitForTransfers(nullptr);
         forEachHeapField(g_serverData, [](const ReplyField &f, char *&field) {
             if (f.freedAtExit) {
                 free(field);
@@ -306,8 +371,7 @@ void exitTavel(void)
             }
         });
         TAVEL_LOGE("exitTavel !!!!");
-        fflush(stdout);
-        exit(0);
+        tavel_exitProcess();
     }
     TAVEL_LOGE("Not exiting Tavle, as timer is running !!!!");
     // A timer expiry ends the wait early, as a signal cut the sleep short on

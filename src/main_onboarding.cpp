@@ -14,6 +14,10 @@
 namespace
 {
 
+// The exit after the status upload waits for the time-zone marker, polling.
+constexpr unsigned kTimezoneMarkerPoll = 5;
+constexpr unsigned kTimezoneMarkerWait = 3600;
+
 bool isEmpty(const char *s)
 {
     return s == nullptr || s[0] == '\0';
@@ -119,6 +123,7 @@ void connectToOnBoardServer(void)
     getOnBoardServerInfo(&info);
     if (info.enable == 0) {
         exitTavel();
+        return;
     }
     memcpy(info.caCertPath, g_httpInfo.caCertPath, sizeof(info.caCertPath));
     info.timeout = g_httpInfo.timeout;
@@ -132,6 +137,7 @@ void connectToOnBoardServer(void)
         if (code == TAVEL_RC_NO_CERT) {
             TAVEL_LOGE("certificate not EXIST !!!!\n");
             exitTavel();
+            return;
         }
         armRetry(code, TAVEL_TIMER_RETRY);
         return;
@@ -244,9 +250,18 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
     if (code == 200) {
         g_tavelCtrl.statusUpdatePending = 0;
         g_statusRetryPending = 0;
-        // The device must not lose its time zone to an early exit.
+        // The device must not lose its time zone to an early exit: the
+        // time-zone step's retries get an hour.  Past that the exit goes
+        // ahead; the next start finds no marker and onboards again.
+        unsigned waited = 0;
         while (tavel_access(TAVEL_TIMEZONECONFIG_FILE) != 0) {
-            tavel_sleep(5);
+            if (waited >= kTimezoneMarkerWait) {
+                TAVEL_LOGE("no time-zone marker %s after %u s: exiting without it\n",
+                           TAVEL_TIMEZONECONFIG_FILE, waited);
+                break;
+            }
+            tavel_sleep(kTimezoneMarkerPoll);
+            waited += kTimezoneMarkerPoll;
         }
         TAVEL_LOGE(" exitTavel ");
         exitTavel();

@@ -228,6 +228,19 @@ void tavel_agentUnlock(void)
     }
 }
 
+int tavel_agentTryLock(void)
+{
+    if (t_agentDepth > 0) {
+        ++t_agentDepth;
+        return 1;
+    }
+    if (pthread_mutex_trylock(&g_agentMutex) != 0) {
+        return 0;
+    }
+    t_agentDepth = 1;
+    return 1;
+}
+
 int tavel_agentLockRelease(void)
 {
     int depth = t_agentDepth;

@@ -131,6 +131,8 @@ void tavel_sleep(unsigned seconds);
  * by that thread; tavel_sleep() releases it for the duration of a sleep. */
 void tavel_agentLock(void);
 void tavel_agentUnlock(void);
+/* Takes the lock when it is free (or already this thread's): 1, else 0. */
+int tavel_agentTryLock(void);
 /* Releases the lock completely and returns the depth to restore later. */
 int tavel_agentLockRelease(void);
 void tavel_agentLockRestore(int depth);

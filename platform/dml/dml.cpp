@@ -276,6 +276,11 @@ void dml_releaseCache(void)
     tavel::dml::releaseCache();
 }
 
+void dml_setWaitCancel(int (*cancelled)(void))
+{
+    tavel::dml::setWaitCancel(cancelled);
+}
+
 const char *dml_getHIECertifcatePath(void)
 {
     thread_local std::string path;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <utility>
 
@@ -728,6 +729,52 @@ CachedStore::CachedStore(const std::string &path, std::string *error) : lock_(ca
     }
 }
 
+namespace
+{
+
+std::atomic<int (*)()> g_waitCancel{nullptr};
+
+// flock(LOCK_EX) polled without blocking, so the wait can end: after
+// kLockWaitMs, or as soon as the caller's cancel test says so.
+bool lockWithin(int fd, const std::string &lockPath, std::string *error)
+{
+    struct timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    long pauseNs = 1000000L;
+    for (;;) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            return true;
+        }
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            setError(error, describe("cannot lock", lockPath, errno));
+            return false;
+        }
+        int (*cancelled)() = g_waitCancel.load();
+        if (cancelled != nullptr && cancelled() != 0) {
+            setError(error, "wait for " + lockPath + " cancelled");
+            return false;
+        }
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        long long waitedMs = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000L;
+        if (waitedMs >= kLockWaitMs) {
+            setError(error,
+                     lockPath + " still locked by another after " + std::to_string(kLockWaitMs) + " ms");
+            return false;
+        }
+        struct timespec pause = {0, pauseNs};
+        nanosleep(&pause, nullptr);
+        pauseNs = pauseNs * 2 > 50000000L ? 50000000L : pauseNs * 2;
+    }
+}
+
+} // namespace
+
+void setWaitCancel(int (*cancelled)())
+{
+    g_waitCancel.store(cancelled);
+}
+
 void releaseCache()
 {
     Cache &c = cache();
@@ -759,11 +806,8 @@ UpdateResult update(const std::string &path, const std::vector<Change> &changes,
         setError(error, describe("cannot open", lockPath, errno));
         return UpdateResult::Error;
     }
-    while (flock(lock.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            setError(error, describe("cannot lock", lockPath, errno));
-            return UpdateResult::Error;
-        }
+    if (!lockWithin(lock.get(), lockPath, error)) {
+        return UpdateResult::Error;
     }
     // The lock is released when `lock` closes, after the rename.
 

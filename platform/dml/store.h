@@ -176,6 +176,12 @@ void releaseCache();
 
 enum class UpdateResult { Ok, Fault, Error };
 
+// How long update() waits for the store's lock before it fails: a writer
+// that holds it longer is stuck, and the caller must not be stuck with it.
+constexpr int kLockWaitMs = 5000;
+// cancelled() (null: none) ends a wait for the lock early, failing the update.
+void setWaitCancel(int (*cancelled)());
+
 // Applies all changes as one replacement of the file, under an exclusive
 // flock on "<path>.lock": brings the cached parse up to date with the file
 // (the lock keeps cooperating writers out meanwhile), keeps every other line as

@@ -107,6 +107,12 @@ int dml_init(int mode);
  * member). */
 void dml_releaseCache(void) __attribute__((weak));
 
+/* Optional, weak like dml_releaseCache: the layer's waits for its store (a
+ * lock another process holds) end early, failing the call, whenever
+ * cancelled() returns non-zero; the agent hands its stop test over once,
+ * after dml_init.  cancelled must be safe to call from any thread. */
+void dml_setWaitCancel(int (*cancelled)(void)) __attribute__((weak));
+
 /* The CA certificate path; never NULL (empty when unknown).  The text stays
  * valid until the calling thread's next call of this function. */
 const char *dml_getHIECertifcatePath(void);

@@ -575,3 +575,40 @@ TEST_F(Dml, SettersChangeOnlyTheirParametersAndAFaultLineFailsItsOperation)
 }
 
 } // namespace
+
+// A writer stuck with the store's lock fails a write after the bound, or as
+// soon as the caller's cancel test says so; once let go, writes go through.
+TEST_F(Dml, AWriteGivesUpOnAHeldLockAtTheBoundOrWhenCancelled)
+{
+    writeStore("A=1\n");
+    const std::string lockPath = storeFile() + ".lock";
+    FdGuard holder(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(flock(holder.get(), LOCK_EX), 0);
+    static std::atomic<int> polls{0};
+    const struct {
+        const char *what;
+        int (*cancelled)();
+        double atLeast, below;
+        const char *error;
+    } cases[] = {
+        {"cancelled", [] { return ++polls > 5 ? 1 : 0; }, 0.0, 2.0, "cancelled"},
+        {"bound", nullptr, tavel::dml::kLockWaitMs / 1000.0, tavel::dml::kLockWaitMs / 1000.0 + 2.0,
+         "still locked by another after 5000 ms"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        tavel::dml::setWaitCancel(c.cancelled);
+        const auto start = std::chrono::steady_clock::now();
+        std::string error;
+        EXPECT_EQ(tavel::dml::update({Change{"A", "2"}}, nullptr, &error), UpdateResult::Error);
+        const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        EXPECT_GE(took, c.atLeast);
+        EXPECT_LT(took, c.below);
+        EXPECT_NE(error.find(c.error), std::string::npos) << error;
+    }
+    tavel::dml::setWaitCancel(nullptr);
+    EXPECT_EQ(readStore(), "A=1\n");
+    flock(holder.get(), LOCK_UN);
+    EXPECT_EQ(set("A", "3"), UpdateResult::Ok);
+    EXPECT_EQ(readStore(), "A=3\n");
+}

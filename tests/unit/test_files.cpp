@@ -62,3 +62,32 @@ TEST(OpenRegular, RefusesWhatCouldStallOrFloodTheAgent)
         EXPECT_EQ(errno, c.err) << c.path;
     }
 }
+
+// Another module's lock on a shared file is waited for, but not for ever.
+TEST(LockFile, WaitsForAHolderUpToTheLimit)
+{
+    tavelTestCleanRoot();
+    tavelTestWriteFile("/shared", "x");
+    const std::string path = tavelTestPath("/shared");
+    FdGuard holder(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    FdGuard waiter(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(holder.get(), LOCK_EX), 0);
+
+    auto start = std::chrono::steady_clock::now();
+    errno = 0;
+    EXPECT_EQ(tavel_lockFile(waiter.get(), path.c_str(), 300), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    EXPECT_TRUE(
+        tavelTestLogHas("error", "lock of " + path + " still held by another after 300 ms: given up"));
+
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        flock(holder.get(), LOCK_UN);
+    });
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(tavel_lockFile(waiter.get(), path.c_str(), 5000), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    release.join();
+    EXPECT_NE(flock(holder.get(), LOCK_EX | LOCK_NB), 0) << "the waiter holds the lock now";
+}

@@ -43,13 +43,17 @@ TEST(Exit, WaitsOutATransferWhenDoneAndTenSecondsAtMostWhenStopped)
             tavel_transferBegin();
             std::thread([] {
                 std::this_thread::sleep_for(std::chrono::milliseconds(2500));
-                tavelTestWriteFile("/ended", "");
+                const auto now = std::chrono::system_clock::now().time_since_epoch();
+                std::ofstream(tavelTestPath("/ended"))
+                    << std::fixed << std::chrono::duration<double>(now).count();
                 tavel_transferEnd();
             }).detach();
             exitTavel();
         },
         ::testing::ExitedWithCode(0), "");
-    EXPECT_TRUE(tavelTestExists("/ended")) << "exited before the transfer ended";
+    ASSERT_TRUE(tavelTestExists("/ended")) << "exited before the transfer ended";
+    EXPECT_GE(std::stod(tavelTestReadFile("/fw.time")), std::stod(tavelTestReadFile("/ended")))
+        << "the rules went under the transfer";
     EXPECT_EQ(tavelTestReadFile("/fw.log"), removed);
 
     EXPECT_EXIT(
@@ -71,7 +75,8 @@ TEST(Exit, WaitsOutATransferWhenDoneAndTenSecondsAtMostWhenStopped)
         std::stod(tavelTestReadFile("/fw.time")) - std::stod(tavelTestReadFile("/stop.time"));
     EXPECT_GE(seconds, 10.0);
     EXPECT_LT(seconds, 10.9);
-    EXPECT_TRUE(tavelTestLogHas("error", "1 transfer(s) still in flight; exiting regardless"));
+    EXPECT_TRUE(
+        tavelTestLogHas("error", "1 transfer(s) still in flight after 10 s: abandoned, exiting regardless"));
     EXPECT_TRUE(tavelTestLogHas("error", "stopped by signal 15 !!!!"));
     EXPECT_EQ(tavelTestReadFile("/fw.log"), removed + removed);
 }
