@@ -1,12 +1,14 @@
 #include "files.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <memory>
 
 #include "main.h"
 #include "util.h"
@@ -53,10 +55,80 @@ int tavel_touch(const char *devicePath)
 
 namespace
 {
-int removeEntry(const char *path, const struct stat * /*st*/, int type, struct FTW * /*ftw*/)
+
+// Deeper trees than any device directory holds are refused rather than
+// walked with a descriptor per level.
+constexpr int kRemoveDepthMax = 32;
+// An entry that keeps changing between a file and a directory under the
+// walk (someone racing it) is given up after this many tries.
+constexpr int kRemoveTries = 4;
+
+int removeAt(int parentFd, const char *name, int depth);
+
+// Empties the directory open at dirFd.  Every step is relative to a
+// descriptor and no link is followed, so the walk never leaves the
+// directory, whatever is renamed or swapped for a link meanwhile.
+int clearDir(int dirFd, int depth)
 {
-    return type == FTW_DP ? rmdir(path) : unlink(path);
+    int listFd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR *dir = listFd >= 0 ? fdopendir(listFd) : nullptr;
+    if (dir == nullptr) {
+        if (listFd >= 0) {
+            close(listFd);
+        }
+        return -1;
+    }
+    std::unique_ptr<DIR, int (*)(DIR *)> guard(dir, closedir);
+    int rc = 0;
+    int err = 0;
+    while (const struct dirent *entry = readdir(dir)) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
+        if (removeAt(dirFd, entry->d_name, depth) != 0 && rc == 0) {
+            rc = -1;
+            err = errno;
+        }
+    }
+    errno = err;
+    return rc;
 }
+
+// Removes the entry name of the directory open at parentFd, a directory
+// with everything under it.
+int removeAt(int parentFd, const char *name, int depth)
+{
+    for (int attempt = 0; attempt < kRemoveTries; ++attempt) {
+        if (unlinkat(parentFd, name, 0) == 0 || errno == ENOENT) {
+            return 0;
+        }
+        if (errno != EISDIR && errno != EPERM) {
+            return -1;
+        }
+        int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) {
+            if (errno == ENOTDIR || errno == ELOOP || errno == ENOENT) {
+                continue; // no longer a directory: unlinked on the next try
+            }
+            return -1;
+        }
+        FdGuard guard(fd);
+        if (depth >= kRemoveDepthMax) {
+            errno = ELOOP;
+            return -1;
+        }
+        clearDir(fd, depth + 1);
+        if (unlinkat(parentFd, name, AT_REMOVEDIR) == 0 || errno == ENOENT) {
+            return 0;
+        }
+        if (errno != ENOTDIR) {
+            return -1;
+        }
+    }
+    errno = EAGAIN;
+    return -1;
+}
+
 } // namespace
 
 int tavel_remove(const char *devicePath, bool recursive)
@@ -66,10 +138,30 @@ int tavel_remove(const char *devicePath, bool recursive)
         return 0;
     }
     if (!recursive || (errno != EISDIR && errno != EPERM)) {
+        TAVEL_LOGE("cannot remove %s: %s\n", path.c_str(), strerror(errno));
         return -1;
     }
-    // Depth first, never following a link out of the tree.
-    return nftw(path.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS) == 0 ? 0 : -1;
+    // The walk starts from the parent's descriptor, so the directory named
+    // is the one cleared even if its path changes under the walk.
+    char parent[sizeof(DevicePath)];
+    tavel_copyText(parent, sizeof(parent), path.c_str(), sizeof(parent) - 1);
+    char *slash = strrchr(parent, '/');
+    const char *name = slash != nullptr ? slash + 1 : parent;
+    int rc = -1;
+    if (slash == nullptr || name[0] == '\0' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
+        errno = EINVAL;
+    } else {
+        *slash = '\0';
+        int parentFd = open(slash == parent ? "/" : parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (parentFd >= 0) {
+            FdGuard guard(parentFd);
+            rc = removeAt(parentFd, name, 0);
+        }
+    }
+    if (rc != 0) {
+        TAVEL_LOGE("cannot remove %s: %s\n", path.c_str(), strerror(errno));
+    }
+    return rc;
 }
 
 int tavel_writeFile(const char *devicePath, const void *data, size_t size)

@@ -91,3 +91,35 @@ TEST(LockFile, WaitsForAHolderUpToTheLimit)
     release.join();
     EXPECT_NE(flock(holder.get(), LOCK_EX | LOCK_NB), 0) << "the waiter holds the lock now";
 }
+
+// A directory of the tree swapped for a link to elsewhere while the removal
+// walks it: the removal never reaches through the link.
+TEST(DeviceFiles, RemovalNeverFollowsALinkSwappedInMidWalk)
+{
+    tavelTestCleanRoot();
+    const std::string victim = tavelTestPath("/victim");
+    const std::string sub = victim + "/sub";
+    const std::string alt = victim + "/alt";
+    for (int i = 0; i < 40; ++i) {
+        tavelTestWriteFile("/outside/keep" + std::to_string(i), "k");
+    }
+    for (int round = 0; round < 150; ++round) {
+        for (int i = 0; i < 40; ++i) {
+            tavelTestWriteFile("/victim/sub/keep" + std::to_string(i), "x");
+        }
+        ASSERT_EQ(symlink(tavelTestPath("/outside").c_str(), alt.c_str()), 0);
+        std::atomic<bool> done{false};
+        std::thread swapper([&] {
+            for (int n = 0; n < 1000000 && !done; ++n) {
+                renameat2(AT_FDCWD, sub.c_str(), AT_FDCWD, alt.c_str(), RENAME_EXCHANGE);
+            }
+        });
+        tavel_remove("/victim", true); // may fail: the swapper keeps the tree changing
+        done = true;
+        swapper.join();
+        std::filesystem::remove_all(victim);
+        for (int i = 0; i < 40; ++i) {
+            ASSERT_TRUE(tavelTestExists("/outside/keep" + std::to_string(i))) << "round " << round;
+        }
+    }
+}
