@@ -34,23 +34,31 @@ int tavel_makeDirs(const char *devicePath)
         char saved = path[i];
         path[i] = '\0';
         if (mkdir(path, 0777) != 0 && errno != EEXIST) {
+            TAVEL_LOGE("cannot create directory %s: %s\n", path, strerror(errno));
             return -1;
         }
         path[i] = saved;
     }
     struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode) ? 0 : -1;
+    int err = stat(path, &st) != 0 ? errno : S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+    if (err != 0) {
+        TAVEL_LOGE("cannot create directory %s: %s\n", path, strerror(err));
+        errno = err;
+        return -1;
+    }
+    return 0;
 }
 
 int tavel_touch(const char *devicePath)
 {
-    int fd =
-        open(DevicePath(devicePath).c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
-    if (fd < 0) {
+    DevicePath path(devicePath);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    FdGuard guard(fd);
+    if (fd < 0 || futimens(fd, nullptr) != 0) {
+        TAVEL_LOGE("cannot create marker %s: %s\n", path.c_str(), strerror(errno));
         return -1;
     }
-    FdGuard guard(fd);
-    return futimens(fd, nullptr);
+    return 0;
 }
 
 namespace
@@ -166,22 +174,25 @@ int tavel_remove(const char *devicePath, bool recursive)
 
 int tavel_writeFile(const char *devicePath, const void *data, size_t size)
 {
-    int fd = open(DevicePath(devicePath).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666);
-    if (fd < 0) {
-        return -1;
-    }
+    DevicePath path(devicePath);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666);
     FdGuard guard(fd);
     const char *p = static_cast<const char *>(data);
-    while (size > 0) {
+    while (fd >= 0 && size > 0) {
         ssize_t n = write(fd, p, size);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return -1;
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            errno = n == 0 ? EIO : errno;
+            break;
         }
         p += n;
         size -= static_cast<size_t>(n);
+    }
+    if (fd < 0 || size > 0) {
+        TAVEL_LOGE("cannot write %s: %s\n", path.c_str(), strerror(errno));
+        return -1;
     }
     return 0;
 }

@@ -41,6 +41,34 @@ void touchTimezoneMarker()
     tavel_touch(TAVEL_TIMEZONECONFIG_FILE);
 }
 
+/* After a successful write: the pause the device gives the zone to settle,
+ * then the marker and the history event. */
+void applyTimezoneMarkerAfterPause()
+{
+    /* The NTP handler may rewrite g_timezone while the lock is given up for
+     * the wait; the event reports the zone applied here. */
+    char applied[sizeof(g_timezone)];
+    memcpy(applied, g_timezone, sizeof(applied));
+    tavel_sleep(60);
+    touchTimezoneMarker();
+    event_log_log(kHistoryEvent,
+                  "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
+                  "Cloud Successful",
+                  applied, g_timezoneCode, g_continent_city);
+    TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
+               "Configuration from Velka Cloud Successful",
+               applied, g_timezoneCode, g_continent_city);
+}
+
+void retryTimezoneLater()
+{
+    int seconds = 0;
+    timer_t timer{};
+    if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, TAVEL_TIMER_RETRY) == 0) {
+        startTimer(seconds, timer);
+    }
+}
+
 /* Turns the field separators of a mapping line into ';': commas inside double
  * quotes belong to the field. */
 void markMappingFields(char *line)
@@ -392,11 +420,7 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
             g_tzFailEventSent = 1;
         }
         TAVEL_LOGN(" IP Stack is down going for retry exponetial \n");
-        int seconds = 0;
-        timer_t timer{};
-        if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, TAVEL_TIMER_RETRY) == 0) {
-            startTimer(seconds, timer);
-        }
+        retryTimezoneLater();
         TAVEL_LOGN("started exponential retry timer \n");
     } else if (strncmp(data->errorcode, "101", codeSize) == 0) {
         touchTimezoneMarker();
@@ -413,20 +437,15 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
             gettimezoneandzonename(mapping, g_timezone, timezonename);
             TAVEL_LOGN("final timezone = %s, timezonename = %s len %d", g_timezone, timezonename,
                        static_cast<int>(strlen(timezonename)));
-            dml_setTimeZone(g_timezone, timezonename);
-            /* The NTP handler may rewrite g_timezone while the lock is given
-             * up for the wait; the event reports the zone applied here. */
-            char applied[sizeof(g_timezone)];
-            memcpy(applied, g_timezone, sizeof(applied));
-            tavel_sleep(60);
-            touchTimezoneMarker();
-            event_log_log(kHistoryEvent,
-                          "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
-                          "Cloud Successful",
-                          applied, g_timezoneCode, g_continent_city);
-            TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
-                       "Configuration from Velka Cloud Successful",
-                       applied, g_timezoneCode, g_continent_city);
+            if (dml_setTimeZone(g_timezone, timezonename) != 0) {
+                /* No marker for a zone the device does not hold: the step
+                 * runs again, as when the time-zone service is down. */
+                TAVEL_LOGE("dml_setTimeZone(%s, %s) failed: time zone not applied\n", g_timezone,
+                           timezonename);
+                retryTimezoneLater();
+            } else {
+                applyTimezoneMarkerAfterPause();
+            }
         } else {
             TAVEL_LOGE("gettimezonecmd failed");
             touchTimezoneMarker();

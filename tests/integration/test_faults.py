@@ -98,6 +98,9 @@ class DiskFullTest(FaultCase):
         self.assertRegex(log, r"error dml: dml_setOnBoardStatus: cannot write .*datamodel\.conf\.tmp\.\S+: "
                               r"No space left on device")
         self.assertRegex(log, r"error dml: dml_setManagementServerInfo: cannot write .*No space left on device")
+        # No marker for a zone the full store could not take: the step is retried.
+        self.assertIn(") failed: time zone not applied", log)
+        self.assertFalse(dev.exists(TZ_MARKER))
         # The agent carried on through the whole apply step and is still up.
         self.assertIn("httpGetUrlFromServer ret: 200", log)
         self.assertEqual((dev.proc.poll(), dev.read(STORE, "rb"), glob.glob(dev.path(STORE + ".tmp.*"))),

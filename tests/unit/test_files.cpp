@@ -32,6 +32,16 @@ TEST(DeviceFiles, HaveTheShellCommandsEffects)
     EXPECT_FALSE(tavelTestExists("/a/b"));
     EXPECT_EQ(tavel_remove("/a/file", false), 0);
     EXPECT_FALSE(tavelTestExists("/a/file"));
+
+    // Failures say which path, and why.
+    EXPECT_EQ(tavel_touch("/a/none/marker"), -1);
+    EXPECT_EQ(tavel_writeFile("/a/none/code", "US\n", 3), -1);
+    EXPECT_TRUE(tavelTestLogHas("error", "cannot create marker " + tavelTestPath("/a/none/marker") +
+                                             ": No such file or directory"));
+    EXPECT_TRUE(tavelTestLogHas("error", "cannot write " + tavelTestPath("/a/none/code") +
+                                             ": No such file or directory"));
+    EXPECT_TRUE(tavelTestLogHas("error", "cannot create directory " + tavelTestPath("/a/file/d") +
+                                             ": Not a directory"));
 }
 
 TEST(OpenRegular, RefusesWhatCouldStallOrFloodTheAgent)
