@@ -174,6 +174,13 @@ private:
 // Frees the cached parse; the next call parses the file again.
 void releaseCache();
 
+// Removes the temporary files ("<path>.tmp.XXXXXX", regular files only) that
+// writers killed before their rename left beside the store.  Runs only when
+// it gets the writers' flock without waiting, so a live writer's file is
+// never taken from under it.  Returns how many were removed; -1 with *error
+// set when the directory cannot be read, 0 when it is missing or locked.
+int removeStaleTemporaries(const std::string &path, std::string *error);
+
 enum class UpdateResult { Ok, Fault, Error };
 
 // Applies all changes as one replacement of the file, under an exclusive
