@@ -860,8 +860,18 @@ int removeStaleTemporaries(const std::string &path, std::string *error)
     }
     const std::string lockPath = path + ".lock";
     Fd lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (lock.get() < 0 || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        return 0; // a writer is at work, or none can be kept out: another start cleans up
+    if (lock.get() < 0) {
+        setError(error, describe("cannot open", lockPath, errno));
+        return -1;
+    }
+    // Writers hold the lock for one file write; a holder beyond a second is
+    // left alone, and the next start cleans up instead.
+    for (int tries = 0; flock(lock.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || tries == 100) {
+            return 0;
+        }
+        const struct timespec pause = {0, 10 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
     }
     int listFd = dup(dirFd.get());
     std::unique_ptr<DIR, DirCloser> listing(listFd >= 0 ? fdopendir(listFd) : nullptr);
