@@ -43,8 +43,8 @@ void putLe32(uint8_t *p, uint32_t v)
 
 uint32_t getLe32(const uint8_t *p)
 {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
 
 template <size_t N> bool terminated(const char (&field)[N])
@@ -59,7 +59,8 @@ bool terminated(const ManagementServerInfo &a)
 
 bool sameAccount(const ManagementServerInfo &a, const ManagementServerInfo &b)
 {
-    return strncmp(a.URL, b.URL, sizeof(a.URL)) == 0 && strncmp(a.Username, b.Username, sizeof(a.Username)) == 0 &&
+    return strncmp(a.URL, b.URL, sizeof(a.URL)) == 0 &&
+           strncmp(a.Username, b.Username, sizeof(a.Username)) == 0 &&
            strncmp(a.Password, b.Password, sizeof(a.Password)) == 0;
 }
 
@@ -109,7 +110,9 @@ int readJournal(uint8_t *buf, size_t cap, size_t *size, const char **why)
         if (errno == ENOENT) {
             return 0;
         }
-        *why = errno == EFBIG ? "larger than a journal" : errno == EINVAL ? "not a regular file" : "cannot be opened";
+        *why = errno == EFBIG    ? "larger than a journal"
+               : errno == EINVAL ? "not a regular file"
+                                 : "cannot be opened";
         return -1;
     }
     FdGuard guard(fd);

@@ -274,8 +274,8 @@ int dml_init(int /*mode*/)
     if (removed < 0) {
         dmlLogError("dml: %s: %s\n", __func__, error.c_str());
     } else if (removed > 0) {
-        dmlLogNotice("dml: %s: removed %d temporary file(s) %s.tmp.* of writes that did not finish\n", __func__,
-                     removed, path.c_str());
+        dmlLogNotice("dml: %s: removed %d temporary file(s) %s.tmp.* of writes that did not finish\n",
+                     __func__, removed, path.c_str());
     }
     return read(__func__, [](const Store &) {});
 }

@@ -870,7 +870,7 @@ int removeStaleTemporaries(const std::string &path, std::string *error)
         if ((errno != EWOULDBLOCK && errno != EINTR) || tries == 100) {
             return 0;
         }
-        const struct timespec pause = {0, 10 * 1000 * 1000};
+        const struct timespec pause = {0, 10000000}; // 10 ms
         nanosleep(&pause, nullptr);
     }
     int listFd = dup(dirFd.get());

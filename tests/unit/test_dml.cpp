@@ -583,8 +583,8 @@ TEST_F(Dml, InitRemovesOnlyTheTemporaryFilesOfKilledWrites)
 {
     writeStore("A=1\n");
     const std::string stale[] = {"datamodel.conf.tmp.AbC123", "datamodel.conf.tmp.zz9ZZ9"};
-    const std::string kept[] = {"datamodel.conf.tmp.short", "datamodel.conf.tmp.AbC1234", "other.conf.tmp.AbC123",
-                                "datamodel.conf.new"};
+    const std::string kept[] = {"datamodel.conf.tmp.short", "datamodel.conf.tmp.AbC1234",
+                                "other.conf.tmp.AbC123", "datamodel.conf.new"};
     for (const auto &name : stale) {
         std::ofstream(dir() + "/" + name) << "A=half";
     }
@@ -612,8 +612,8 @@ TEST_F(Dml, InitRemovesOnlyTheTemporaryFilesOfKilledWrites)
     EXPECT_TRUE(std::filesystem::is_directory(dir() + "/datamodel.conf.tmp.dir123"));
     EXPECT_TRUE(std::filesystem::is_symlink(dir() + "/datamodel.conf.tmp.lnk123"));
     EXPECT_EQ(readStore(), "A=1\n");
-    EXPECT_EQ(tavelTestCount(tavelTestLog(), "notice dml: dml_init: removed 2 temporary file(s) " + storeFile() +
-                                                 ".tmp.* of writes that did not finish\n"),
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "notice dml: dml_init: removed 2 temporary file(s) " +
+                                                 storeFile() + ".tmp.* of writes that did not finish\n"),
               1);
 }
 

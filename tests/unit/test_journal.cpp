@@ -96,8 +96,9 @@ TEST_F(Journal, DamagedJournalIsDroppedWithoutTouchingTheDataModel)
     // Not a regular file: never read (a FIFO would block the start).
     ASSERT_EQ(mkfifo(tavelTestPath(kJournal).c_str(), 0600), 0);
     tavel_journalRecover();
-    EXPECT_TRUE(tavelTestLogHas("error", "management account journal " + kJournal +
-                                             " is not whole (not a regular file): removed, data model left as it is"));
+    EXPECT_TRUE(tavelTestLogHas("error",
+                                "management account journal " + kJournal +
+                                    " is not whole (not a regular file): removed, data model left as it is"));
 }
 
 TEST_F(Journal, WholeJournalCompletesTheAccountOnceAndNeverLogsThePassword)
@@ -109,10 +110,10 @@ TEST_F(Journal, WholeJournalCompletesTheAccountOnceAndNeverLogsThePassword)
     tavel_journalRecover();
     EXPECT_EQ(storedAccount(), "https://acs.new.test/cwmp|cpe-new|new-secret");
     EXPECT_FALSE(tavelTestExists(kJournal) || tavelTestExists(kJournal + ".tmp"));
-    EXPECT_TRUE(tavelTestLogHas("notice", "management account write interrupted by a restart: completed from " +
-                                              kJournal +
-                                              " with the new account (URL https://acs.new.test/cwmp, "
-                                              "user cpe-new), journal removed"));
+    EXPECT_TRUE(tavelTestLogHas(
+        "notice", "management account write interrupted by a restart: completed from " + kJournal +
+                      " with the new account (URL https://acs.new.test/cwmp, "
+                      "user cpe-new), journal removed"));
 
     // Cut off after the new account was written: nothing to write again.
     const std::string written = tavelTestReadFile(kTavelTestStore);
