@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "account_journal.h"
 #include "cfgm_intf.h"
 #include "main.h"
 #include "tavel_service.h"
@@ -91,6 +92,9 @@ void tavelInit(void)
     const char *certPath = dml_getHIECertifcatePath();
     tavel_copyText(g_certPath, sizeof(g_certPath), certPath, sizeof(g_certPath) - 1);
     initAgentState();
+    // Before anything reads the management account: a write that a power
+    // cut interrupted is finished first.
+    tavel_journalRecover();
     getOnBoardServerInfo(&g_httpInfo);
     if (g_httpInfo.enable == 0) {
         tavel_exitProcess();

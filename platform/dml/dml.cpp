@@ -264,9 +264,19 @@ void buildCountries(CountryCache &cache, const std::string &source)
 
 extern "C" {
 
-// The mode is the platform's; the stand-in only checks that the store is usable.
+// The mode is the platform's; the stand-in checks that the store is usable
+// after clearing away what writes killed before their rename left behind.
 int dml_init(int /*mode*/)
 {
+    std::string error;
+    const std::string path = tavel::dml::storePath();
+    int removed = tavel::dml::removeStaleTemporaries(path, &error);
+    if (removed < 0) {
+        dmlLogError("dml: %s: %s\n", __func__, error.c_str());
+    } else if (removed > 0) {
+        dmlLogNotice("dml: %s: removed %d temporary file(s) %s.tmp.* of writes that did not finish\n",
+                     __func__, removed, path.c_str());
+    }
     return read(__func__, [](const Store &) {});
 }
 

@@ -2,6 +2,7 @@
 // locked, atomic replacement described in store.h.
 #include "store.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -868,6 +869,77 @@ UpdateResult update(const std::string &path, const std::vector<Change> &changes,
         fsync(dirFd.get());
     }
     return UpdateResult::Ok;
+}
+
+namespace
+{
+
+// mkostemp()'s six characters.
+bool isTemporaryName(std::string_view name, std::string_view prefix)
+{
+    if (name.size() != prefix.size() + 6 || name.substr(0, prefix.size()) != prefix) {
+        return false;
+    }
+    return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(), [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+    });
+}
+
+struct DirCloser {
+    void operator()(DIR *d) const { closedir(d); }
+};
+
+} // namespace
+
+int removeStaleTemporaries(const std::string &path, std::string *error)
+{
+    const std::string dir = dirName(path);
+    Fd dirFd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dirFd.get() < 0) {
+        if (errno == ENOENT) {
+            return 0;
+        }
+        setError(error, describe("cannot open", dir, errno));
+        return -1;
+    }
+    const std::string lockPath = path + ".lock";
+    Fd lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (lock.get() < 0) {
+        setError(error, describe("cannot open", lockPath, errno));
+        return -1;
+    }
+    // Writers hold the lock for one file write; a holder beyond a second is
+    // left alone, and the next start cleans up instead.
+    for (int tries = 0; flock(lock.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if ((errno != EWOULDBLOCK && errno != EINTR) || tries == 100) {
+            return 0;
+        }
+        const struct timespec pause = {0, 10000000}; // 10 ms
+        nanosleep(&pause, nullptr);
+    }
+    int listFd = dup(dirFd.get());
+    std::unique_ptr<DIR, DirCloser> listing(listFd >= 0 ? fdopendir(listFd) : nullptr);
+    if (!listing) {
+        setError(error, describe("cannot read", dir, errno));
+        if (listFd >= 0) {
+            close(listFd);
+        }
+        return -1;
+    }
+    const std::string prefix = path.substr(path.rfind('/') + 1) + ".tmp."; // npos + 1 == 0
+    int removed = 0;
+    while (const struct dirent *entry = readdir(listing.get())) {
+        struct stat st;
+        if (isTemporaryName(entry->d_name, prefix) &&
+            fstatat(dirFd.get(), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+            unlinkat(dirFd.get(), entry->d_name, 0) == 0) {
+            ++removed;
+        }
+    }
+    if (removed > 0) {
+        fsync(dirFd.get());
+    }
+    return removed;
 }
 
 } // namespace tavel::dml

@@ -174,6 +174,14 @@ private:
 // Frees the cached parse; the next call parses the file again.
 void releaseCache();
 
+// Removes the temporary files ("<path>.tmp.XXXXXX", regular files only) that
+// writers killed before their rename left beside the store.  Runs only under
+// the writers' flock, so a live writer's file is never taken from under it;
+// waits at most about a second for it.  Returns how many were removed; -1
+// with *error set when the directory or the lock cannot be opened, 0 when
+// the directory is missing or the lock stayed taken.
+int removeStaleTemporaries(const std::string &path, std::string *error);
+
 enum class UpdateResult { Ok, Fault, Error };
 
 // How long update() waits for the store's lock before it fails: a writer

@@ -6,6 +6,7 @@
 
 #include <string.h>
 
+#include "account_journal.h"
 #include "dml.h"
 #include "tavel_externalinft.h"
 #include "util.h"
@@ -31,6 +32,15 @@ const char kConnStatusNames[CONN_STATUS_COUNT][32] = {
  * until the new one is written, so a stop in between can put it back. */
 ManagementServerInfo g_accountBefore;
 bool g_accountWriteUnderWay = false;
+
+// The received account as the management-server record holds it; the rest of
+// the record stays as it is.
+void fillAccount(ManagementServerInfo *dst, const ServerData *account)
+{
+    tavel_copyText(dst->Username, sizeof(dst->Username), tavel_text(account->cdpusername), 255);
+    tavel_copyText(dst->Password, sizeof(dst->Password), tavel_text(account->cdppassword), 255);
+    tavel_copyText(dst->URL, sizeof(dst->URL), tavel_text(account->mgmtUrl), 1024);
+}
 
 bool acsConnFailed(const OnBoardingServerInfo &info)
 {
@@ -134,6 +144,19 @@ int tavel_setMgmtServerObj(const ServerData *account)
         TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
         return -1;
     }
+    // Until the new account is written the device's only copy of either
+    // account would be in this process: the journal carries both across a
+    // power cut, so nothing is emptied that it does not cover.
+    AccountJournal journal;
+    memset(&journal, 0, sizeof(journal));
+    fillAccount(&journal.next, account);
+    journal.before = acsCfg;
+    int journalled = tavel_journalWrite(journal);
+    explicit_bzero(&journal, sizeof(journal));
+    if (journalled != 0) {
+        TAVEL_LOGE("account write not started: no journal to carry it across a power cut\n");
+        return -1;
+    }
     // The TR-069 client drops its connection when the URL disappears; only
     // then may it see the new account, or it would keep talking to the old ACS.
     TAVEL_LOGN("Setting URL in MangamentServerObject to NULL to wait for TR069 to close the socket\n");
@@ -143,6 +166,7 @@ int tavel_setMgmtServerObj(const ServerData *account)
     acsCfg.Password[0] = '\0';
     if (dml_setManagementServerInfo(&acsCfg) != 0) {
         TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
+        tavel_journalRemove();
         return -1;
     }
     g_accountWriteUnderWay = true;
@@ -155,15 +179,15 @@ int tavel_setMgmtServerObj(const ServerData *account)
         TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
         return -1;
     }
-    tavel_copyText(acsCfg.Username, sizeof(acsCfg.Username), tavel_text(account->cdpusername), 255);
-    tavel_copyText(acsCfg.Password, sizeof(acsCfg.Password), tavel_text(account->cdppassword), 255);
-    tavel_copyText(acsCfg.URL, sizeof(acsCfg.URL), tavel_text(account->mgmtUrl), 1024);
+    fillAccount(&acsCfg, account);
     int written = dml_setManagementServerInfo(&acsCfg);
     g_accountWriteUnderWay = false;
+    // A failed write keeps the journal: the next start completes the account.
     if (written != 0) {
         TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
         return -1;
     }
+    tavel_journalRemove();
     TAVEL_LOGN("acsCfg.Username :%s \n", acsCfg.Username);
     TAVEL_LOGN("acsCfg.URL :%s \n", acsCfg.URL);
     TAVEL_LOGN("############# \n");
@@ -188,8 +212,12 @@ void tavel_rollbackMgmtServerObj(void)
     }
     g_accountWriteUnderWay = false;
     TAVEL_LOGE("management account write interrupted: restoring the previous account\n");
+    // Restored, the journal is stale; not restored, it completes the new
+    // account at the next start.  Either way the account is whole.
     if (dml_setManagementServerInfo(&g_accountBefore) != 0) {
         TAVEL_LOGE("set of OID_MANAGEMENTSERVER failed\n");
+    } else {
+        tavel_journalRemove();
     }
 }
 

@@ -612,3 +612,46 @@ TEST_F(Dml, AWriteGivesUpOnAHeldLockAtTheBoundOrWhenCancelled)
     EXPECT_EQ(set("A", "3"), UpdateResult::Ok);
     EXPECT_EQ(readStore(), "A=3\n");
 }
+
+namespace
+{
+
+TEST_F(Dml, InitRemovesOnlyTheTemporaryFilesOfKilledWrites)
+{
+    writeStore("A=1\n");
+    const std::string stale[] = {"datamodel.conf.tmp.AbC123", "datamodel.conf.tmp.zz9ZZ9"};
+    const std::string kept[] = {"datamodel.conf.tmp.short", "datamodel.conf.tmp.AbC1234",
+                                "other.conf.tmp.AbC123", "datamodel.conf.new"};
+    for (const auto &name : stale) {
+        std::ofstream(dir() + "/" + name) << "A=half";
+    }
+    for (const auto &name : kept) {
+        std::ofstream(dir() + "/" + name) << "x";
+    }
+    // Of the right name but not a writer's file: a directory and a link.
+    std::filesystem::create_directory(dir() + "/datamodel.conf.tmp.dir123");
+    std::filesystem::create_symlink(storeFile(), dir() + "/datamodel.conf.tmp.lnk123");
+
+    // A writer holds the lock: its file may be the one being written.
+    {
+        FdGuard lock(open((storeFile() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        ASSERT_EQ(flock(lock.get(), LOCK_EX), 0);
+        EXPECT_EQ(dml_init(0), 0);
+        EXPECT_TRUE(std::filesystem::exists(dir() + "/" + stale[0]));
+    }
+    EXPECT_EQ(dml_init(0), 0);
+    for (const auto &name : stale) {
+        EXPECT_FALSE(std::filesystem::exists(dir() + "/" + name)) << name;
+    }
+    for (const auto &name : kept) {
+        EXPECT_TRUE(std::filesystem::exists(dir() + "/" + name)) << name;
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(dir() + "/datamodel.conf.tmp.dir123"));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir() + "/datamodel.conf.tmp.lnk123"));
+    EXPECT_EQ(readStore(), "A=1\n");
+    EXPECT_EQ(tavelTestCount(tavelTestLog(), "notice dml: dml_init: removed 2 temporary file(s) " +
+                                                 storeFile() + ".tmp.* of writes that did not finish\n"),
+              1);
+}
+
+} // namespace
