@@ -142,7 +142,10 @@ def run(args):
     scale = args.time_scale
     outage = args.outage if args.outage is not None else outage_for(args.down_attempts)
     # Bounded: the outage, then two of the longest delays that can follow it, and the apply step.
-    limit = (outage + 2 * backoff_range(args.down_attempts + 1)[1] + 90) / scale + 30
+    reach = 1
+    while sum(backoff_range(k)[0] for k in range(1, reach + 1)) <= outage:
+        reach += 1
+    limit = (outage + 2 * backoff_range(reach + 1)[1] + 90) / scale + 30
     certs = tempfile.mkdtemp(prefix="tv", dir="/tmp")
     script = {"get": harness.reply(200, harness.NEW_ACCOUNT + [harness.TZ_PARIS], body="{}"),
               "put": harness.reply(200), "outage": {"status": 503, "seconds": outage / scale}}
