@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include "main.h"
+#include "retry_seed.h"
 #include "util.h"
 
 namespace
@@ -197,7 +198,9 @@ int getRetryExpTimerValue(void)
     if (g_tavelCtrl.retryCount > 8) {
         g_tavelCtrl.retryCount = 8;
     }
-    srand(static_cast<unsigned>(time(nullptr)));
+    // Not the time alone: devices that fail in the same second would draw the
+    // same delays and stay in lockstep at every attempt.
+    srand(tavel_retrySeed());
     int base = 1;
     for (int i = 1; i < g_tavelCtrl.retryCount; ++i) {
         base *= 2;

@@ -1,5 +1,6 @@
 // Retry back-off: which codes are retried, with which delay, and what state
 // each rule leaves behind.
+#include "retry_seed.h"
 #include "test_env.h"
 
 namespace
@@ -92,6 +93,41 @@ TEST_F(Backoff, OperatorTimeoutReplacesTheDay)
             EXPECT_GE(seconds_, timeout);
             EXPECT_LE(seconds_, timeout + 254);
         }
+    }
+}
+
+// A fleet whose failures fall in the same second must not draw one delay: a
+// seed of the time alone gives every draw of a second (12 draws span at most
+// two) the same value, independent draws from 640 values nearly never repeat.
+TEST_F(Backoff, DrawsInOneSecondAreIndependent)
+{
+    std::vector<int> drawn;
+    for (int i = 0; i < 12; ++i) {
+        g_tavelCtrl.retryCount = 7;
+        g_lastErrorCode = 503;
+        ASSERT_EQ(retry(503), 0);
+        ASSERT_GE(seconds_, 640);
+        ASSERT_LE(seconds_, 1279);
+        drawn.push_back(seconds_);
+    }
+    std::sort(drawn.begin(), drawn.end());
+    EXPECT_GE(std::unique(drawn.begin(), drawn.end()) - drawn.begin(), 6);
+}
+
+// Without the kernel's random bytes the seed comes from the device: two
+// devices (serial numbers) or two instants of one device must differ.
+TEST(RetrySeed, FallbackDependsOnEveryInput)
+{
+    const uint32_t base = tavel_deviceSeedMix("SN0001", "boot-a", 1000, 2000);
+    EXPECT_EQ(tavel_deviceSeedMix("SN0001", "boot-a", 1000, 2000), base);
+    const uint32_t others[] = {tavel_deviceSeedMix("SN0002", "boot-a", 1000, 2000),
+                               tavel_deviceSeedMix("SN0001", "boot-b", 1000, 2000),
+                               tavel_deviceSeedMix("SN0001", "boot-a", 1001, 2000),
+                               tavel_deviceSeedMix("SN0001", "boot-a", 1000, 2001),
+                               tavel_deviceSeedMix("SN000", "1boot-a", 1000, 2000),
+                               tavel_deviceSeedMix(nullptr, "boot-a", 1000, 2000)};
+    for (uint32_t other : others) {
+        EXPECT_NE(other, base);
     }
 }
 

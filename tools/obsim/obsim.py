@@ -16,6 +16,18 @@ Reply script (JSON, --script FILE; re-read before every request)
       "get": [REPLY, REPLY, ...],   successive GETs take the next entry; the
                                     last one repeats.  A single REPLY is fine.
       "put": [REPLY, ...]           same for PUT (default: a bare 200)
+      "outage": {"status": 503, "seconds": 600}
+                                    every request (GET and PUT) that arrives
+                                    within "seconds" of the first request under
+                                    this script is answered with "status" and
+                                    takes no entry of the queues: a server
+                                    that is down, then back
+      "burst": {"status": 503, "from": 5.0, "at": 9.0}
+                                    requests arriving "from" to "at" seconds
+                                    after the first one are held unanswered
+                                    and all answered with "status" at "at":
+                                    a backlog refused in one instant (keep the
+                                    hold below the client's transfer time-out)
     }
     REPLY fields (all optional):
       "status": 200                 status code of a generated status line
@@ -46,15 +58,18 @@ Connection handling
 Request record (--record FILE, JSON lines, appended and flushed at once)
     {"method": "GET", "target": "/path?query", "version": "HTTP/1.1",
      "headers": ["Host: 127.0.0.1:4711", ...], "client_port": 47777,
-     "tls": true, "received": 1700000000.123456}
+     "client": "127.0.0.1", "tls": true, "received": 1700000000.123456,
+     "status": 200}
     Raw header lines in order, line ending removed, latin-1 decoded.
     "received" is the wall-clock time (time.time()) at which the request head
-    was complete, so a benchmark can time a client from its start to its GET.  A TLS
+    was complete, so a benchmark can time a client from its start to its GET.
+    "status" is the code the reply script chose for it (absent for a raw
+    "status_line").  A TLS
     handshake the client aborted is recorded as {"event": "tls_error", ...}.
 
 Usage
     CLI:    obsim.py --dir D --script reply.json --record req.jsonl \\
-                     [--port N] [--port-file F] [--plain]
+                     [--host A] [--port N] [--port-file F] [--plain]
             prints "PORT <n>" on standard output (and writes F) when ready;
             stops on SIGTERM or SIGINT.
     Python: with ObSim("/tmp/certs", script={"get": {"status": 200}}) as sim:
@@ -99,16 +114,27 @@ def _self_signed_ca(cwd, stem, cn):
              "-addext", "keyUsage=critical,keyCertSign,cRLSign", cwd=cwd)
 
 
-def ensure_certs(cert_dir):
-    """Create the CA, the server certificate and the other CA in cert_dir."""
+def _read(path):
+    try:
+        with open(path) as f:
+            return f.read()
+    except FileNotFoundError:
+        return None
+
+
+def ensure_certs(cert_dir, host="127.0.0.1"):
+    """Create the CA, the server certificate (for 127.0.0.1, localhost and
+    host) and the other CA in cert_dir."""
     os.makedirs(cert_dir, exist_ok=True)
     names = ["ca.pem", "ca.key", "server.pem", "server.key", "other-ca.pem"]
-    if all(os.path.exists(os.path.join(cert_dir, n)) for n in names):
+    san = ",".join(dict.fromkeys(["IP:127.0.0.1", "DNS:localhost", "IP:" + host]))
+    san_path = os.path.join(cert_dir, "server.san")
+    if all(os.path.exists(os.path.join(cert_dir, n)) for n in names) and (host == "127.0.0.1" or _read(san_path) == san):
         return
     _self_signed_ca(cert_dir, "ca", "obsim test CA")
     _self_signed_ca(cert_dir, "other-ca", "obsim other CA")
     with open(os.path.join(cert_dir, "server.ext"), "w") as f:
-        f.write("subjectAltName=IP:127.0.0.1,DNS:localhost\n"
+        f.write("subjectAltName=%s\n" % san +
                 "basicConstraints=CA:FALSE\n"
                 "keyUsage=critical,digitalSignature,keyEncipherment\n"
                 "extendedKeyUsage=serverAuth\n")
@@ -119,6 +145,8 @@ def ensure_certs(cert_dir):
              "-extfile", "server.ext", "-out", "server.pem", cwd=cert_dir)
     for leftover in ("server.csr", "server.ext"):
         os.unlink(os.path.join(cert_dir, leftover))
+    with open(san_path, "w") as f:
+        f.write(san)
 
 
 # ---------------------------------------------------------------- replies
@@ -174,8 +202,9 @@ class _Script:
         self.lock = threading.Lock()
         self.text = None
         self.counts = {"get": 0, "put": 0}
+        self.first = None
 
-    def next_reply(self, method):
+    def next_reply(self, method, received):
         kind = "put" if method == "PUT" else "get"
         with self.lock:
             text = ""
@@ -185,7 +214,16 @@ class _Script:
             if text != self.text:
                 self.text = text
                 self.counts = {"get": 0, "put": 0}
+                self.first = None
             script = json.loads(text) if text.strip() else {}
+            self.first = received if self.first is None else self.first
+            since = received - self.first
+            burst = script.get("burst")
+            if burst and float(burst.get("from", 0)) <= since < float(burst["at"]):
+                return {"status": burst.get("status", 503), "hold_until": self.first + float(burst["at"])}
+            outage = script.get("outage")
+            if outage and since < float(outage["seconds"]):
+                return {"status": outage.get("status", 503)}
             entries = script.get(kind, {"status": 200})
             if isinstance(entries, dict):
                 entries = [entries]
@@ -201,7 +239,8 @@ class _Script:
 class _Server(socketserver.ThreadingMixIn, socketserver.TCPServer):
     daemon_threads = True
     allow_reuse_address = True
-    request_queue_size = 32
+    # A fleet's requests can all arrive in one instant.
+    request_queue_size = 256
 
     def __init__(self, addr, sim):
         self.sim = sim
@@ -260,6 +299,7 @@ class _Handler(socketserver.BaseRequestHandler):
             _reset_close(sock)
             return
         received = time.time()
+        reply = sim.script.next_reply(head.split(b" ", 1)[0].decode("latin-1"), received)
         lines = head.decode("latin-1").split("\r\n")
         parts = lines[0].split(" ")
         method = parts[0]
@@ -269,11 +309,13 @@ class _Handler(socketserver.BaseRequestHandler):
             "version": parts[2] if len(parts) > 2 else "",
             "headers": [l for l in lines[1:] if l != ""],
             "client_port": client_port,
+            "client": self.client_address[0],
             "tls": sim.tls_context is not None,
             "received": received,
         }
+        if "status_line" not in reply:
+            entry["status"] = int(reply.get("status", 200))
         sim.record(entry)
-        reply = sim.script.next_reply(method)
         try:
             self._answer(sock, reply, sim.stop_event)
         except OSError:
@@ -305,7 +347,7 @@ class _Handler(socketserver.BaseRequestHandler):
             # Keep the connection open, unanswered, until the client gives up.
             _wait_peer_close(sock, stop, HANG_MAX)
             raise OSError("client gave up")
-        delay = float(reply.get("delay", 0))
+        delay = max(float(reply.get("delay", 0)), reply.get("hold_until", 0) - time.time())
         if delay > 0:
             stop.wait(delay)
         budget = reply.get("cut_after")
@@ -322,9 +364,10 @@ class _Handler(socketserver.BaseRequestHandler):
 class ObSim:
     """An onboarding-server simulator running in a background thread."""
 
-    def __init__(self, cert_dir, script=None, tls=True, port=0, record_path=None, script_path=None):
+    def __init__(self, cert_dir, script=None, tls=True, port=0, record_path=None, script_path=None,
+                 host="127.0.0.1"):
         self.cert_dir = os.path.abspath(cert_dir)
-        ensure_certs(self.cert_dir)
+        ensure_certs(self.cert_dir, host)
         self._own_files = []
         if script_path is None:
             fd, script_path = tempfile.mkstemp(prefix="obsim-script-", suffix=".json", dir=self.cert_dir)
@@ -345,7 +388,8 @@ class ObSim:
             ctx.load_cert_chain(os.path.join(self.cert_dir, "server.pem"),
                                 os.path.join(self.cert_dir, "server.key"))
             self.tls_context = ctx
-        self._server = _Server(("127.0.0.1", port), self)
+        self.host = host
+        self._server = _Server((host, port), self)
         self.port = self._server.server_address[1]
         self._thread = None
 
@@ -359,7 +403,7 @@ class ObSim:
 
     def url(self, path="/onboard"):
         scheme = "https" if self.tls_context is not None else "http"
-        return "%s://127.0.0.1:%d%s" % (scheme, self.port, path)
+        return "%s://%s:%d%s" % (scheme, self.host, self.port, path)
 
     def set_script(self, script):
         tmp = self.script_path + ".tmp"
@@ -407,14 +451,15 @@ def main(argv=None):
     p.add_argument("--dir", required=True, help="directory for the generated certificates")
     p.add_argument("--script", help="reply script (JSON), re-read before every request")
     p.add_argument("--record", help="append every request as a JSON line to this file")
-    p.add_argument("--port", type=int, default=0, help="port on 127.0.0.1 (default: ephemeral)")
+    p.add_argument("--host", default="127.0.0.1", help="address to listen on (also in the certificate)")
+    p.add_argument("--port", type=int, default=0, help="port (default: ephemeral)")
     p.add_argument("--port-file", help="write the port number here once listening")
     p.add_argument("--plain", action="store_true", help="plain HTTP instead of HTTPS")
     p.add_argument("--certs-only", action="store_true", help="generate the certificates and exit")
     args = p.parse_args(argv)
 
     if args.certs_only:
-        ensure_certs(args.dir)
+        ensure_certs(args.dir, args.host)
         return 0
     script_path = args.script
     if script_path is None:
@@ -422,7 +467,7 @@ def main(argv=None):
     record_path = args.record or os.path.join(os.path.abspath(args.dir), "requests.jsonl")
     open(record_path, "a").close()
     sim = ObSim(args.dir, tls=not args.plain, port=args.port,
-                record_path=record_path, script_path=script_path)
+                record_path=record_path, script_path=script_path, host=args.host)
     done = threading.Event()
     signal.signal(signal.SIGTERM, lambda *_: done.set())
     signal.signal(signal.SIGINT, lambda *_: done.set())
