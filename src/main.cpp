@@ -96,7 +96,7 @@ void tavelInit(void)
         exit(0);
     }
     initTimerSig();
-    tavel_insertFirewallRules();
+    tavel_startFirewallRules();
     dml_getModelCapability(&_g_modelCapability);
     if (_g_modelCapability.isCCSyncRequired != 0) {
         if (dml_getSupportedCountryList(&g_supportedCountryList) != 0) {
@@ -147,6 +147,7 @@ int main()
         pthread_t busThread;
         if (tavel_startThread(&busThread, busThreadMain) != 0) {
             TAVEL_LOGE("PM pthread_create failed\n");
+            tavel_awaitFirewallRules();
             exit(0);
         }
         pthread_detach(busThread);

@@ -179,18 +179,50 @@ void waitForTransfers(const struct timespec *limit)
     exit(0);
 }
 
-} // namespace
+// The rules' replacement runs on a thread of its own, so the four commands
+// overlap with the rest of start-up and the GET's connection set-up rather
+// than coming before them.
+pthread_mutex_t g_fwMutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_t g_fwThread;
+bool g_fwRunning = false;
 
-void tavel_insertFirewallRules(void)
+void *replaceFirewallRules(void * /*unused*/)
 {
     // Deleted first, so a restart never stacks a second copy of a rule.
     for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan, kFwInsertWan, kFwInsertLevel}) {
         tavel_spawn(argv);
     }
+    return nullptr;
+}
+
+} // namespace
+
+void tavel_startFirewallRules(void)
+{
+    pthread_mutex_lock(&g_fwMutex);
+    if (!g_fwRunning) {
+        g_fwRunning = tavel_startThread(&g_fwThread, replaceFirewallRules) == 0;
+        if (!g_fwRunning) {
+            replaceFirewallRules(nullptr);
+        }
+    }
+    pthread_mutex_unlock(&g_fwMutex);
+}
+
+void tavel_awaitFirewallRules(void)
+{
+    pthread_mutex_lock(&g_fwMutex);
+    if (g_fwRunning) {
+        pthread_join(g_fwThread, nullptr);
+        g_fwRunning = false;
+    }
+    pthread_mutex_unlock(&g_fwMutex);
 }
 
 void tavel_removeFirewallRules(void)
 {
+    // Never before the insertions, or a rule would outlive the agent.
+    tavel_awaitFirewallRules();
     tavel_spawn(kFwDeleteLevel);
     tavel_spawn(kFwDeleteWan);
 }
