@@ -16,18 +16,23 @@
 namespace
 {
 
-// The five cloud settings' emptiness (1 empty) as start-up logs them, in the
-// order the decision tests them.  Read once: the decision follows at once in
-// the same step, and each check reads the store and logs three lines.
-struct CloudSettings {
-    int l1, l2, mapp, kprUrl, kprKey;
-
-    bool allEmpty() const { return l1 == 1 && l2 == 1 && mapp == 1 && kprUrl == 1 && kprKey == 1; }
-};
-
-bool onboardingNeeded(const CloudSettings &cloud)
+// The five cloud settings in the order the decision tests them; the first one
+// that is set ends the test.
+bool allCloudSettingsEmpty()
 {
-    if (tavel_isMgmtServerUrlEmpty() == 1 && cloud.allEmpty()) {
+    int (*const checks[])() = {tavel_isL1ClouldUrlEmpty, tavel_isL2ClouldUrlEmpty, tavel_isRMAPPUrlEmpty,
+                               tavel_isKPRconfigUrlEmpty, tavel_isKPRconfigApikeyEmpty};
+    for (auto check : checks) {
+        if (check() != 1) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool onboardingNeeded()
+{
+    if (tavel_isMgmtServerUrlEmpty() == 1 && allCloudSettingsEmpty()) {
         return true;
     }
     if (tavel_isConnStatusFailed() == 1) {
@@ -40,23 +45,21 @@ bool onboardingNeeded(const CloudSettings &cloud)
            tavel_access(TAVEL_COUNTRY_CODE_FILE) != 0;
 }
 
-CloudSettings logSettings()
+void logSettings()
 {
     TAVEL_LOGN("tavel_isMgmtServerUrlEmpty %d \n", tavel_isMgmtServerUrlEmpty());
-    CloudSettings cloud{};
-    cloud.l1 = tavel_isL1ClouldUrlEmpty();
-    cloud.l2 = tavel_isL2ClouldUrlEmpty();
-    cloud.mapp = tavel_isRMAPPUrlEmpty();
-    TAVEL_LOGN(" isL1ClouldUrlEmpty %d isL2ClouldUrlEmpty %d isMAPPUrlEmpty %d \n", cloud.l1, cloud.l2, cloud.mapp);
-    cloud.kprUrl = tavel_isKPRconfigUrlEmpty();
-    cloud.kprKey = tavel_isKPRconfigApikeyEmpty();
-    TAVEL_LOGN("isKPRconfigUrlEmpty %d isKPRconfigApikeyEmpty %d\n", cloud.kprUrl, cloud.kprKey);
+    int l1 = tavel_isL1ClouldUrlEmpty();
+    int l2 = tavel_isL2ClouldUrlEmpty();
+    int mapp = tavel_isRMAPPUrlEmpty();
+    TAVEL_LOGN(" isL1ClouldUrlEmpty %d isL2ClouldUrlEmpty %d isMAPPUrlEmpty %d \n", l1, l2, mapp);
+    int kprUrl = tavel_isKPRconfigUrlEmpty();
+    int kprKey = tavel_isKPRconfigApikeyEmpty();
+    TAVEL_LOGN("isKPRconfigUrlEmpty %d isKPRconfigApikeyEmpty %d\n", kprUrl, kprKey);
     TAVEL_LOGN("access(TAVEL_TIMEZONECONFIG_FILE, F_OK) %d _g_modelCapability.isCCSyncRequired %d "
                "(access(TAVEL_CC_CONFIGURED_BY, F_OK) %d access(TAVEL_COUNTRY_CODE_FILE, F_OK) %d \n",
                tavel_access(TAVEL_TIMEZONECONFIG_FILE), _g_modelCapability.isCCSyncRequired,
                tavel_access(TAVEL_CC_CONFIGURED_BY), tavel_access(TAVEL_COUNTRY_CODE_FILE));
     TAVEL_LOGN("access(TAVEL_CLOULDURLCONFIG_FILE) [%d]\n", tavel_access(TAVEL_CLOULDURLCONFIG_FILE));
-    return cloud;
 }
 
 // A country code parked while a mobile-app onboarding ran is applied (or
@@ -149,7 +152,8 @@ int main()
         }
         pthread_detach(busThread);
 
-        if (onboardingNeeded(logSettings())) {
+        logSettings();
+        if (onboardingNeeded()) {
             TAVEL_LOGD("Connect to onBoardServer  ...  \n");
             validateSystemTimeAndStartPolling();
         } else if (tavel_access(TAVEL_COUNTRY_CODE_FILE) == 0 && _g_modelCapability.isCCSyncRequired != 0) {
