@@ -186,12 +186,12 @@ void waitForTransfers(const struct timespec *limit)
 // destructor: an instance is process-wide, and exit() must not unmap a stack.
 class TransientThread
 {
-  public:
+public:
     bool start(void *(*run)(void *))
     {
         size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        void *map = mmap(nullptr, kStack + page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK,
-                         -1, 0);
+        void *map = mmap(nullptr, kStack + page, PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
         if (map == MAP_FAILED) {
             return false;
         }
@@ -218,7 +218,7 @@ class TransientThread
         map_ = nullptr;
     }
 
-  private:
+private:
     static constexpr size_t kStack = size_t{128} * 1024;
     pthread_t thread_{};
     void *map_ = nullptr;

@@ -55,7 +55,7 @@ void makeParents(const std::string &path)
 // (see logFile): any thread may still log while another one calls exit().
 class LogFile
 {
-  public:
+public:
     explicit LogFile(const char *name) : path_(std::string(rootDir()) + "/var/log/" + name) {}
     LogFile(const LogFile &) = delete;
     LogFile &operator=(const LogFile &) = delete;
@@ -70,7 +70,7 @@ class LogFile
         pthread_mutex_unlock(&mutex_);
     }
 
-  private:
+private:
     // The descriptor of the file now at path_, opened (or reopened) as needed.
     bool current()
     {
