@@ -6,15 +6,18 @@ header lines and CA file against the same local server simulator:
   min   bench/ref_min.c: libcurl and the two transfers, nothing else
   curl  bench/ref_curl.sh: the curl command-line tool, once per request
 
-Headline figures (instruction counts and memory: stable on a shared host):
-instructions executed per onboarding with child processes (callgrind,
---trace-children=yes), processes started (strace), private dirty memory and
-virtual size while the agent waits for the bootstrap signal (the minimal
-program's just before it exits), bytes written to the data-model store.
-Also: peak RSS, exec to GET (as ratios of medians from the same run), idle
-CPU ticks, stripped sizes.  Then a scale table: the onboarding with a store
-of 100 to 100,000 lines, and the time-zone lookup with a mapping file of 100
-to 100,000 lines.
+One table sets every figure beside its floor, the minimal program measured
+in the same run.  Headline figures (instruction counts and memory: stable on
+a shared host): instructions per onboarding of the agent's own process and
+with the processes it starts (callgrind, --trace-children=yes), processes
+started (strace), private dirty memory and virtual size while the agent
+waits for the bootstrap signal (the minimal program's after its PUT; the
+page cache is written back first), instructions per store line added.
+Also: exec to GET (as a ratio of medians from the same run), peak RSS,
+store bytes written, idle CPU ticks, stripped sizes.  Then a scale table:
+the onboarding with a store of 100 to 100,000 lines, and the time-zone
+lookup with a mapping file of 100 to 100,000 lines.  --quick keeps the
+table's figures but measures fewer and smaller runs (about a minute).
 
 Prints markdown tables and writes bench/results.json (or --json PATH).
 Environment: TAVEL_BUILD_DIR (default build/), TAVEL_ARM_BUILD_DIR (default
@@ -56,18 +59,20 @@ def port_trouble(dev):
     return GET_DONE + "5000" in dev.log()
 
 
+TARGET_OWN_INSTR_RATIO = 1.12      # instructions of the agent's own process, x min
 TARGET_INSTR_RATIO = 1.15          # instructions with children, x min
-TARGET_DIRTY_RATIO = 1.05          # idle private dirty, x min at its exit
+TARGET_DIRTY_RATIO = 1.05          # idle private dirty, x min after its PUT
 TARGET_VMSIZE_KIB = 32 * 1024      # virtual size during the idle wait
-TARGET_EXEC_TO_GET_RATIO = 1.7     # x min
+TARGET_EXEC_TO_GET_RATIO = 1.6     # x min
 TARGET_PROCESSES = 6               # the iptables runs
-TARGET_ARM_BYTES = 200 * 1024
+TARGET_ARM_BYTES = 100 * 1000      # stripped armhf agent
 TARGET_STORE_PER_LINE = 3000       # instructions per store line per onboarding
 TARGET_STORE_100K = 400_000_000    # instructions per onboarding, 100,000-line store
 TARGET_MAPPING_100K = 150_000_000  # instructions of the lookup, 100,000 lines
 
 STORE_SIZES = (100, 1000, 10000, 100000)
 MAPPING_SIZES = (100, 10000, 100000)
+QUICK = {"runs": 7, "idle": 3.0, "store_sizes": "100,3000", "mapping_sizes": ""}
 # The time-zone lookup, profiled on its own (callgrind --toggle-collect).
 LOOKUP_FUNCTION = "gettimezonecmd*"
 
@@ -175,7 +180,7 @@ class Bench:
                 log("  local ports busy (another test?); waiting 5 s")
                 time.sleep(5)
                 continue
-            res = {"dev": dev, "ticks": None, "private_dirty": None, "vmsize": None}
+            res = {"dev": dev, "pid": pid, "ticks": None, "private_dirty": None, "vmsize": None}
             if idle > 0:
                 time.sleep(0.2)
                 before = cpu_ticks(apid)
@@ -256,16 +261,20 @@ class Bench:
                 "--log-file=%s/%s.%%p.log" % (cg, tag), "--callgrind-out-file=%s/%s.%%p.out" % (cg, tag)]
         if toggle:
             argv.append("--toggle-collect=" + toggle)
-        return argv, lambda: collected(cg, tag)
+        return argv, lambda pid=None: collected(cg, tag, pid)
 
-    def agent_instructions(self, tag, prepare=None, toggle=None):
+    def agent_instructions(self, tag, prepare=None, toggle=None, own=False):
+        """Instructions with children; with own, also the agent's own process's
+        (valgrind runs in the process it was started as)."""
         prefix, total = self.callgrind(tag, toggle=toggle)
-        self.onboard_agent(prefix=prefix, timeout=900, prepare=prepare)["dev"].close()
-        return total()
+        got = self.onboard_agent(prefix=prefix, timeout=900, prepare=prepare)
+        got["dev"].close()
+        return (total(), total(got["pid"])) if own else total()
 
     def instructions(self):
         log("instructions (callgrind, children followed) ...")
-        res = {"agent": self.agent_instructions("agent")}
+        res = {}
+        res["agent"], res["agent_own"] = self.agent_instructions("agent", own=True)
         prefix, total = self.callgrind("min")
         self.run_ref("min", prefix=prefix)
         res["min"] = total()
@@ -406,6 +415,8 @@ def status_kib(pid, key):
 
 
 def private_dirty(pid):
+    # Written back first, so no figure depends on what the page cache held.
+    os.sync()
     for line in read("/proc/%d/smaps_rollup" % pid).splitlines():
         if line.startswith("Private_Dirty:"):
             return int(line.split()[1])
@@ -444,10 +455,11 @@ def fill_mapping(dev, lines):
     return short
 
 
-def collected(cg_dir, tag):
-    """Sum of the "Collected" totals of every process profiled under tag."""
+def collected(cg_dir, tag, pid=None):
+    """Sum of the "Collected" totals of every process profiled under tag, or
+    of the process pid alone."""
     total, found = 0, 0
-    for path in glob.glob(os.path.join(cg_dir, tag + ".*.log")):
+    for path in glob.glob(os.path.join(cg_dir, "%s.%s.log" % (tag, "*" if pid is None else pid))):
         m = re.search(r"Collected : (\d+)", read(path))
         if m:
             total += int(m.group(1))
@@ -547,7 +559,7 @@ def markdown(head, table):
 
 def main():
     p = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    p.add_argument("--runs", type=int, default=10, help="exec-to-GET runs per subject (default 10)")
+    p.add_argument("--runs", type=int, default=20, help="exec-to-GET runs per subject (default 20)")
     p.add_argument("--idle", type=float, default=10.0, help="idle seconds before the idle figures (default 10)")
     p.add_argument("--json", default=os.path.join(HERE, "results.json"))
     p.add_argument("--store-sizes", default=",".join(map(str, STORE_SIZES)),
@@ -555,7 +567,12 @@ def main():
     p.add_argument("--mapping-sizes", default=",".join(map(str, MAPPING_SIZES)))
     p.add_argument("--no-scale", action="store_true", help="leave out the scale table")
     p.add_argument("--keep", action="store_true", help="keep the work directory (profiles, traces)")
+    p.add_argument("--quick", action="store_true",
+                   help="fewer and smaller runs: %s" % ", ".join("%s %s" % kv for kv in QUICK.items()))
     args = p.parse_args()
+    if args.quick:
+        for key, value in QUICK.items():
+            setattr(args, key, value)
     for tool in ("valgrind", "strace", "curl", "dbus-daemon", "cc"):
         if shutil.which(tool) is None:
             sys.exit("bench: %s not found" % tool)
@@ -583,32 +600,39 @@ def main():
                      "agent/min": ratio(agent, mn) if r_min is None else r_min,
                      "agent/curl": ratio(agent, cu) if r_curl is None else r_curl, "target": target, "met": met})
 
+    row("instructions per onboarding, own process", instr["agent_own"], instr["min"], None, "instr",
+        "<= %.2f x min" % TARGET_OWN_INSTR_RATIO, instr["agent_own"] <= TARGET_OWN_INSTR_RATIO * instr["min"])
     row("instructions per onboarding, children included", instr["agent"], instr["min"], instr["curl"], "instr",
         "<= %.2f x min" % TARGET_INSTR_RATIO, instr["agent"] <= TARGET_INSTR_RATIO * instr["min"])
     pa = procs["agent"]
     row("processes started", pa["processes"], procs["min"]["processes"], procs["curl"]["processes"], "procs",
         "%d (iptables)" % TARGET_PROCESSES, pa["processes"] <= TARGET_PROCESSES)
     dirty = mem["private_dirty"]
-    row("private dirty, idle wait (min: at exit)", dirty["agent"], dirty["min"], None, "KiB",
+    row("private dirty, idle wait (min: after its PUT)", dirty["agent"], dirty["min"], None, "KiB",
         "<= %.2f x min" % TARGET_DIRTY_RATIO, dirty["agent"] <= TARGET_DIRTY_RATIO * dirty["min"])
     vm = mem["vmsize"]
-    row("virtual size, idle wait (min: at exit)", vm["agent"], vm["min"], None, "KiB",
-        "< %d MiB" % (TARGET_VMSIZE_KIB // 1024), vm["agent"] < TARGET_VMSIZE_KIB)
+    row("virtual size, idle wait (min: after its PUT)", vm["agent"], vm["min"], None, "KiB",
+        "<= %d MiB" % (TARGET_VMSIZE_KIB // 1024), vm["agent"] <= TARGET_VMSIZE_KIB)
     # Times only as ratios of medians taken in the same run.
     row("exec to GET, relative to min (median of %d)" % args.runs, ratio(exec_ms["agent"], exec_ms["min"]), 1.0,
         ratio(exec_ms["curl"], exec_ms["min"]), "x", "<= %.1f x min" % TARGET_EXEC_TO_GET_RATIO,
         exec_ms["agent"] <= TARGET_EXEC_TO_GET_RATIO * exec_ms["min"])
     row("store bytes written per onboarding (%d rewrites)" % pa["store_rewrites"], pa["store_bytes"], None, None,
         "bytes", "-", None)
+    per_line = max((r["per_line"] for r in stores if r["per_line"] is not None), default=None)
+    if per_line is not None:
+        row("instructions per store line added (worst of %s lines)" % ", ".join(cell(r["lines"]) for r in stores[1:]),
+            round(per_line), None, None, "instr", "<= %s" % cell(TARGET_STORE_PER_LINE),
+            per_line <= TARGET_STORE_PER_LINE)
     rss = mem["maxrss"]
     row("peak RSS", rss["agent"], rss["min"], rss["curl"], "KiB", "-", None)
     row("idle CPU ticks / %.0f s" % args.idle, b.idle_ticks, None, None, "ticks", "0", b.idle_ticks == 0)
     row("stripped size x86-64", sizes["agent_x86"], sizes["min_x86"], sizes["curl_x86"], "bytes", "-", None)
     if sizes.get("agent_arm"):
-        row("stripped size ARM", sizes["agent_arm"], None, None, "bytes", "< 200 KiB",
-            sizes["agent_arm"] < TARGET_ARM_BYTES)
+        row("stripped size ARM (%s)" % sizes["agent_arm_build"], sizes["agent_arm"], None, None, "bytes",
+            "<= %s" % cell(TARGET_ARM_BYTES), sizes["agent_arm"] <= TARGET_ARM_BYTES)
 
-    head = ["figure", "agent", "min", "curl", "unit", "agent/min", "agent/curl", "target", "met"]
+    head = ["figure", "agent", "floor (min)", "curl", "unit", "agent/min", "agent/curl", "target", "met"]
     table = []
     for r in rows:
         met = "-" if r["met"] is None else ("yes" if r["met"] else "NO")

@@ -100,7 +100,7 @@ void tavelInit(void)
         tavel_exitProcess();
     }
     initTimerSig();
-    tavel_insertFirewallRules();
+    tavel_startFirewallRules();
     dml_getModelCapability(&_g_modelCapability);
     if (_g_modelCapability.isCCSyncRequired != 0) {
         if (dml_getSupportedCountryList(&g_supportedCountryList) != 0) {
@@ -155,6 +155,7 @@ int main()
         pthread_t busThread;
         if (tavel_startThread(&busThread, busThreadMain) != 0) {
             TAVEL_LOGE("PM pthread_create failed\n");
+            tavel_awaitFirewallRules();
             tavel_exitProcess();
         }
         pthread_detach(busThread);

@@ -185,8 +185,12 @@ void getTimerByType(int type, timer_t *timer);
 int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type);
 
 /* --- exit, stop and waits (main_exit.cpp) --- */
-/* Inserts (replacing) or removes the agent's two firewall rules. */
-void tavel_insertFirewallRules(void);
+/* Starts replacing the agent's two firewall rules (deletes, then inserts, one
+ * command after the other) and returns at once; await returns once they have
+ * run (at once when none are running).  A request waits for them before it
+ * is sent, and the removal waits for them before it deletes. */
+void tavel_startFirewallRules(void);
+void tavel_awaitFirewallRules(void);
 void tavel_removeFirewallRules(void);
 /* The one normal way out: a transfer in flight is let end (10 s at most,
  * then abandoned), the firewall rules are removed, and the process exits

@@ -17,6 +17,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -181,6 +182,8 @@ void waitForTransfers()
 void releaseFirewall(int commandLimitMs)
 {
     waitForTransfers();
+    // Never before the insertions, or a rule would outlive the agent.
+    tavel_awaitFirewallRules();
     for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan}) {
         tavel_spawn(argv, commandLimitMs);
     }
@@ -214,14 +217,89 @@ void releaseFirewall(int commandLimitMs)
     tavel_exitProcess();
 }
 
-} // namespace
+// A short-lived thread on a stack mapped for it and unmapped once it is
+// joined: the C library would keep the stack of a joined thread of its own
+// making cached, dirty pages included, for the life of the process.  No
+// destructor: an instance is process-wide, and exit() must not unmap a stack.
+class TransientThread
+{
+public:
+    bool start(void *(*run)(void *))
+    {
+        size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        void *map = mmap(nullptr, kStack + page, PROT_READ | PROT_WRITE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+        if (map == MAP_FAILED) {
+            return false;
+        }
+        pthread_attr_t attr;
+        bool ok = mprotect(map, page, PROT_NONE) == 0 && pthread_attr_init(&attr) == 0; // guard page below
+        if (ok) {
+            ok = pthread_attr_setstack(&attr, static_cast<char *>(map) + page, kStack) == 0 &&
+                 pthread_create(&thread_, &attr, run, nullptr) == 0;
+            pthread_attr_destroy(&attr);
+        }
+        if (!ok) {
+            munmap(map, kStack + page);
+            return false;
+        }
+        map_ = map;
+        mapSize_ = kStack + page;
+        return true;
+    }
 
-void tavel_insertFirewallRules(void)
+    void join()
+    {
+        pthread_join(thread_, nullptr);
+        munmap(map_, mapSize_);
+        map_ = nullptr;
+    }
+
+private:
+    static constexpr size_t kStack = size_t{128} * 1024;
+    pthread_t thread_{};
+    void *map_ = nullptr;
+    size_t mapSize_ = 0;
+};
+
+// The rules' replacement runs on a thread of its own, so the four commands
+// overlap with the rest of start-up and the GET's connection set-up rather
+// than coming before them.
+pthread_mutex_t g_fwMutex = PTHREAD_MUTEX_INITIALIZER;
+TransientThread g_fwThread;
+bool g_fwRunning = false;
+
+void *replaceFirewallRules(void * /*unused*/)
 {
     // Deleted first, so a restart never stacks a second copy of a rule.
     for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan, kFwInsertWan, kFwInsertLevel}) {
         tavel_spawn(argv);
     }
+    return nullptr;
+}
+
+} // namespace
+
+void tavel_startFirewallRules(void)
+{
+    pthread_mutex_lock(&g_fwMutex);
+    if (!g_fwRunning) {
+        g_fwRunning = g_fwThread.start(replaceFirewallRules);
+        if (!g_fwRunning) {
+            replaceFirewallRules(nullptr);
+        }
+    }
+    pthread_mutex_unlock(&g_fwMutex);
+}
+
+void tavel_awaitFirewallRules(void)
+{
+    pthread_mutex_lock(&g_fwMutex);
+    if (g_fwRunning) {
+        g_fwThread.join();
+        g_fwRunning = false;
+    }
+    pthread_mutex_unlock(&g_fwMutex);
 }
 
 void tavel_removeFirewallRules(void)

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "dml.h"
+#include "files.h"
 #include "util.h"
 
 namespace

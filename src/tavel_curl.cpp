@@ -248,6 +248,18 @@ int abortOnStop(void * /*clientp*/, curl_off_t /*dltotal*/, curl_off_t /*dlnow*/
     return tavel_stopRequested();
 }
 
+#if LIBCURL_VERSION_NUM >= 0x075000
+// Called once the connection is up (TLS included), before the request goes
+// out: the firewall commands started at start-up run during the set-up, and
+// no request is sent before they are done.
+int firewallReady(void * /*clientp*/, char * /*primaryIp*/, char * /*localIp*/, int /*primaryPort*/,
+                  int /*localPort*/)
+{
+    tavel_awaitFirewallRules();
+    return CURL_PREREQFUNC_OK;
+}
+#endif
+
 // Performs the transfer and maps its outcome to the request's result code.
 int performTransfer(CURL *h, const TransferRules &r)
 {
@@ -255,6 +267,13 @@ int performTransfer(CURL *h, const TransferRules &r)
     fflush(stdout);
     curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, abortOnStop);
     curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+    // A libcurl older than 7.80 has no such hook: the rules are awaited first.
+#if LIBCURL_VERSION_NUM >= 0x075000
+    if (curl_easy_setopt(h, CURLOPT_PREREQFUNCTION, firewallReady) != CURLE_OK)
+#endif
+    {
+        tavel_awaitFirewallRules();
+    }
     CURLcode rc;
     if (r.releaseAgentLock) {
         AgentLockRelease released;

@@ -173,6 +173,26 @@ class ReplyTest(OnboardingCase):
         self.assertEqual((dev.store()["Device.ManagementServer.Username"], dev.proc.poll()), ("cpe-new", None))
 
 
+class FirewallTest(OnboardingCase):
+    def test_slow_firewall_commands_hold_the_request_and_the_removal_back(self):
+        # The commands run while the agent starts and connects: a slow iptables, stamped as each one ends.
+        slow = b'#!/bin/sh\nsleep 0.25\nprintf "%s %s\\n" "$(date +%s.%N)" "$*" >> "$TAVEL_ROOT/iptables.log"\n'
+        for name, store in (("fetch, nothing new", {}), ("configured, exits at once", CONFIGURED_STORE)):
+            with self.subTest(name):
+                self.script({"get": reply(200, account(url="NA") + [TZ_PARIS])})
+                dev = self.device(store, markers=(CLOUD_MARKER, TZ_MARKER))
+                dev.touch("bin/iptables", slow)
+                os.chmod(dev.path("bin/iptables"), 0o755)
+                self.start(dev, 100)
+                self.assertEqual(dev.wait_exit(10), 0, dev.log()[-2000:])
+                runs = [line.split(" ", 1) for line in dev.read("iptables.log").splitlines()]
+                self.assertEqual([r[1] for r in runs], FIREWALL_INSERT + FIREWALL_REMOVE)
+                gets = self.server.requests("GET")
+                self.assertEqual(len(gets), 0 if store else 1)
+                for get in gets:
+                    self.assertGreater(get["received"], float(runs[3][0]))
+
+
 class FailureTest(OnboardingCase):
     def test_non_transient_status_is_retried_after_a_day_or_never(self):
         for status, code, retried, name in ((401, 401, True, "ConnectionFailed_Error_401"),

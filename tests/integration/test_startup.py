@@ -3,7 +3,7 @@ import os
 import time
 import unittest
 
-from harness import CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE, NO_ROLE, Device
+from harness import CONFIGURED_STORE, FIREWALL_INSERT, FIREWALL_REMOVE, NO_ROLE, Device, wait_until
 from tavelsim import CC_CONFIGURED_BY, CC_FILE, CLOUD_MARKER, TZ_MARKER
 
 NEEDED = "Connect to onBoardServer  ...  "
@@ -80,6 +80,8 @@ class StartupTest(unittest.TestCase):
                 else:
                     self.assertEqual(dev.wait_exit(), 0)
                     log = dev.log()
+                if outcome != "disabled":  # the rules go in while start-up goes on
+                    wait_until(lambda: len(dev.iptables()) >= 4, 10, "the firewall commands")
                 exits = outcome in ("exits", "bridge")
                 self.assertEqual(dev.iptables(), [] if outcome == "disabled" else
                                  FIREWALL_INSERT + (FIREWALL_REMOVE if exits else []))
