@@ -138,6 +138,19 @@ int setServer(const char *urlName, const char *flagsName, const KPRCConfigServer
     return setIfGiven(urlName, text(cfg->URL)) | writeParam(flagsName, std::to_string(cfg->flags));
 }
 
+// An account object: URL, Username and Password under one prefix.
+int getAccount(const std::string &prefix, ManagementServerInfo *info)
+{
+    ManagementServerInfo got;
+    if (info == nullptr || getText((prefix + "URL").c_str(), got.URL) != 0 ||
+        getText((prefix + "Username").c_str(), got.Username) != 0 ||
+        getText((prefix + "Password").c_str(), got.Password) != 0) {
+        return -1;
+    }
+    *info = got;
+    return 0;
+}
+
 void appendLine(const char *file, const char *level, const char *fmt, va_list ap)
 {
     char msg[8192];
@@ -226,17 +239,11 @@ int dml_getSupportedCountryList(SupportedCountryList *list)
 
 int dml_getManagementServerInfo(ManagementServerInfo *info)
 {
-    ManagementServerInfo got;
-    if (info == nullptr || getText("Device.ManagementServer.URL", got.URL) != 0 ||
-        getText("Device.ManagementServer.Username", got.Username) != 0 ||
-        getText("Device.ManagementServer.Password", got.Password) != 0) {
-        return -1;
+    int rc = getAccount("Device.ManagementServer.", info);
+    if (rc == 0 && fault("password")) {
+        memset(info->Password, 0, sizeof(info->Password));
     }
-    if (fault("password")) {
-        memset(got.Password, 0, sizeof(got.Password));
-    }
-    *info = got;
-    return 0;
+    return rc;
 }
 
 int dml_setManagementServerInfo(const ManagementServerInfo *info)
@@ -251,14 +258,7 @@ int dml_setManagementServerInfo(const ManagementServerInfo *info)
 
 int dml_getDefaultManagmentInfo(ManagementServerInfo *info)
 {
-    ManagementServerInfo got;
-    if (info == nullptr || getText("Device.ManagementServer.X_TAVEL_Backup.URL", got.URL) != 0 ||
-        getText("Device.ManagementServer.X_TAVEL_Backup.Username", got.Username) != 0 ||
-        getText("Device.ManagementServer.X_TAVEL_Backup.Password", got.Password) != 0) {
-        return -1;
-    }
-    *info = got;
-    return 0;
+    return getAccount("Device.ManagementServer.X_TAVEL_Backup.", info);
 }
 
 int dml_getOnBoardingServerInfo(OnBoardingServerInfo *info)

@@ -11,6 +11,7 @@
 //                                $TAVEL_ROOT/var/log/tavel.log)
 //   TAVEL_CONFORMANCE_HISTORY=FILE  the same for history events
 //   TAVEL_CONFORMANCE_BUS_NAME   the name to own (default velka.tavel)
+//   TAVEL_CONFORMANCE_CALL       a command that calls the method (below)
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -357,23 +358,23 @@ TEST_F(Dml, ReadOnlyRecordsAreSound)
 }
 
 // Another process's write is seen by the next read here: the data model is
-// the device's, not the process's.
+// the device's, not the process's.  (No other thread runs yet: fork is safe.)
 TEST_F(Dml, WritesSurviveTheProcess)
 {
     const std::string password = "pw-" + std::to_string(getpid());
-    std::string self = "/proc/self/exe";
-    char *argv[] = {self.data(), const_cast<char *>("--write-password"), const_cast<char *>(password.c_str()),
-                    nullptr};
-    ManagementServerInfo before;
-    ASSERT_EQ(dml_getManagementServerInfo(&before), 0); // whatever a cache holds now
-    pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, environ), 0);
+    ManagementServerInfo info;
+    ASSERT_EQ(dml_getManagementServerInfo(&info), 0); // whatever a cache holds now
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        put(info.Password, password);
+        _exit(dml_setManagementServerInfo(&info) == 0 ? 0 : 1);
+    }
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the writing process failed";
-    ManagementServerInfo after;
-    ASSERT_EQ(dml_getManagementServerInfo(&after), 0);
-    EXPECT_EQ(text(after.Password), password);
+    ASSERT_EQ(dml_getManagementServerInfo(&info), 0);
+    EXPECT_EQ(text(info.Password), password);
 }
 
 // Two threads writing and reading at once: every call succeeds and every
@@ -429,9 +430,19 @@ std::string rule(const char *member)
     return std::string("type='signal',member='") + member + "'";
 }
 
-void dispatch(hbusService *, hbusMessage *, hbusMessage *, uint8_t *handled)
+// The method the conformance service answers: its argument plus one.
+std::atomic<int> g_calls{0};
+std::string g_methodName;
+void dispatch(hbusService *svc, hbusMessage *msg, hbusMessage *reply, uint8_t *handled)
 {
+    int32_t arg = 0;
     *handled = 0;
+    if (hbusIsMethodCall(msg, svc->busName, TAVEL_BUS_METHOD) && hbusReadParcelInt32(msg, &arg) == 0 &&
+        hbusWriteParcelUint32(reply, static_cast<uint32_t>(arg) + 1) == 0) {
+        g_methodName = hbusGetMethodName(msg);
+        *handled = 1;
+        ++g_calls;
+    }
 }
 hbusService g_service = {"velka.tavel", dispatch, nullptr};
 
@@ -508,6 +519,53 @@ TEST_F(Bus, RemovedMatchDeliversNothing)
     EXPECT_EQ(waitFor(member, before + 1, std::chrono::seconds(5)).size(), before + 1);
 }
 
+// A call from outside reaches the dispatch with its argument, and the reply
+// written there reaches the caller.  TAVEL_CONFORMANCE_CALL is a command line
+// (words split on blanks, no shell) that calls dummyFunction with 41 on the
+// platform's bus and prints the uint32 reply.
+TEST_F(Bus, MethodCallReachesTheDispatchAndItsReplyTheCaller)
+{
+    const std::string call = env("TAVEL_CONFORMANCE_CALL");
+    if (call.empty()) {
+        GTEST_SKIP() << "no caller: set TAVEL_CONFORMANCE_CALL to a command that calls " TAVEL_BUS_METHOD " 41";
+    }
+    std::vector<std::string> words;
+    for (size_t pos = 0; pos < call.size();) {
+        size_t end = call.find(' ', pos);
+        end = end == std::string::npos ? call.size() : end;
+        if (end > pos) {
+            words.push_back(call.substr(pos, end - pos));
+        }
+        pos = end + 1;
+    }
+    std::vector<char *> argv;
+    for (std::string &w : words) {
+        argv.push_back(w.data());
+    }
+    argv.push_back(nullptr);
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    pid_t pid = 0;
+    int rc = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(out[1]);
+    std::string reply;
+    char buf[256];
+    for (ssize_t n; rc == 0 && (n = read(out[0], buf, sizeof(buf))) > 0 && reply.size() < 4096;) {
+        reply.append(buf, static_cast<size_t>(n));
+    }
+    close(out[0]);
+    ASSERT_EQ(rc, 0) << "cannot run " << words[0];
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(reply, "42\n");
+    EXPECT_EQ(g_calls.load(), 1);
+    EXPECT_EQ(g_methodName, TAVEL_BUS_METHOD);
+}
+
 TEST_F(Bus, BadArgumentsAreErrors)
 {
     EXPECT_NE(hbusSendSignal("conformance", nullptr, "x", 1), 0);
@@ -564,18 +622,3 @@ TEST(Log, EveryCallLandsAtItsLevel)
 }
 
 } // namespace
-
-int main(int argc, char **argv)
-{
-    // The process that WritesSurviveTheProcess starts: one write, then exit.
-    if (argc == 3 && strcmp(argv[1], "--write-password") == 0) {
-        ManagementServerInfo info;
-        if (dml_init(2) != 0 || dml_getManagementServerInfo(&info) != 0) {
-            return 1;
-        }
-        put(info.Password, argv[2]);
-        return dml_setManagementServerInfo(&info) == 0 ? 0 : 1;
-    }
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}
