@@ -95,7 +95,7 @@ template <size_t N> int getText(const char *name, char (&field)[N])
         return -1;
     }
     memset(field, 0, N);
-    memcpy(field, v.data(), v.size() < N - 1 ? v.size() : N - 1);
+    v.copy(field, v.size() < N - 1 ? v.size() : N - 1);
     return 0;
 }
 
@@ -106,7 +106,7 @@ int getBuf(const char *name, char *buf, size_t size)
         return -1;
     }
     memset(buf, 0, size);
-    memcpy(buf, v.data(), v.size() < size - 1 ? v.size() : size - 1);
+    v.copy(buf, v.size() < size - 1 ? v.size() : size - 1);
     return 0;
 }
 
@@ -151,7 +151,8 @@ int getAccount(const std::string &prefix, ManagementServerInfo *info)
     return 0;
 }
 
-void appendLine(const char *file, const char *level, const char *fmt, va_list ap)
+__attribute__((format(printf, 3, 0))) void appendLine(const char *file, const char *level, const char *fmt,
+                                                      va_list ap)
 {
     char msg[8192];
     vsnprintf(msg, sizeof(msg), fmt, ap);
@@ -213,7 +214,7 @@ const char *dml_getHIECertifcatePath(void)
     if (readParam("Device.DeviceInfo.X_TAVEL_CACertPath", &path) != 0) {
         path.clear();
     }
-    return path.c_str();
+    return path.c_str(); // NOLINT(clang-analyzer-cplusplus.InnerPointer): valid until this thread calls again
 }
 
 int dml_getModelCapability(ModelCapability *cap)
@@ -289,7 +290,8 @@ int dml_setOpSubnetDesc(const char *opDesc, const char *subnetDesc)
     if (opDesc == nullptr || subnetDesc == nullptr) {
         return -1;
     }
-    return writeParam("Device.X_TAVEL_Agent.OpDesc", opDesc) | writeParam("Device.X_TAVEL_Agent.SubnetDesc", subnetDesc);
+    return writeParam("Device.X_TAVEL_Agent.OpDesc", opDesc) |
+           writeParam("Device.X_TAVEL_Agent.SubnetDesc", subnetDesc);
 }
 
 int dml_getWorkMode(char mode[DML_WORKMODE_LEN])
@@ -334,7 +336,8 @@ int dml_setTimeZone(const char *tz, const char *zoneName)
     if (tz == nullptr || zoneName == nullptr) {
         return -1;
     }
-    return writeParam("Device.Time.LocalTimeZone", tz) | writeParam("Device.Time.X_TAVEL_LocalTimeZoneName", zoneName);
+    return writeParam("Device.Time.LocalTimeZone", tz) |
+           writeParam("Device.Time.X_TAVEL_LocalTimeZoneName", zoneName);
 }
 
 int dml_getKPRCConfigL1Server(KPRCConfigServer *cfg)
@@ -387,24 +390,41 @@ int dml_setKPRCZoragentConfig(const KPRCZoragentConfig *cfg)
            setIfGiven("Device.X_TAVEL_Cloud.ConfigAPIKey", text(cfg->apiKey));
 }
 
-#define EXAMPLE_LOG(file, level, fmt)                                                                              \
-    do {                                                                                                           \
-        va_list ap;                                                                                                \
-        va_start(ap, fmt);                                                                                         \
-        appendLine(file, level, fmt, ap);                                                                          \
-        va_end(ap);                                                                                                \
+#define EXAMPLE_LOG(file, level, fmt)                                                                        \
+    do {                                                                                                     \
+        va_list ap;                                                                                          \
+        va_start(ap, fmt);                                                                                   \
+        appendLine(file, level, fmt, ap);                                                                    \
+        va_end(ap);                                                                                          \
     } while (0)
 
-void dmlLogDebug(const char *fmt, ...) { EXAMPLE_LOG("tavel.log", "debug", fmt); }
-void dmlLogNotice(const char *fmt, ...) { EXAMPLE_LOG("tavel.log", "notice", fmt); }
-void dmlLogError(const char *fmt, ...) { EXAMPLE_LOG("tavel.log", "error", fmt); }
+void dmlLogDebug(const char *fmt, ...)
+{
+    EXAMPLE_LOG("tavel.log", "debug", fmt);
+}
+void dmlLogNotice(const char *fmt, ...)
+{
+    EXAMPLE_LOG("tavel.log", "notice", fmt);
+}
+void dmlLogError(const char *fmt, ...)
+{
+    EXAMPLE_LOG("tavel.log", "error", fmt);
+}
 
 void log_log(int level, const char * /*func*/, int /*line*/, const char *fmt, ...)
 {
-    EXAMPLE_LOG("tavel.log", level <= 2 ? "fatal" : level == 3 ? "error" : level <= 6 ? "notice" : "debug", fmt);
+    EXAMPLE_LOG("tavel.log",
+                level <= 2   ? "fatal"
+                : level == 3 ? "error"
+                : level <= 6 ? "notice"
+                             : "debug",
+                fmt);
 }
 
-void event_log_log(int /*type*/, const char *fmt, ...) { EXAMPLE_LOG("history.log", nullptr, fmt); }
+void event_log_log(int /*type*/, const char *fmt, ...)
+{
+    EXAMPLE_LOG("history.log", nullptr, fmt);
+}
 
 void hbusLogFatalReal(int /*line*/, const char * /*func*/, const char *fmt, ...)
 {
@@ -515,7 +535,8 @@ int hbusSendSignal(const char * /*sender*/, const char *member, const void *data
         return -1;
     }
     std::lock_guard<std::mutex> lock(bus().mutex);
-    bus().queue.emplace_back(member, data != nullptr ? std::string(static_cast<const char *>(data), len) : std::string());
+    bus().queue.emplace_back(member, data != nullptr ? std::string(static_cast<const char *>(data), len)
+                                                     : std::string());
     bus().ready.notify_one();
     return 0;
 }

@@ -140,7 +140,8 @@ std::vector<TextParam> textParams()
         {"management URL", sizeof(ManagementServerInfo::URL), url.first, url.second},
         {"management Username", sizeof(ManagementServerInfo::Username), user.first, user.second},
         {"management Password", sizeof(ManagementServerInfo::Password), pass.first, pass.second},
-        {"onBoardStatus", DML_ONBOARDSTATUS_LEN, [](const std::string &v) { return dml_setOnBoardStatus(v.c_str()); },
+        {"onBoardStatus", DML_ONBOARDSTATUS_LEN,
+         [](const std::string &v) { return dml_setOnBoardStatus(v.c_str()); },
          agent([](const OnBoardingServerInfo &i) { return text(i.onBoardStatus); })},
         {"opDesc", DML_DESC_LEN,
          [](const std::string &v) {
@@ -161,7 +162,8 @@ std::vector<TextParam> textParams()
              *out = text(code);
              return rc;
          }},
-        {"time zone", DML_TIMEZONE_LEN, [](const std::string &v) { return dml_setTimeZone(v.c_str(), "Zone/Name"); },
+        {"time zone", DML_TIMEZONE_LEN,
+         [](const std::string &v) { return dml_setTimeZone(v.c_str(), "Zone/Name"); },
          [](std::string *out) {
              char tz[DML_TIMEZONE_LEN];
              int rc = dml_getTimeZone(tz);
@@ -238,7 +240,7 @@ TEST_F(Dml, WrittenValuesReadBackWhole)
             ASSERT_EQ(p.get(&got), 0) << p.name;
             want.resize(std::min(want.size(), p.size - 1));
             EXPECT_TRUE(got == want) << p.name << ": " << got.size() << " of " << want.size() << " bytes back"
-                                      << (got.size() == want.size() ? ", other bytes" : "");
+                                     << (got.size() == want.size() ? ", other bytes" : "");
         }
     }
 }
@@ -412,18 +414,20 @@ struct Received {
     std::map<std::string, std::vector<std::string>> payloads; // by member
 };
 Received g_received;
-const char *const kMembers[] = {TAVEL_SIG_SET_LOG_LEVEL, TAVEL_SIG_SET_LOG_DESTINATION, TAVEL_SIG_DBG_CMD,
-                                TAVEL_SIG_BOOTSTRAP,     TAVEL_SIG_SYNC_MGR,            TAVEL_SIG_NTP_TIMEZONE};
+const char *const kMembers[] = {TAVEL_SIG_SET_LOG_LEVEL, TAVEL_SIG_SET_LOG_DESTINATION,
+                                TAVEL_SIG_DBG_CMD,       TAVEL_SIG_BOOTSTRAP,
+                                TAVEL_SIG_SYNC_MGR,      TAVEL_SIG_NTP_TIMEZONE};
 
 template <int Row> void onSignal(void *, void *, const void *payload, uint32_t len)
 {
     std::lock_guard<std::mutex> lock(g_received.mutex);
-    g_received.payloads[kMembers[Row]].emplace_back(payload != nullptr ? static_cast<const char *>(payload) : "",
-                                                    payload != nullptr ? len : 0);
+    g_received.payloads[kMembers[Row]].emplace_back(
+        payload != nullptr ? static_cast<const char *>(payload) : "", payload != nullptr ? len : 0);
     g_received.cv.notify_all();
 }
 
-const hbusSignalHandler kHandlers[] = {onSignal<0>, onSignal<1>, onSignal<2>, onSignal<3>, onSignal<4>, onSignal<5>};
+const hbusSignalHandler kHandlers[] = {onSignal<0>, onSignal<1>, onSignal<2>,
+                                       onSignal<3>, onSignal<4>, onSignal<5>};
 
 std::string rule(const char *member)
 {
@@ -451,8 +455,8 @@ class Bus : public ::testing::Test
 protected:
     static void SetUpTestSuite()
     {
-        static std::string name = env("TAVEL_CONFORMANCE_BUS_NAME").empty() ? TAVEL_BUS_NAME
-                                                                              : env("TAVEL_CONFORMANCE_BUS_NAME");
+        static std::string name =
+            env("TAVEL_CONFORMANCE_BUS_NAME").empty() ? TAVEL_BUS_NAME : env("TAVEL_CONFORMANCE_BUS_NAME");
         g_service.busName = name.c_str();
         ASSERT_EQ(hbusOwnName(name.c_str()), 0) << "is the agent still running?";
         ASSERT_EQ(hbusRegisterService(&g_service), 0);
@@ -492,18 +496,22 @@ TEST_F(Bus, EachSignalArrivesWithItsPayload)
         }
         std::thread other([&] {
             for (size_t i = 0; i < sent.size(); i += 2) {
-                EXPECT_EQ(hbusSendSignal("conformance", member, sent[i].data(), static_cast<uint32_t>(sent[i].size())),
+                EXPECT_EQ(hbusSendSignal("conformance", member, sent[i].data(),
+                                         static_cast<uint32_t>(sent[i].size())),
                           0);
             }
         });
         other.join();
         for (size_t i = 1; i < sent.size(); i += 2) {
-            EXPECT_EQ(hbusSendSignal("conformance", member, sent[i].data(), static_cast<uint32_t>(sent[i].size())), 0);
+            EXPECT_EQ(
+                hbusSendSignal("conformance", member, sent[i].data(), static_cast<uint32_t>(sent[i].size())),
+                0);
         }
         std::vector<std::string> got = waitFor(member, sent.size(), std::chrono::seconds(5));
         std::sort(got.begin(), got.end());
         std::sort(sent.begin(), sent.end());
-        EXPECT_TRUE(got == sent) << member << ": " << got.size() << " of " << sent.size() << " signals arrived";
+        EXPECT_TRUE(got == sent) << member << ": " << got.size() << " of " << sent.size()
+                                 << " signals arrived";
     }
 }
 
@@ -527,7 +535,8 @@ TEST_F(Bus, MethodCallReachesTheDispatchAndItsReplyTheCaller)
 {
     const std::string call = env("TAVEL_CONFORMANCE_CALL");
     if (call.empty()) {
-        GTEST_SKIP() << "no caller: set TAVEL_CONFORMANCE_CALL to a command that calls " TAVEL_BUS_METHOD " 41";
+        GTEST_SKIP() << "no caller: set TAVEL_CONFORMANCE_CALL to a command that calls " TAVEL_BUS_METHOD
+                        " 41";
     }
     std::vector<std::string> words;
     for (size_t pos = 0; pos < call.size();) {

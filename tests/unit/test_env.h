@@ -68,7 +68,8 @@ inline const std::string &tavelTestRoot()
 /* In place during static initialisation, before anything can read TAVEL_ROOT. */
 inline const bool g_tavelTestRootReady = !tavelTestRoot().empty();
 
-inline const std::string kTavelTestStore = "/flash/dml/datamodel.conf"; // the dml stand-in's file (sim builds)
+inline const std::string kTavelTestStore =
+    "/flash/dml/datamodel.conf"; // the dml stand-in's file (sim builds)
 
 inline std::string tavelTestPath(const std::string &devicePath)
 {

@@ -7,8 +7,9 @@
 
 int tavelctlDml(int /*argc*/, char ** /*argv*/)
 {
-    fprintf(stderr, "tavelctl: dml: this build uses the device's own data-model layer (TAVEL_PLATFORM=external), "
-                    "not the stand-in's store; use the platform's tools to read or change the data model\n");
+    fprintf(stderr,
+            "tavelctl: dml: this build uses the device's own data-model layer (TAVEL_PLATFORM=external), "
+            "not the stand-in's store; use the platform's tools to read or change the data model\n");
     return 2;
 }
 
