@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # Cross-builds the agent and tavelctl for the gateway's 32-bit ARM (armhf) in
 # build-arm/, prints the stripped size of the agent, and with --test runs the
-# unit tests, the packaging check and the start-up and onboarding integration
-# tests on the ARM binaries under user-mode qemu.  Installs what is missing.
+# unit tests, the conformance suite, the packaging check and the start-up and
+# onboarding integration tests on the ARM binaries under user-mode qemu.
+# Installs what is missing; the target's libraries come from Debian's armhf
+# packages, installed beside the host's or, where they cannot be, unpacked
+# into a private sysroot (build-arm-sysroot/).
 #   scripts/build-arm.sh            build
 #   scripts/build-arm.sh --test     build and test
 # TAVEL_ARM_IT="test_a test_b" names the integration test modules to run
@@ -26,53 +29,114 @@ for arg in "$@"; do
     esac
 done
 
+# A target root of Debian's armhf packages that leaves the host alone: apt
+# runs with a state of its own (armhf only, an empty package database, its
+# own lists and cache under DIR/.apt), resolves the whole dependency closure
+# from nothing, downloads it, and each package is unpacked into DIR.
+# Absolute symbolic links are made relative, so they resolve inside DIR.
+arm_sysroot_packages() {
+    # shellcheck disable=SC2086
+    echo $TAVEL_ARM_DEPS libc6-dev libstdc++-12-dev | sed 's/:armhf//g'
+}
+arm_sysroot_ready() {
+    [ -f "$1/.apt/packages" ] && [ "$(cat "$1/.apt/packages")" = "$(arm_sysroot_packages)" ]
+}
+arm_sysroot() {
+    local root=$1 state="$1/.apt"
+    local want
+    want=$(arm_sysroot_packages)
+    if arm_sysroot_ready "$root"; then
+        echo "sysroot: $root (up to date)"
+        return 0
+    fi
+    echo "sysroot: $root from the armhf packages $want"
+    rm -rf "$root"
+    mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
+    : >"$state/status"
+    local opts=(-o APT::Architecture=armhf -o APT::Architectures::=armhf -o Dir::State::Lists="$state/lists"
+        -o Dir::State::status="$state/status" -o Dir::Cache="$state/cache" -o Debug::NoLocking=1
+        -o Acquire::Retries=3)
+    # An index that cannot be fetched leaves that suite out, as for the host.
+    apt-get "${opts[@]}" update -qq || echo "sysroot: apt-get update reported errors; using the lists it got" >&2
+    # shellcheck disable=SC2086
+    apt-get "${opts[@]}" install -y -qq --download-only --no-install-recommends $want >/dev/null
+    local deb
+    for deb in "$state"/cache/archives/*.deb; do
+        dpkg-deb -x "$deb" "$root"
+    done
+    local link target
+    while IFS= read -r -d '' link; do
+        target=$(readlink "$link")
+        ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$root$target")" "$link"
+    done < <(find "$root" -path "$state" -prune -o -type l -lname '/*' -print0)
+    rm -rf "$state/cache" "$state/lists"
+    echo "$want" >"$state/packages"
+}
+
 start=$SECONDS
 phase() { echo "== $1 ($((SECONDS - start)) s)"; }
 
 phase "packages"
 # Host tools of the build and of the tests (integration: python3, dbus-daemon,
-# openssl; packaging: systemd-analyze, dpkg-shlibdeps).
-host_deps="cmake ninja-build pkg-config python3 dbus-daemon openssl systemd dpkg-dev"
+# openssl; packaging: systemd-analyze, dpkg-shlibdeps), the cross compiler
+# and user-mode qemu: all packages of the host's own architecture.
+host_deps="cmake ninja-build pkg-config python3 dbus-daemon openssl systemd dpkg-dev $TAVEL_ARM_HOST_DEPS"
 # shellcheck disable=SC2086
-missing=$(tavel_missing_packages $host_deps $TAVEL_ARM_DEPS)
-if [ -z "$missing" ]; then
-    echo "host packages: all present"
-else
-    echo "host packages to install:$missing"
+missing=$(tavel_missing_packages $host_deps)
+echo "host packages:${missing:- all present}"
+# shellcheck disable=SC2086
+tavel_ensure_packages $host_deps
+
+# The target's libraries.  First choice: Debian's armhf multiarch packages,
+# installed beside the host's.  A Multi-Arch: same library must then have the
+# same version for both architectures, so when the armhf index of a suite
+# cannot be fetched (a mirror in mid-sync) while the host already has that
+# suite's newer version, apt cannot install them.  The host's packages are
+# never downgraded or removed for this (--no-remove, no --allow-downgrades):
+# the build then takes the same packages into a private sysroot instead
+# (arm_sysroot), which needs no change to the host at all.
+# TAVEL_ARM_SYSROOT=1 takes the sysroot at once; a sysroot made before is
+# kept while it holds the same packages.
+sysroot=""
+# shellcheck disable=SC2086
+missing=$(tavel_missing_packages $TAVEL_ARM_DEPS)
+if [ "${TAVEL_ARM_SYSROOT:-0}" = 1 ] || { [ -n "$missing" ] && arm_sysroot_ready "$src/build-arm-sysroot"; }; then
+    sysroot="$src/build-arm-sysroot"
+elif [ -n "$missing" ]; then
+    echo "armhf packages to install:$missing"
     if ! dpkg --print-foreign-architectures | grep -qx armhf; then
         echo "enabling the armhf architecture in dpkg (dpkg --add-architecture armhf)"
+        [ "$(id -u)" -eq 0 ] || sudo=sudo
+        ${sudo:-} dpkg --add-architecture armhf
+    fi
+    tavel_apt_get update -qq || echo "apt-get update reported errors; using the package lists at hand" >&2
+    # shellcheck disable=SC2086
+    if ! tavel_apt_get install -y -qq --no-install-recommends --no-remove $missing >/dev/null; then
+        echo "the armhf packages cannot be installed beside the host's (see above);" \
+            "using a private sysroot instead" >&2
+        sysroot="$src/build-arm-sysroot"
     fi
 fi
-if ! dpkg --print-foreign-architectures | grep -qx armhf; then
-    [ "$(id -u)" -eq 0 ] || sudo=sudo
-    ${sudo:-} dpkg --add-architecture armhf
-    # The new architecture has no package lists yet.
-    ${sudo:-} apt-get update -qq || true
-fi
-# shellcheck disable=SC2086
-if [ -n "$missing" ] && ! tavel_ensure_packages $missing; then
-    # Multi-Arch "same" libraries must have one version on amd64 and armhf.
-    # When the armhf lists of the security suite could not be fetched, the
-    # amd64 candidates are newer than any armhf one and apt refuses; taking
-    # both from the release suite lines them up again.
-    # shellcheck disable=SC1091
-    codename=$(. /etc/os-release && echo "$VERSION_CODENAME")
-    # shellcheck disable=SC2086
-    missing=$(tavel_missing_packages $missing)
-    echo "retrying from the $codename suite:$missing" >&2
-    [ "$(id -u)" -eq 0 ] || sudo=sudo
-    # shellcheck disable=SC2086
-    DEBIAN_FRONTEND=noninteractive ${sudo:-} apt-get install -y -qq --no-install-recommends \
-        -t "$codename" $missing >/dev/null
-fi
+[ -n "$sysroot" ] && arm_sysroot "$sysroot"
 py=$(tavel_python)
 
 phase "configure"
 dir="$src/build-arm"
 tests=OFF
 [ $run_tests -eq 1 ] && tests=ON
-cmake -S "$src" -B "$dir" -G Ninja \
-    -DCMAKE_TOOLCHAIN_FILE="$src/cmake/arm-linux-gnueabihf.cmake" \
+if [ -n "$sysroot" ]; then
+    target=(-DCMAKE_TOOLCHAIN_FILE="$src/cmake/cross-linux.cmake" -DTAVEL_CROSS_TRIPLET=arm-linux-gnueabihf
+        -DCMAKE_SYSROOT="$sysroot")
+else
+    target=(-DCMAKE_TOOLCHAIN_FILE="$src/cmake/arm-linux-gnueabihf.cmake" -DCMAKE_SYSROOT=)
+fi
+# A tree configured for the other kind of target root starts afresh.
+fresh=()
+if [ -f "$dir/CMakeCache.txt" ] &&
+    [ "$(sed -n 's/^CMAKE_SYSROOT:[A-Z]*=//p' "$dir/CMakeCache.txt")" != "$sysroot" ]; then
+    fresh=(--fresh)
+fi
+cmake "${fresh[@]}" -S "$src" -B "$dir" -G Ninja "${target[@]}" \
     -DCMAKE_BUILD_TYPE=MinSizeRel \
     -DTAVEL_BUILD_TESTS=$tests \
     -DPython3_EXECUTABLE="$py" >/dev/null
@@ -109,12 +173,13 @@ if [ $run_tests -eq 0 ]; then
 fi
 
 # The emulator runs the target's loader and libraries from the armhf
-# multiarch packages (see the toolchain file for why the prefix is /).
-export TAVEL_EMULATOR="qemu-arm -L /"
+# multiarch packages (see the toolchain file for why the prefix is /) or
+# from the sysroot.
+export TAVEL_EMULATOR="qemu-arm -L ${sysroot:-/}"
 status=0
 
-phase "unit tests under qemu-arm"
-ctest --test-dir "$dir" -L unit -j "$jobs" --output-on-failure || status=1
+phase "unit tests and platform conformance under qemu-arm"
+ctest --test-dir "$dir" -L "unit|conformance" -j "$jobs" --output-on-failure || status=1
 
 phase "packaging check"
 ctest --test-dir "$dir" -L packaging --output-on-failure || status=1

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "dml.h"
+#include "platform_log.h"
 #include "store.h"
 
 namespace

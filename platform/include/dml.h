@@ -7,9 +7,21 @@
  * of these functions; the project's stand-in keeps the data model in a text
  * file (see platform/dml).
  *
- * Every operation returns 0 on success and non-zero on failure.  On failure
- * the output record or buffer is left untouched.  Text outputs are always
- * NUL-terminated within the stated size.
+ * Rules for every operation below unless its comment says otherwise:
+ * - Returns 0 on success, non-zero on an error (the data model cannot be
+ *   read or written, a NULL argument).  On an error the output record or
+ *   buffer is left untouched.
+ * - Absent is not an error: a parameter the device does not hold reads as
+ *   the empty text (0 for a number) and the call returns 0.
+ * - Text outputs are cut to their field and always NUL-terminated within it;
+ *   the bytes after the terminator are zero.  Texts are read back exactly as
+ *   written (any byte but NUL, CR and LF included), up to the field's size.
+ * - Outputs are caller-owned records; nothing returned needs freeing.
+ * - Thread-safe: the agent calls from three threads at once.  A call may
+ *   block on storage (file lock, flash write) but never waits on the bus or
+ *   the network.
+ * - A value written is visible to the next read in any thread or process,
+ *   and survives the process (it is the device's configuration).
  */
 #ifndef TAVEL_PLATFORM_DML_H
 #define TAVEL_PLATFORM_DML_H
@@ -95,6 +107,8 @@ typedef struct KPRCZoragentConfig {
     char apiKey[1024];
 } KPRCZoragentConfig;
 
+/* Called once, first of all, before any other dml_ call, from one thread;
+ * the agent passes 2.  0 when the data model is usable. */
 int dml_init(int mode);
 
 /* Optional: frees whatever the layer keeps between calls (the stand-in's
@@ -113,32 +127,54 @@ void dml_releaseCache(void) __attribute__((weak));
  * after dml_init.  cancelled must be safe to call from any thread. */
 void dml_setWaitCancel(int (*cancelled)(void)) __attribute__((weak));
 
-/* The CA certificate path; never NULL (empty when unknown).  The text stays
- * valid until the calling thread's next call of this function. */
+/* The CA certificate path.  Never NULL: empty when absent and on an error
+ * (the one operation that cannot tell them apart).  The text is owned by
+ * the layer and stays valid until the calling thread calls this function
+ * again; another thread's calls do not change it. */
 const char *dml_getHIECertifcatePath(void);
 
+/* Fills only isCCSyncRequired (1 or 0) and leaves the reserved bytes as the
+ * caller set them. */
 int dml_getModelCapability(ModelCapability *cap);
+/* Absent: groupCount 0 and groups NULL.  The arrays belong to the layer:
+ * the caller never frees them, and they stay valid (unchanged) at least
+ * until a later call of this function returns a different list. */
 int dml_getSupportedCountryList(SupportedCountryList *list);
 
+/* The management-server account, all three fields (the password too). */
 int dml_getManagementServerInfo(ManagementServerInfo *info);
+/* Stores all three fields exactly as given, empty ones included. */
 int dml_setManagementServerInfo(const ManagementServerInfo *info);
+/* The backup (default) account; read only. */
 int dml_getDefaultManagmentInfo(ManagementServerInfo *info);
 
+/* The agent object: enable is 1 when the stored number is non-zero, else 0. */
 int dml_getOnBoardingServerInfo(OnBoardingServerInfo *info);
+/* The setters below change only their named parameters. */
 int dml_setOnBoardStatus(const char *status);
 int dml_setOpSubnetDesc(const char *opDesc, const char *subnetDesc);
 
+/* Fill DML_WORKMODE_LEN bytes. */
 int dml_getWorkMode(char mode[DML_WORKMODE_LEN]);
 int dml_getWorkRole(char role[DML_WORKMODE_LEN]);
 
+/* Fills serialNumber, operatorId and country; the reserved bytes are the
+ * platform's to use or leave. */
 int dml_getNodeInfo(NodeInfo *info);
 
+/* Fills DML_COUNTRYID_LEN bytes; a longer stored code is cut. */
 int dml_getCountryID(char code[DML_COUNTRYID_LEN]);
 int dml_setCountryID(const char *code);
 
+/* Fills DML_TIMEZONE_LEN bytes.  dml_setTimeZone stores the value and the
+ * zone name as two parameters. */
 int dml_getTimeZone(char tz[DML_TIMEZONE_LEN]);
 int dml_setTimeZone(const char *tz, const char *zoneName);
 
+/* Cloud records.  The getters fill every field but serverData (left as the
+ * caller set it).  The setters store each text field that arrives non-empty
+ * and leave a field that arrives empty unchanged, so two calls that each
+ * carry one field both survive; the flags byte is stored as given. */
 int dml_getKPRCConfigL1Server(KPRCConfigServer *cfg);
 int dml_setKPRCConfigL1Server(const KPRCConfigServer *cfg);
 int dml_getKPRCConfigL2Server(KPRCConfigServer *cfg);
@@ -147,11 +183,6 @@ int dml_getKPRCRAccessConfig(KPRCRAccessConfig *cfg);
 int dml_setKPRCRAccessConfig(const KPRCRAccessConfig *cfg);
 int dml_getKPRCZoragentConfig(KPRCZoragentConfig *cfg);
 int dml_setKPRCZoragentConfig(const KPRCZoragentConfig *cfg);
-
-/* Platform log at three levels; the message is a printf format. */
-void dmlLogDebug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void dmlLogNotice(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void dmlLogError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 #ifdef __cplusplus
 }

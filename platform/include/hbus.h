@@ -7,7 +7,16 @@
  * argument of type "ay"; a signal without such an argument reaches its
  * handler with no payload and length 0.  Signals are matched by member name.
  *
- * All operations return 0 on success unless stated otherwise.
+ * Rules for every operation below unless its comment says otherwise:
+ * - Returns 0 on success, non-zero on an error (no bus, a NULL argument, a
+ *   refusal by the bus).
+ * - Strings passed in are only read during the call (hbusRegisterService's
+ *   record excepted); nothing returned needs freeing.
+ * - The set-up calls (hbusOwnName, hbusRegisterService, the match and
+ *   signal-table calls) come from one thread before hbusMainLoop; they block
+ *   until the bus answers.
+ * - Handlers and the service's dispatch run on the thread in hbusMainLoop,
+ *   one at a time, in the order the messages arrived.
  */
 #ifndef TAVEL_PLATFORM_HBUS_H
 #define TAVEL_PLATFORM_HBUS_H
@@ -49,29 +58,47 @@ typedef struct hbusSignalEntry {
     int32_t id;
 } hbusSignalEntry;
 
+/* Requests the well-known name; an error when another connection owns it. */
 int hbusOwnName(const char *name);
 /* Method calls to /velka/tavel go to svc->dispatch; a call it leaves
  * unhandled is answered with an UnknownMethod error by the layer. */
 int hbusRegisterService(hbusService *svc);
+/* Maps a bus layer status to the agent's result space; the identity on the
+ * stand-in.  Pure: any thread, never blocks. */
 int hbus_get_status_value(int status);
+/* Adds a bus match rule; signals that match it are delivered to the table's
+ * handlers.  hbusRemoveMatch removes the same rule text again: no signal
+ * that only it matched is delivered afterwards. */
 int hbusAddInterestedSignal(const char *matchRule);
+/* The signal table: a signal reaches the handler of every row whose member
+ * equals the signal's member, with the payload's bytes and count (payload
+ * valid only during the handler).  The layer copies the rows; count 0
+ * clears the table. */
 int hbusSetInteresetedSignals(const hbusSignalEntry *table, int count);
 int hbusRemoveMatch(const char *matchRule);
 
-/* Receives and dispatches messages; returns only when the connection ends. */
+/* Receives and dispatches messages on the calling thread (one thread, once)
+ * and blocks; returns (non-zero) only when the connection ends. */
 int hbusMainLoop(void);
 
-/* Non-zero when msg calls method on service. */
+/* The parcel calls below are only valid on the msg and reply a dispatch is
+ * handed, during that dispatch, on the loop's thread.
+ * Non-zero when msg calls method on service. */
 int hbusIsMethodCall(hbusMessage *msg, const char *service, const char *method);
 int hbusReadParcelInt32(hbusMessage *msg, int32_t *value);
 int hbusWriteParcelUint32(hbusMessage *reply, uint32_t value);
-/* The called method's name; never NULL. */
+/* The called method's name; never NULL (empty when there is none).  Owned
+ * by msg: valid until the dispatch returns. */
 const char *hbusGetMethodName(hbusMessage *msg);
 
-/* Emits member from /velka/tavel, interface velka.tavel, one "ay" argument.
- * May be called from any thread. */
+/* Emits member from /velka/tavel, interface velka.tavel, one "ay" argument
+ * of len bytes (data may be NULL when len is 0).  Any thread, also while
+ * another runs hbusMainLoop; queues the signal and returns without waiting
+ * for its delivery.  sender is informative. */
 int hbusSendSignal(const char *sender, const char *member, const void *data, uint32_t len);
 
+/* A fatal record of the bus layer at the platform log; same rules as the
+ * calls of platform_log.h. */
 void hbusLogFatalReal(int line, const char *func, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
 #ifdef __cplusplus

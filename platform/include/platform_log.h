@@ -3,8 +3,13 @@
  *
  * The stand-in (platform/log) appends to $TAVEL_ROOT/var/log/tavel.log and
  * $TAVEL_ROOT/var/log/history.log when TAVEL_ROOT is set, and uses syslog
- * (ident "tavelAgent") otherwise.  The dmlLog* calls live in dml.h because
- * the data-model layer owns them on the device.
+ * (ident "tavelAgent") otherwise.
+ *
+ * Every function here is thread-safe, returns nothing and never fails
+ * visibly: a record that cannot be written is dropped.  A call may block
+ * briefly on the log's storage, never on the bus or the network.  The
+ * format's arguments are only read during the call.  One call is one record:
+ * records of several threads never interleave within a line.
  */
 #ifndef TAVEL_PLATFORM_LOG_H
 #define TAVEL_PLATFORM_LOG_H
@@ -12,6 +17,12 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+
+/* The agent's own log at three levels (debug, notice, error).  On a device
+ * the data-model library may be the one that provides them. */
+void dmlLogDebug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void dmlLogNotice(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void dmlLogError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 /* Levels follow syslog: 3 error, 5 notice, 7 debug. */
 void log_log(int level, const char *func, int line, const char *fmt, ...)

@@ -74,7 +74,7 @@ class KillRestartTest(FaultCase):
                 expected = reference
                 if (killed.get("Device.ManagementServer.Username") == ACS_USER
                         and not any(k in killed for k in DESCRIPTIONS)):
-                    # Killed between the account and the descriptions: a known loss (README).
+                    # Killed between the account and the descriptions: a known loss (docs/design.md).
                     expected = {k: v for k, v in reference.items() if k not in DESCRIPTIONS}
                 self.assertEqual((store_problems(dev.path(STORE)), dev.store()), ([], expected))
                 self.assertTrue(dev.exists(TZ_MARKER) and dev.exists(CLOUD_MARKER))

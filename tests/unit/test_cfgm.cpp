@@ -1,5 +1,6 @@
 // The agent's data-model decisions against the real store: management
 // account, agent object, work mode, and the cloud settings.
+#include "store.h"
 #include "test_env.h"
 
 namespace

@@ -1,6 +1,7 @@
 // The data-model store file and the dml_ stand-in on top of it.
 #include <sys/resource.h>
 
+#include "store.h"
 #include "test_env.h"
 
 using tavel::dml::Change;

@@ -37,7 +37,6 @@
 #include "main.h"
 #include "process.h"
 #include "reply_fields.h"
-#include "store.h"
 #include "tavel_curl.h"
 #include "tavel_externalinft.h"
 #include "tavel_signal.h"
@@ -71,7 +70,8 @@ inline const std::string &tavelTestRoot()
 /* In place during static initialisation, before anything can read TAVEL_ROOT. */
 inline const bool g_tavelTestRootReady = !tavelTestRoot().empty();
 
-inline const std::string kTavelTestStore = "/flash/dml/datamodel.conf"; // the dml stand-in's file
+inline const std::string kTavelTestStore =
+    "/flash/dml/datamodel.conf"; // the dml stand-in's file (sim builds)
 
 inline std::string tavelTestPath(const std::string &devicePath)
 {

@@ -1,12 +1,12 @@
-// The data-model layer's log calls (dml.h).  On the device this layer owns
-// them; the stand-in hands each formatted message to the platform log, which
-// writes the level word the agent's log readers expect.
+// The agent's log calls at three levels (platform_log.h).  On the device the
+// data-model library may be the one that defines them; here they hand each
+// formatted message to log_log, which writes the level word the agent's log
+// readers expect.
 #include <stdarg.h>
 #include <syslog.h>
 
 #include <string>
 
-#include "dml.h"
 #include "platform_log.h"
 #include "vformat.h"
 
