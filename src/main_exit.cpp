@@ -60,6 +60,9 @@ constexpr int kStopCommandLimitMs = 5000;
 // Set on the thread that carries a stop out: its own waits must not end on
 // the stop they serve, nor run into a second stop.
 thread_local bool t_carryingOutStop = false;
+// Set on the firewall thread: it owns no agent state, so at a stop it just
+// ends, and the exit that joins it goes on.
+thread_local bool t_firewallThread = false;
 
 std::atomic<int> g_stopSignal{0};
 int g_kickFd = -1;
@@ -273,9 +276,18 @@ void *replaceFirewallRules(void * /*unused*/)
 {
     // Deleted first, so a restart never stacks a second copy of a rule.
     for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan, kFwInsertWan, kFwInsertLevel}) {
+        if (tavel_stopPending() != 0) {
+            break;
+        }
         tavel_spawn(argv);
     }
     return nullptr;
+}
+
+void *firewallThreadMain(void *unused)
+{
+    t_firewallThread = true;
+    return replaceFirewallRules(unused);
 }
 
 } // namespace
@@ -284,7 +296,7 @@ void tavel_startFirewallRules(void)
 {
     pthread_mutex_lock(&g_fwMutex);
     if (!g_fwRunning) {
-        g_fwRunning = g_fwThread.start(replaceFirewallRules);
+        g_fwRunning = g_fwThread.start(firewallThreadMain);
         if (!g_fwRunning) {
             replaceFirewallRules(nullptr);
         }
@@ -364,6 +376,9 @@ void tavel_stopPoint(void)
     }
     if (tavel_onTimerThread() != 0) {
         stopAgent();
+    }
+    if (t_firewallThread) {
+        return;
     }
     // The timer thread ends the process; this thread must not touch the
     // agent's state meanwhile, so it gives the lock up and waits for the end.

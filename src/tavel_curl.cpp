@@ -256,7 +256,8 @@ int firewallReady(void * /*clientp*/, char * /*primaryIp*/, char * /*localIp*/, 
                   int /*localPort*/)
 {
     tavel_awaitFirewallRules();
-    return CURL_PREREQFUNC_OK;
+    // A stop ended the commands early: the rules may be missing, so nothing is sent.
+    return tavel_stopRequested() != 0 ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
 }
 #endif
 

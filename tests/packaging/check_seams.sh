@@ -37,7 +37,7 @@ defined() {
 
 # Functions declared with __attribute__((weak)): optional.
 optional() {
-    perl -0ne 'while (/(\w+)\s*\([^()]*\)\s*__attribute__\s*\(\(\s*weak\s*\)\)/g) { print "$1\n" }' "$hdir/$1"
+    perl -0ne 'while (/(\w+)\s*\((?:[^()]|\([^()]*\))*\)\s*__attribute__\s*\(\(\s*weak\s*\)\)/g) { print "$1\n" }' "$hdir/$1"
 }
 
 words() { if [ -s "$1" ]; then tr '\n' ' ' <"$1" | sed 's/ $//'; else printf -- '-'; fi; }
