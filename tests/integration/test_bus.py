@@ -1,10 +1,11 @@
 """The agent on a private bus: its name, methods, signals, malformed payloads; tavelctl's bus and dml commands."""
 import os
 import shutil
+import subprocess
 import tempfile
 import time
 
-from harness import NO_ROLE, TAVELCTL, Device, ctl, run_binary, wait_owner
+from harness import NO_ROLE, TAVELCTL, Device, build_sigstorm, ctl, run_binary, wait_owner
 import tavelsim
 from tavelsim import cpu_ticks
 from test_flow import FlowCase
@@ -93,6 +94,31 @@ class ServiceTest(BusCase):
         dev.wait_stdout("cmdLine+11 = 5.\n")
         time.sleep(0.3)
         self.assertEqual((second.stdout(), second.proc.poll(), dev.proc.poll()), ("", None, None))
+
+
+class ListeningTest(BusCase):
+    def test_a_signal_sent_the_instant_the_name_appears_is_heard(self):
+        # The sender waits for the name and signals at once, as a module started alongside the agent does;
+        # the time-zone row's match is the last one added, so it has the widest window to be missed in.
+        work = tempfile.mkdtemp(prefix="tavel-listen-")
+        self.addCleanup(shutil.rmtree, work, True)
+        sender = build_sigstorm(work)
+        missed = []
+        for n in range(5):
+            value = "RACE%d" % n
+            spec = os.path.join(work, "spec")
+            with open(spec, "w") as f:
+                f.write("notifyNTPTimezoneUpdate %s\n" % (value.encode() + b"\0").hex())
+            proc = subprocess.Popen([sender, "1", "1000", spec, "velka.tavel"], env=dict(os.environ, **self.bus.env()),
+                                    stdout=subprocess.PIPE, text=True)
+            self.assertEqual(proc.stdout.readline(), "ready\n")
+            dev = self.start_agent(wait_name=False)
+            self.assertEqual((proc.communicate(timeout=10)[0], proc.returncode), ("1\n", 0))
+            wait_owner(dev, self.bus.env())  # the agent has handled everything sent before this call
+            if "value received from hmsd module is %s.\n" % value not in dev.log():
+                missed.append(value)
+            dev.close()
+        self.assertEqual(missed, [])
 
 
 class TavelctlTest(BusCase):
