@@ -15,6 +15,7 @@
 #include <memory>
 #include <string_view>
 
+#include "logtext.h"
 #include "main.h"
 #include "platform_log.h"
 #include "tavel_curl.h"
@@ -270,7 +271,7 @@ int gettimezonecmd(char *line, int size)
     char command[500] = {0};
     snprintf(command, sizeof(command), "cat %s | grep '\\%s' | grep %s", TAVEL_TIMEZONE_MAPPING_FILE, code,
              city);
-    TAVEL_LOGN(" buf value is %s\n", command);
+    TAVEL_LOGN(" buf value is %s\n", logText(command).c_str());
 
     std::unique_ptr<char, FreeDeleter> data;
     ssize_t fileSize = readMappingFile(data);
@@ -317,7 +318,8 @@ int gettimezonecmd(char *line, int size)
     if (strcmp(text, " ") == 0 || countMappingFields(text) < 5) {
         event_log_log(kHistoryEvent, "event[TZ Config Failed] reason[Timezone mapping failed] Timezone "
                                      "Configuration failed from Velka WiFi Cloud, Reason: {reason}");
-        TAVEL_LOGE(" No linux timezone to ONT timezone mapping avalieble for %s %s\n", code, city);
+        TAVEL_LOGE(" No linux timezone to ONT timezone mapping avalieble for %s %s\n",
+                   LogText<kFieldMax>(code).c_str(), LogText<kFieldMax>(city).c_str());
         TAVEL_LOGE("tavel_handleTimezonedetails exit \n");
         return -1;
     }
@@ -328,7 +330,7 @@ int gettimezonecmd(char *line, int size)
         text[len + 1] = '\0';
     }
     tavel_copyText(line, static_cast<size_t>(size), text, static_cast<size_t>(size) - 1);
-    TAVEL_LOGN("final string is %s\n", line);
+    TAVEL_LOGN("final string is %s\n", LogText<kMappingLineMax>(line).c_str());
     return 0;
 }
 
@@ -343,9 +345,9 @@ void gettimezoneandzonename(char *line, char *timezone, char *timezonename)
     if (line == nullptr) {
         return;
     }
-    TAVEL_LOGN("enter gettimezoneandzonename cmd value is %s\n", line);
+    TAVEL_LOGN("enter gettimezoneandzonename cmd value is %s\n", LogText<kMappingLineMax>(line).c_str());
     markMappingFields(line);
-    TAVEL_LOGN("cmd value after processing is %s\n", line);
+    TAVEL_LOGN("cmd value after processing is %s\n", LogText<kMappingLineMax>(line).c_str());
 
     char *save = nullptr;
     char *tok[5] = {nullptr, nullptr, nullptr, nullptr, nullptr};
@@ -353,11 +355,11 @@ void gettimezoneandzonename(char *line, char *timezone, char *timezonename)
     for (int i = 1; i < 5 && tok[i - 1] != nullptr; ++i) {
         tok[i] = strtok_r(nullptr, ";", &save);
     }
-    TAVEL_LOGN(" first token is %s\n", orNull(tok[0]));
-    TAVEL_LOGN(" second token is %s\n", orNull(tok[1]));
-    TAVEL_LOGN("third token is %s\n", orNull(tok[2]));
-    TAVEL_LOGN("fourth token is %s\n", orNull(tok[3]));
-    TAVEL_LOGN("last token is %s\n", orNull(tok[4]));
+    TAVEL_LOGN(" first token is %s\n", LogText<kMappingLineMax>(orNull(tok[0])).c_str());
+    TAVEL_LOGN(" second token is %s\n", LogText<kMappingLineMax>(orNull(tok[1])).c_str());
+    TAVEL_LOGN("third token is %s\n", LogText<kMappingLineMax>(orNull(tok[2])).c_str());
+    TAVEL_LOGN("fourth token is %s\n", LogText<kMappingLineMax>(orNull(tok[3])).c_str());
+    TAVEL_LOGN("last token is %s\n", LogText<kMappingLineMax>(orNull(tok[4])).c_str());
 
     if (timezone != nullptr) {
         tavel_copyText(timezone, 50, tok[3], kFieldMax);
@@ -410,8 +412,8 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
         if (gettimezonecmd(mapping, sizeof(mapping)) == 0) {
             char timezonename[52] = {0};
             gettimezoneandzonename(mapping, g_timezone, timezonename);
-            TAVEL_LOGN("final timezone = %s, timezonename = %s len %d", g_timezone, timezonename,
-                       static_cast<int>(strlen(timezonename)));
+            TAVEL_LOGN("final timezone = %s, timezonename = %s len %d", logText(g_timezone).c_str(),
+                       logText(timezonename).c_str(), static_cast<int>(strlen(timezonename)));
             dml_setTimeZone(g_timezone, timezonename);
             /* The NTP handler may rewrite g_timezone while the lock is given
              * up for the wait; the event reports the zone applied here. */
@@ -422,10 +424,12 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
             event_log_log(kHistoryEvent,
                           "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
                           "Cloud Successful",
-                          applied, g_timezoneCode, g_continent_city);
+                          logText(applied).c_str(), logText(g_timezoneCode).c_str(),
+                          logText(g_continent_city).c_str());
             TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
                        "Configuration from Velka Cloud Successful",
-                       applied, g_timezoneCode, g_continent_city);
+                       logText(applied).c_str(), logText(g_timezoneCode).c_str(),
+                       logText(g_continent_city).c_str());
         } else {
             TAVEL_LOGE("gettimezonecmd failed");
             touchTimezoneMarker();

@@ -5,6 +5,7 @@
 
 #include <new>
 
+#include "logtext.h"
 #include "tavel_service.h"
 #include "tavel_signal.h"
 #include "util.h"
@@ -158,7 +159,8 @@ void onVelkaTavelDispatch(hbusService *svc, hbusMessage *msg, hbusMessage *reply
         hbusWriteParcelUint32(reply, result);
         return;
     }
-    hbusLogFatalReal(__LINE__, __func__, "unknown message: %s\n", hbusGetMethodName(msg));
+    hbusLogFatalReal(__LINE__, __func__, "unknown message: %s\n",
+                     LogText<255>(hbusGetMethodName(msg)).c_str());
 }
 
 uint32_t onDummyFunction(int32_t /*arg*/)

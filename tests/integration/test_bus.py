@@ -1,5 +1,6 @@
 """The agent on a private bus: its name, methods, signals, malformed payloads; tavelctl's bus and dml commands."""
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -15,8 +16,8 @@ REGISTER_FAILED = "fatal failed to register tavel service\n"
 
 
 class BusCase(FlowCase):
-    def start_agent(self, wait_name=True):
-        dev = Device(NO_ROLE)
+    def start_agent(self, wait_name=True, store=None):
+        dev = Device(dict(NO_ROLE, **(store or {})))
         self.addCleanup(dev.close)
         dev.start(env=self.bus.env())
         dev.wait_log("TAVEL work mode is CFG... Waiting to take Role !!")
@@ -119,6 +120,33 @@ class ListeningTest(BusCase):
                 missed.append(value)
             dev.close()
         self.assertEqual(missed, [])
+
+
+# What a sender would need to write a record of its own into the log, and to wipe an operator's terminal.
+FORGED = "\nerror tavel: [forged] injected\r\x1b[2J"
+FORGED_SHOWN = "\\nerror tavel: [forged] injected\\r\\x1b[2J"
+
+
+class RecordTest(BusCase):
+    def test_text_from_the_bus_or_the_store_stays_in_its_own_record(self):
+        dev = self.start_agent(store={"Device.X_TAVEL_Agent.URL": "https://ob.test/x" + FORGED})
+        self.send("ntp", "CET" + FORGED)
+        self.send("sync", "1", "up" + FORGED)
+        self.send("sync", "7", "up" + FORGED)
+        self.send("dbg", "setTimeout 5" + FORGED)
+        self.send("dbg", "httpinfo")
+        out = dev.wait_stdout("g_httpInfo.authEnabled")
+        log = dev.wait_log("] unknown type 7\n")
+        self.assertIsNone(re.search(r"^error tavel: \[forged\]", log + out, re.M))
+        self.assertEqual([line for line in log.split("\n")[:-1] if not re.match(r"(debug|notice|error|fatal) ", line)],
+                         [])
+        self.assertIn("notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is CET%s.\n"
+                      % FORGED_SHOWN, log)
+        self.assertIn("] g_httpInfo.url: https://ob.test/x%s\n" % FORGED_SHOWN, log)
+        self.assertEqual(log.count("] Received ACS Connection Status\n"), 1)
+        for line in ("debug cmdLine = setTimeout 5%s.\n" % FORGED_SHOWN, "cmdLine+11 = 5%s.\n" % FORGED_SHOWN,
+                     "g_httpInfo.url: https://ob.test/x%s\n" % FORGED_SHOWN):
+            self.assertIn(line, out)
 
 
 class TavelctlTest(BusCase):
