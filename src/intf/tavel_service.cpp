@@ -44,32 +44,33 @@ hbusService *g_tavelService = nullptr;
 constexpr unsigned kRejoinFirstDelay = 1;
 constexpr unsigned kRejoinMaxDelay = 30;
 
-// 0 when every rule was added.
+// Adds the rules in table order, up to the first that fails (on a bus that
+// went away the rest would fail alike, each with a line of its own), then
+// hands the table over.  The number of rules added, TAVEL_SIGNAL_COUNT + 1
+// when the table was taken too.
 int addSignalMatches()
 {
-    int rc = 0;
+    int added = 0;
     for (const hbusSignalEntry &row : tavelSignalTable) {
         if (hbusAddInterestedSignal(MatchRule(row).text) != 0) {
-            rc = -1;
+            return added;
         }
+        ++added;
     }
-    if (hbusSetInteresetedSignals(tavelSignalTable, TAVEL_SIGNAL_COUNT) != 0) {
-        rc = -1;
-    }
-    return rc;
+    return hbusSetInteresetedSignals(tavelSignalTable, TAVEL_SIGNAL_COUNT) == 0 ? added + 1 : added;
 }
 
 // The subscriptions come before the name: a sender that waits for the name to
 // appear and then signals must find the agent listening already.  Without
-// the name the subscriptions go again, so a second agent hears nothing.
+// the name the rules added go again, so a second agent hears nothing.
 int joinBus()
 {
-    int rc = addSignalMatches();
-    if (rc == 0) {
-        rc = register_tavel_service();
-    }
+    int added = addSignalMatches();
+    int rc = added > TAVEL_SIGNAL_COUNT ? register_tavel_service() : -1;
     if (rc != 0) {
-        tavel_removeSignalMatches();
+        for (int i = 0; i < added && i < TAVEL_SIGNAL_COUNT; ++i) {
+            hbusRemoveMatch(MatchRule(tavelSignalTable[i]).text);
+        }
     }
     return rc;
 }
