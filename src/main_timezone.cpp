@@ -160,9 +160,9 @@ void handle_timezoneHeader(const char *line, size_t length)
 
     /* The line is not terminated: it is printed by length only. */
     int shown = length > 0x7fffffff ? 0x7fffffff : static_cast<int>(length);
-    TZ_TRACE("timzone header received is %.*s lenght %d \n", shown, line, shown);
+    TZ_TRACE("timzone header received is %s lenght %d \n", LogValue(line, length).c_str(), shown);
     memcpy(copy.get(), line, length);
-    TZ_TRACE("timzone header received after copying %s \n", copy.get());
+    TZ_TRACE("timzone header received after copying %s \n", LogValue(copy.get()).c_str());
 
     /* The error form is read from the whole line, before splitting cuts it up. */
     char errorWord[kFieldMax + 1] = {0};
@@ -172,26 +172,26 @@ void handle_timezoneHeader(const char *line, size_t length)
 
     char *save = nullptr;
     char *name = strtok_r(copy.get(), ":", &save);
-    TZ_TRACE("timzone token is %s\n", orNull(name));
+    TZ_TRACE("timzone token is %s\n", LogValue(orNull(name)).c_str());
     char *first = strtok_r(nullptr, ",", &save);
-    TZ_TRACE("first token is %s\n", orNull(first));
+    TZ_TRACE("first token is %s\n", LogValue(orNull(first)).c_str());
 
     if (first == nullptr || strstr(first, "code") == nullptr) {
-        TZ_TRACE(" erro code is %s\n", errorWord);
+        TZ_TRACE(" erro code is %s\n", logText(errorWord).c_str());
         tavel_copyText(g_timezoneData.errorcode, sizeof(g_timezoneData.errorcode), errorWord, kFieldMax);
     } else {
         char code[32] = {0};
         if (sscanf(first, " {\"code\":\"%31[^\"]%*s", code) != 1) {
             code[0] = '\0';
         }
-        TZ_TRACE("timzone token timezone value is %s\n", code);
+        TZ_TRACE("timzone token timezone value is %s\n", logText(code).c_str());
         tavel_copyText(g_timezoneCode, sizeof(g_timezoneCode), code, kFieldMax);
         tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, kFieldMax);
 
         char *second = strtok_r(nullptr, ",", &save);
-        TZ_TRACE("second token is %s\n", orNull(second));
+        TZ_TRACE("second token is %s\n", LogValue(orNull(second)).c_str());
         char *third = strtok_r(nullptr, ",", &save);
-        TZ_TRACE("third token is %s\n", orNull(third));
+        TZ_TRACE("third token is %s\n", LogValue(orNull(third)).c_str());
         char id[32] = {0};
         if (third == nullptr || sscanf(third, "\"id\":\"%31[^\"]%*s", id) != 1) {
             id[0] = '\0';
@@ -199,25 +199,25 @@ void handle_timezoneHeader(const char *line, size_t length)
 
         tavel_copyText(g_continent_city, sizeof(g_continent_city), id, kFieldMax);
         removeBackslashes(g_continent_city);
-        TZ_TRACE("g_continent_city is =  %s", g_continent_city);
+        TZ_TRACE("g_continent_city is =  %s", logText(g_continent_city).c_str());
 
         /* The city is split from the identifier as received, so escaped
          * separators leave their backslash on the leading components. */
         char *idSave = nullptr;
         char *fourth = strtok_r(id, "/", &idSave);
-        TZ_TRACE("fourth token is %s\n", orNull(fourth));
+        TZ_TRACE("fourth token is %s\n", LogText<sizeof(id)>(orNull(fourth)).c_str());
         char *fifth = strtok_r(nullptr, "/", &idSave);
-        TZ_TRACE("fifth token is %s\n", orNull(fifth));
+        TZ_TRACE("fifth token is %s\n", LogText<sizeof(id)>(orNull(fifth)).c_str());
         char *sixth = strtok_r(nullptr, ",", &idSave);
-        TZ_TRACE("sixth token is %s\n", orNull(sixth));
+        TZ_TRACE("sixth token is %s\n", LogText<sizeof(id)>(orNull(sixth)).c_str());
         const char *city = sixth != nullptr ? sixth : fifth;
         tavel_copyText(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city, kFieldMax);
-        TZ_TRACE(" g_timezoneData.cityname value is %s\n", g_timezoneData.cityname);
+        TZ_TRACE(" g_timezoneData.cityname value is %s\n", logText(g_timezoneData.cityname).c_str());
     }
 
-    TZ_TRACE("g_timezoneData.timezone is %s\n", g_timezoneData.timezone);
-    TZ_TRACE("g_timezoneData.cityname is %s\n", g_timezoneData.cityname);
-    TZ_TRACE("g_timezoneData.errorcode is %s\n", g_timezoneData.errorcode);
+    TZ_TRACE("g_timezoneData.timezone is %s\n", logText(g_timezoneData.timezone).c_str());
+    TZ_TRACE("g_timezoneData.cityname is %s\n", logText(g_timezoneData.cityname).c_str());
+    TZ_TRACE("g_timezoneData.errorcode is %s\n", logText(g_timezoneData.errorcode).c_str());
 }
 
 void removeBackslashes(char *text)
