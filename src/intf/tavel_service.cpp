@@ -40,7 +40,7 @@ hbusService *g_tavelService = nullptr;
 
 // Nominal seconds between attempts to get back onto a lost bus: a restarted
 // bus daemon is usually back within a second, and one that stays away costs
-// two log lines a minute at most.
+// four log lines a minute (its own and the bus layer's) at most.
 constexpr unsigned kRejoinFirstDelay = 1;
 constexpr unsigned kRejoinMaxDelay = 30;
 
