@@ -57,14 +57,29 @@ private:
     pid_t pid_ = -1;
 };
 
-// Waits until the bus answers (and, with name, until that name has an owner),
-// asking over a connection of the test's own.
-bool waitForBus(const char *name)
+// Waits until the bus answers (and, with agent, until the agent's service
+// answers a call, its last step in joining), asking over a connection of the
+// test's own.
+bool waitForBus(bool agent)
 {
     for (int i = 0; i < 1000; ++i) {
         DBusConnection *probe = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
         if (probe != nullptr) {
-            bool ready = name == nullptr || dbus_bus_name_has_owner(probe, name, nullptr) != 0;
+            bool ready = !agent;
+            DBusMessage *call = agent ? dbus_message_new_method_call(TAVEL_BUS_NAME, TAVEL_BUS_PATH,
+                                                                     TAVEL_BUS_INTERFACE, TAVEL_BUS_METHOD)
+                                      : nullptr;
+            dbus_int32_t arg = 0;
+            if (call != nullptr && dbus_message_append_args(call, DBUS_TYPE_INT32, &arg, DBUS_TYPE_INVALID)) {
+                DBusMessage *reply = dbus_connection_send_with_reply_and_block(probe, call, 1000, nullptr);
+                ready = reply != nullptr;
+                if (reply != nullptr) {
+                    dbus_message_unref(reply);
+                }
+            }
+            if (call != nullptr) {
+                dbus_message_unref(call);
+            }
             dbus_connection_close(probe);
             dbus_connection_unref(probe);
             if (ready) {
@@ -87,9 +102,9 @@ TEST(BusRejoin, TheServiceReturnsToARestartedBusWhileAnotherThreadSends)
     }
     PrivateDaemon bus;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
-    ASSERT_TRUE(bus.start() && waitForBus(nullptr));
+    ASSERT_TRUE(bus.start() && waitForBus(false));
     std::thread([] { start_tavel_service(); }).detach(); // lives as long as the process, as in the agent
-    ASSERT_TRUE(waitForBus(TAVEL_BUS_NAME));
+    ASSERT_TRUE(waitForBus(true));
 
     std::atomic<bool> stop{false};
     std::atomic<int> sent{0};
@@ -103,7 +118,7 @@ TEST(BusRejoin, TheServiceReturnsToARestartedBusWhileAnotherThreadSends)
     for (int round = 0; round < 3; ++round) {
         bus.kill();
         ASSERT_TRUE(bus.start());
-        ASSERT_TRUE(waitForBus(TAVEL_BUS_NAME)) << "round " << round << "\n" << tavelTestLog();
+        ASSERT_TRUE(waitForBus(true)) << "round " << round << "\n" << tavelTestLog();
     }
     int before = sent.load();
     for (int i = 0; i < 500 && sent.load() == before; ++i) {
