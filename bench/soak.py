@@ -2,7 +2,9 @@
 """Soak runs, too long for the default suite:
 
   faults  tests/integration/test_faults.py with 20 kill-and-restart rounds
-          (--rounds) at a new seed each run
+          (--rounds) at a new seed each run, and the bus daemon killed and
+          restarted 10 times (--bus-restarts) during the wait for the
+          bootstrap signal
   load    bench/load.py: 10,000 bus signals (--signals) during an
           onboarding, the agent's memory watched
 
@@ -24,12 +26,14 @@ def main():
     p.add_argument("part", nargs="*", help="faults or load (default: both)")
     p.add_argument("--rounds", type=int, default=20)
     p.add_argument("--signals", type=int, default=10000)
+    p.add_argument("--bus-restarts", type=int, default=10)
     p.add_argument("--repeat", type=int, default=1)
     args = p.parse_args()
     parts = args.part or ["faults", "load"]
     if not set(parts) <= {"faults", "load"}:
         p.error("unknown part: " + " ".join(sorted(set(parts) - {"faults", "load"})))
     env = dict(os.environ, TAVEL_FAULT_ROUNDS=str(args.rounds), TAVEL_LOAD_SIGNALS=str(args.signals),
+               TAVEL_BUS_RESTARTS=str(args.bus_restarts),
                PYTHONDONTWRITEBYTECODE="1")
     env.setdefault("TAVEL_BUILD_DIR", os.path.join(SOURCE, "build"))
     failed = 0

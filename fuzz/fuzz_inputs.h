@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -34,6 +36,45 @@ namespace tavel_fuzz
 template <size_t N> bool terminated(const char (&field)[N])
 {
     return strnlen(field, N) < N;
+}
+
+/* ---- log records ---- */
+
+inline std::string platformLog()
+{
+    return DevicePath("/var/log/tavel.log").c_str();
+}
+
+inline off_t logSize()
+{
+    struct stat st;
+    return stat(platformLog().c_str(), &st) == 0 ? st.st_size : 0;
+}
+
+// Everything the platform log gained since `from` is whole records: each line
+// starts with a level word and holds no control byte, so no outside text
+// began a record of its own or rewrote one on a terminal.
+inline bool recordsWhole(off_t from)
+{
+    std::ifstream in(platformLog(), std::ios::binary);
+    in.seekg(from);
+    std::string added((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t start = 0;
+    while (start < added.size()) {
+        size_t end = added.find('\n', start);
+        std::string_view line(added.data() + start, (end == std::string::npos ? added.size() : end) - start);
+        bool level = false;
+        for (std::string_view word : {"debug ", "notice ", "error ", "fatal "}) {
+            level = level || line.substr(0, word.size()) == word;
+        }
+        bool control = std::any_of(line.begin(), line.end(),
+                                   [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+        if (!level || control || end == std::string::npos) {
+            return false;
+        }
+        start = end + 1;
+    }
+    return true;
 }
 
 /* ---- reply headers ---- */
@@ -94,7 +135,9 @@ inline bool runHeaders(const uint8_t *data, size_t size)
     while (start < size) {
         const void *lf = memchr(data + start, '\n', size - start);
         size_t end = lf != nullptr ? static_cast<size_t>(static_cast<const uint8_t *>(lf) - data) + 1 : size;
-        if (!feedHeaderLine(data + start, end - start, direct) || !serverDataSound()) {
+        off_t logged = logSize();
+        if (!feedHeaderLine(data + start, end - start, direct) || !serverDataSound() ||
+            !recordsWhole(logged)) {
             return false;
         }
         start = end;
@@ -225,8 +268,9 @@ inline bool runSignals(const uint8_t *data, size_t size)
         bytes.resize(TAVEL_DBG_PAYLOAD_LEN, static_cast<uint8_t>(selector / 5 % 2 ? 'x' : 0));
     }
     ExactBuffer block(bytes.data(), bytes.size());
+    off_t logged = logSize();
     handlers[selector % 5](nullptr, nullptr, block.data(), static_cast<uint32_t>(block.size()));
-    const bool ok = selector % 5 != 4 || timezoneClean();
+    const bool ok = (selector % 5 != 4 || timezoneClean()) && recordsWhole(logged);
     if (g_tavelCtrl.statusUpdatePending != 0 || g_statusRetryPending != 0) {
         abort(); // a status upload was started: stop before any request
     }

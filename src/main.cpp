@@ -10,6 +10,7 @@
 
 #include "account_journal.h"
 #include "cfgm_intf.h"
+#include "logtext.h"
 #include "main.h"
 #include "tavel_service.h"
 #include "util.h"
@@ -74,7 +75,7 @@ void applyParkedCountryCode()
     }
     tavel_copyText(g_serverData.countryCode, sizeof(g_serverData.countryCode), buf, 3);
     if (validateCountryCode(g_serverData.countryCode) == 0) {
-        TAVEL_LOGN("valid country code = %s!!\n", g_serverData.countryCode);
+        TAVEL_LOGN("valid country code = %s!!\n", logText(g_serverData.countryCode).c_str());
         tavel_setCountryCode(g_serverData.countryCode);
     }
 }

@@ -1,5 +1,6 @@
 // Applies the cloud endpoints received from the onboarding server.
 #include "files.h"
+#include "logtext.h"
 #include "main.h"
 #include "tavel_externalinft.h"
 #include "util.h"
@@ -9,9 +10,9 @@ void tavel_setCloudMAPPURL(ServerData serverData)
     // The notice shows every value, the API key included, as the device's
     // log always has; the connection dumps leave the cloud values out.
     TAVEL_LOGN(" l1ClouldUrl %s l2ClouldUrl%s remotemappUrl %s kprConfigUrl[%s] kprConfigApikey[%s] \n",
-               tavel_text(serverData.l1url), tavel_text(serverData.l2url),
-               tavel_text(serverData.remotemappurl), tavel_text(serverData.kprconfigurl),
-               tavel_text(serverData.kprconfigapikey));
+               LogValue(serverData.l1url).c_str(), LogValue(serverData.l2url).c_str(),
+               LogValue(serverData.remotemappurl).c_str(), LogValue(serverData.kprconfigurl).c_str(),
+               LogValue(serverData.kprconfigapikey).c_str());
 
     // An empty value (absent, or "NA" from the server) leaves the setting as
     // it is; a failed write is logged by its setter and the rest still go out.

@@ -19,6 +19,7 @@
 #include <new>
 
 #include "files.h"
+#include "logtext.h"
 #include "main.h"
 #include "util.h"
 
@@ -87,7 +88,7 @@ void tavel_setCountryCode(const char *code)
     if (code == nullptr) {
         code = "";
     }
-    TAVEL_LOGN("country code received from tavel server : %s\n", code);
+    TAVEL_LOGN("country code received from tavel server : %s\n", LogText<kParkedLineMax>(code).c_str());
     if (tavel_access(TAVEL_ONBOARDING_IN_PROGRESS_FILE) != 0) {
         TAVEL_LOGN("update cc since MAPP didn't set\n");
         update_country_code(code);
@@ -112,7 +113,7 @@ void update_country_code(const char *code)
         code = "";
     }
     removeCountryCodeFile();
-    TAVEL_LOGN("Inside update_country_code country code %s\n", code);
+    TAVEL_LOGN("Inside update_country_code country code %s\n", LogText<kParkedLineMax>(code).c_str());
 
     /* The mark is a fixed 10-byte record: at most 8 characters, zero-padded. */
     char mark[10] = {0};
@@ -166,7 +167,8 @@ int tavel_getDataFromFile(char *buffer, const char *path, int size, int lock)
     tavel_copyText(cut, sizeof(cut), path, kCatPathMaxChars);
     int rc = read_from_file(DevicePath(cut).c_str(), buffer, size, lock);
     if (rc == 0) {
-        TAVEL_LOGN("Read from file = %s, buf = %s\n", path, buffer);
+        TAVEL_LOGN("Read from file = %s, buf = %s\n", path,
+                   LogText<64>(buffer, static_cast<size_t>(size)).c_str());
     }
     return rc;
 }

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include "cfgm_intf.h"
+#include "logtext.h"
 #include "main.h"
 #include "reply_fields.h"
 #include "tavel_curl.h"
@@ -44,7 +45,7 @@ void applyTimezone()
     dml_getTimeZone(current);
     // The device value carries a 3-character prefix the mapping file lacks.
     const char *compare = strlen(current) >= 3 ? current + 3 : "";
-    TAVEL_LOGN("timezoneconfigdone file present, timezone from dml: %s", current);
+    TAVEL_LOGN("timezoneconfigdone file present, timezone from dml: %s", logText(current).c_str());
 
     char cmd[500] = {0};
     if (gettimezonecmd(cmd, sizeof(cmd)) != 0) {
@@ -57,7 +58,8 @@ void applyTimezone()
     size_t len = strnlen(g_timezone, sizeof(g_timezone));
     size_t n = len > 0 ? len - 1 : SIZE_MAX;
     if (strncmp(compare, g_timezone, n) != 0) {
-        TAVEL_LOGN("Different timezone, handling timezone update, g_timezone: %s", g_timezone);
+        TAVEL_LOGN("Different timezone, handling timezone update, g_timezone: %s",
+                   logText(g_timezone).c_str());
         tavel_handleTimezonedetails(&g_timezoneData);
     } else {
         TAVEL_LOGN("Same timezone");
@@ -73,7 +75,7 @@ void applyCountryCode()
     } else if (validateCountryCode(g_serverData.countryCode) == 0) {
         tavel_setCountryCode(g_serverData.countryCode);
     } else {
-        TAVEL_LOGE("country code from tavel %s is not valid\n", g_serverData.countryCode);
+        TAVEL_LOGE("country code from tavel %s is not valid\n", logText(g_serverData.countryCode).c_str());
     }
 }
 
@@ -148,7 +150,8 @@ void connectToOnBoardServer(void)
     char currentCode[DML_COUNTRYID_LEN] = {0};
     dml_getCountryID(currentCode);
     TAVEL_LOGN("CC sync required %d current country code %s country code recieved from tavel server %s\n",
-               _g_modelCapability.isCCSyncRequired, currentCode, g_serverData.countryCode);
+               _g_modelCapability.isCCSyncRequired, logText(currentCode).c_str(),
+               logText(g_serverData.countryCode).c_str());
 
     const char *url = g_serverData.mgmtUrl;
     if (isEmpty(url) || strcmp(url, "NA") == 0) {
@@ -240,7 +243,7 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
     appendStatusSuffix(info.url, statusValue);
 
     TAVEL_LOGE("Send Status TO Server Status %d\n", statusValue);
-    TAVEL_LOGE("Send Status TO Server URL %s\n", info.url);
+    TAVEL_LOGE("Send Status TO Server URL %s\n", logText(info.url).c_str());
     uploading = true;
     int code = httpPutToServer(&info);
     uploading = false;
@@ -303,11 +306,11 @@ void dumpDetails(const char *func, const char *banner, const DumpLine *lines, si
 {
     TAVEL_LOGN_AS(func, "%s\n", banner);
     for (size_t i = 0; i < count; ++i) {
-        TAVEL_LOGN_AS(func, "%s%s\n", lines[i].label, lines[i].value);
+        TAVEL_LOGN_AS(func, "%s%s\n", lines[i].label, LogValue(lines[i].value).c_str());
     }
     printf("%s\n", banner);
     for (size_t i = 0; i < count; ++i) {
-        printf("%s%s\n", lines[i].label, lines[i].value);
+        printf("%s%s\n", lines[i].label, LogValue(lines[i].value).c_str());
     }
     if (closing != nullptr) {
         printf("%s\n", closing);

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "files.h"
+#include "logtext.h"
 #include "main.h"
 #include "platform_log.h"
 #include "tavel_curl.h"
@@ -54,10 +55,10 @@ void applyTimezoneMarkerAfterPause()
     event_log_log(kHistoryEvent,
                   "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
                   "Cloud Successful",
-                  applied, g_timezoneCode, g_continent_city);
+                  logText(applied).c_str(), logText(g_timezoneCode).c_str(), logText(g_continent_city).c_str());
     TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
                "Configuration from Velka Cloud Successful",
-               applied, g_timezoneCode, g_continent_city);
+               logText(applied).c_str(), logText(g_timezoneCode).c_str(), logText(g_continent_city).c_str());
 }
 
 void retryTimezoneLater()
@@ -188,9 +189,9 @@ void handle_timezoneHeader(const char *line, size_t length)
 
     /* The line is not terminated: it is printed by length only. */
     int shown = length > 0x7fffffff ? 0x7fffffff : static_cast<int>(length);
-    TZ_TRACE("timzone header received is %.*s lenght %d \n", shown, line, shown);
+    TZ_TRACE("timzone header received is %s lenght %d \n", LogValue(line, length).c_str(), shown);
     memcpy(copy.get(), line, length);
-    TZ_TRACE("timzone header received after copying %s \n", copy.get());
+    TZ_TRACE("timzone header received after copying %s \n", LogValue(copy.get()).c_str());
 
     /* The error form is read from the whole line, before splitting cuts it up. */
     char errorWord[kFieldMax + 1] = {0};
@@ -200,26 +201,26 @@ void handle_timezoneHeader(const char *line, size_t length)
 
     char *save = nullptr;
     char *name = strtok_r(copy.get(), ":", &save);
-    TZ_TRACE("timzone token is %s\n", orNull(name));
+    TZ_TRACE("timzone token is %s\n", LogValue(orNull(name)).c_str());
     char *first = strtok_r(nullptr, ",", &save);
-    TZ_TRACE("first token is %s\n", orNull(first));
+    TZ_TRACE("first token is %s\n", LogValue(orNull(first)).c_str());
 
     if (first == nullptr || strstr(first, "code") == nullptr) {
-        TZ_TRACE(" erro code is %s\n", errorWord);
+        TZ_TRACE(" erro code is %s\n", logText(errorWord).c_str());
         tavel_copyText(g_timezoneData.errorcode, sizeof(g_timezoneData.errorcode), errorWord, kFieldMax);
     } else {
         char code[32] = {0};
         if (sscanf(first, " {\"code\":\"%31[^\"]%*s", code) != 1) {
             code[0] = '\0';
         }
-        TZ_TRACE("timzone token timezone value is %s\n", code);
+        TZ_TRACE("timzone token timezone value is %s\n", logText(code).c_str());
         tavel_copyText(g_timezoneCode, sizeof(g_timezoneCode), code, kFieldMax);
         tavel_copyText(g_timezoneData.timezone, sizeof(g_timezoneData.timezone), code, kFieldMax);
 
         char *second = strtok_r(nullptr, ",", &save);
-        TZ_TRACE("second token is %s\n", orNull(second));
+        TZ_TRACE("second token is %s\n", LogValue(orNull(second)).c_str());
         char *third = strtok_r(nullptr, ",", &save);
-        TZ_TRACE("third token is %s\n", orNull(third));
+        TZ_TRACE("third token is %s\n", LogValue(orNull(third)).c_str());
         char id[32] = {0};
         if (third == nullptr || sscanf(third, "\"id\":\"%31[^\"]%*s", id) != 1) {
             id[0] = '\0';
@@ -227,25 +228,25 @@ void handle_timezoneHeader(const char *line, size_t length)
 
         tavel_copyText(g_continent_city, sizeof(g_continent_city), id, kFieldMax);
         removeBackslashes(g_continent_city);
-        TZ_TRACE("g_continent_city is =  %s", g_continent_city);
+        TZ_TRACE("g_continent_city is =  %s", logText(g_continent_city).c_str());
 
         /* The city is split from the identifier as received, so escaped
          * separators leave their backslash on the leading components. */
         char *idSave = nullptr;
         char *fourth = strtok_r(id, "/", &idSave);
-        TZ_TRACE("fourth token is %s\n", orNull(fourth));
+        TZ_TRACE("fourth token is %s\n", LogText<sizeof(id)>(orNull(fourth)).c_str());
         char *fifth = strtok_r(nullptr, "/", &idSave);
-        TZ_TRACE("fifth token is %s\n", orNull(fifth));
+        TZ_TRACE("fifth token is %s\n", LogText<sizeof(id)>(orNull(fifth)).c_str());
         char *sixth = strtok_r(nullptr, ",", &idSave);
-        TZ_TRACE("sixth token is %s\n", orNull(sixth));
+        TZ_TRACE("sixth token is %s\n", LogText<sizeof(id)>(orNull(sixth)).c_str());
         const char *city = sixth != nullptr ? sixth : fifth;
         tavel_copyText(g_timezoneData.cityname, sizeof(g_timezoneData.cityname), city, kFieldMax);
-        TZ_TRACE(" g_timezoneData.cityname value is %s\n", g_timezoneData.cityname);
+        TZ_TRACE(" g_timezoneData.cityname value is %s\n", logText(g_timezoneData.cityname).c_str());
     }
 
-    TZ_TRACE("g_timezoneData.timezone is %s\n", g_timezoneData.timezone);
-    TZ_TRACE("g_timezoneData.cityname is %s\n", g_timezoneData.cityname);
-    TZ_TRACE("g_timezoneData.errorcode is %s\n", g_timezoneData.errorcode);
+    TZ_TRACE("g_timezoneData.timezone is %s\n", logText(g_timezoneData.timezone).c_str());
+    TZ_TRACE("g_timezoneData.cityname is %s\n", logText(g_timezoneData.cityname).c_str());
+    TZ_TRACE("g_timezoneData.errorcode is %s\n", logText(g_timezoneData.errorcode).c_str());
 }
 
 void removeBackslashes(char *text)
@@ -299,7 +300,7 @@ int gettimezonecmd(char *line, int size)
     char command[500] = {0};
     snprintf(command, sizeof(command), "cat %s | grep '\\%s' | grep %s", TAVEL_TIMEZONE_MAPPING_FILE, code,
              city);
-    TAVEL_LOGN(" buf value is %s\n", command);
+    TAVEL_LOGN(" buf value is %s\n", logText(command).c_str());
 
     std::unique_ptr<char, FreeDeleter> data;
     ssize_t fileSize = readMappingFile(data);
@@ -346,7 +347,8 @@ int gettimezonecmd(char *line, int size)
     if (strcmp(text, " ") == 0 || countMappingFields(text) < 5) {
         event_log_log(kHistoryEvent, "event[TZ Config Failed] reason[Timezone mapping failed] Timezone "
                                      "Configuration failed from Velka WiFi Cloud, Reason: {reason}");
-        TAVEL_LOGE(" No linux timezone to ONT timezone mapping avalieble for %s %s\n", code, city);
+        TAVEL_LOGE(" No linux timezone to ONT timezone mapping avalieble for %s %s\n",
+                   LogText<kFieldMax>(code).c_str(), LogText<kFieldMax>(city).c_str());
         TAVEL_LOGE("tavel_handleTimezonedetails exit \n");
         return -1;
     }
@@ -357,7 +359,7 @@ int gettimezonecmd(char *line, int size)
         text[len + 1] = '\0';
     }
     tavel_copyText(line, static_cast<size_t>(size), text, static_cast<size_t>(size) - 1);
-    TAVEL_LOGN("final string is %s\n", line);
+    TAVEL_LOGN("final string is %s\n", LogText<kMappingLineMax>(line).c_str());
     return 0;
 }
 
@@ -372,9 +374,9 @@ void gettimezoneandzonename(char *line, char *timezone, char *timezonename)
     if (line == nullptr) {
         return;
     }
-    TAVEL_LOGN("enter gettimezoneandzonename cmd value is %s\n", line);
+    TAVEL_LOGN("enter gettimezoneandzonename cmd value is %s\n", LogText<kMappingLineMax>(line).c_str());
     markMappingFields(line);
-    TAVEL_LOGN("cmd value after processing is %s\n", line);
+    TAVEL_LOGN("cmd value after processing is %s\n", LogText<kMappingLineMax>(line).c_str());
 
     char *save = nullptr;
     char *tok[5] = {nullptr, nullptr, nullptr, nullptr, nullptr};
@@ -382,11 +384,11 @@ void gettimezoneandzonename(char *line, char *timezone, char *timezonename)
     for (int i = 1; i < 5 && tok[i - 1] != nullptr; ++i) {
         tok[i] = strtok_r(nullptr, ";", &save);
     }
-    TAVEL_LOGN(" first token is %s\n", orNull(tok[0]));
-    TAVEL_LOGN(" second token is %s\n", orNull(tok[1]));
-    TAVEL_LOGN("third token is %s\n", orNull(tok[2]));
-    TAVEL_LOGN("fourth token is %s\n", orNull(tok[3]));
-    TAVEL_LOGN("last token is %s\n", orNull(tok[4]));
+    TAVEL_LOGN(" first token is %s\n", LogText<kMappingLineMax>(orNull(tok[0])).c_str());
+    TAVEL_LOGN(" second token is %s\n", LogText<kMappingLineMax>(orNull(tok[1])).c_str());
+    TAVEL_LOGN("third token is %s\n", LogText<kMappingLineMax>(orNull(tok[2])).c_str());
+    TAVEL_LOGN("fourth token is %s\n", LogText<kMappingLineMax>(orNull(tok[3])).c_str());
+    TAVEL_LOGN("last token is %s\n", LogText<kMappingLineMax>(orNull(tok[4])).c_str());
 
     if (timezone != nullptr) {
         tavel_copyText(timezone, 50, tok[3], kFieldMax);
@@ -435,13 +437,13 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
         if (gettimezonecmd(mapping, sizeof(mapping)) == 0) {
             char timezonename[52] = {0};
             gettimezoneandzonename(mapping, g_timezone, timezonename);
-            TAVEL_LOGN("final timezone = %s, timezonename = %s len %d", g_timezone, timezonename,
-                       static_cast<int>(strlen(timezonename)));
+            TAVEL_LOGN("final timezone = %s, timezonename = %s len %d", logText(g_timezone).c_str(),
+                       logText(timezonename).c_str(), static_cast<int>(strlen(timezonename)));
             if (dml_setTimeZone(g_timezone, timezonename) != 0) {
                 /* No marker for a zone the device does not hold: the step
                  * runs again, as when the time-zone service is down. */
-                TAVEL_LOGE("dml_setTimeZone(%s, %s) failed: time zone not applied\n", g_timezone,
-                           timezonename);
+                TAVEL_LOGE("dml_setTimeZone(%s, %s) failed: time zone not applied\n",
+                           logText(g_timezone).c_str(), logText(timezonename).c_str());
                 retryTimezoneLater();
             } else {
                 applyTimezoneMarkerAfterPause();

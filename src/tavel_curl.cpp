@@ -18,6 +18,7 @@
 #include <memory>
 #include <string_view>
 
+#include "logtext.h"
 #include "platform_log.h"
 #include "reply_fields.h"
 #include "tavel_curl.h"
@@ -150,10 +151,10 @@ void dumpBody(const PollRespBuffer &buf)
     TAVEL_LOGD("Data From Server START:#########################\n");
     const char *text = tavel_text(buf.data);
     if (buf.size <= kBodyDumpMax) {
-        TAVEL_LOGD("%s\n", text);
+        TAVEL_LOGD("%s\n", LogText<kBodyDumpMax>(text, buf.size).c_str());
     } else {
-        TAVEL_LOGD("%.*s ...[%zu bytes, first %zu logged]\n", static_cast<int>(kBodyDumpMax), text, buf.size,
-                   kBodyDumpMax);
+        TAVEL_LOGD("%s ...[%zu bytes, first %zu logged]\n", LogText<kBodyDumpMax>(text, kBodyDumpMax).c_str(),
+                   buf.size, kBodyDumpMax);
     }
     TAVEL_LOGD("Data From Server END:#########################\n");
 }
@@ -204,8 +205,8 @@ int headerTypeOf(const char *line, size_t n)
 {
     std::string_view whole(line, n);
     if (g_headerTrace.current && whole.find("pwd") == std::string_view::npos) {
-        int shown = n > INT_MAX ? INT_MAX : static_cast<int>(n);
-        log_log(5, "getHeaderType", __LINE__, " header value is %.*s\n", shown, line);
+        log_log(5, "getHeaderType", __LINE__, " header value is %s\n",
+                LogText<kHeaderTraceMax>(line, n).c_str());
     }
 
     char head[kHeaderLineSize] = {};
@@ -489,8 +490,8 @@ int httpPutToServer(HttpInfo *info)
     appendHeader(headers, "snetdesc: %s", subnetdesc);
     appendHeader(headers, "opdesc: %s", operdesc);
 
-    TAVEL_LOGD("httpPutToServer operdesc :%s", operdesc);
-    TAVEL_LOGD("httpPutToServer subnetdesc :%s\n", subnetdesc);
+    TAVEL_LOGD("httpPutToServer operdesc :%s", LogValue(operdesc).c_str());
+    TAVEL_LOGD("httpPutToServer subnetdesc :%s\n", LogValue(subnetdesc).c_str());
     if (headers) {
         curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
     }

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "dml.h"
+#include "logtext.h"
 #include "util.h"
 
 int tavel_intf_getWorkMode(char mode[33])
@@ -14,7 +15,7 @@ int tavel_intf_getWorkMode(char mode[33])
         TAVEL_LOGE("Get WorkMode ok falied\n");
         return -1;
     }
-    TAVEL_LOGN("Get WorkMode ok Value is %s\n", mode);
+    TAVEL_LOGN("Get WorkMode ok Value is %s\n", LogText<DML_WORKMODE_LEN>(mode, DML_WORKMODE_LEN).c_str());
     return 0;
 }
 
@@ -24,7 +25,7 @@ int tavel_intf_getWorkRole(char role[33])
         TAVEL_LOGE("Get WorkRode ok falied\n");
         return -1;
     }
-    TAVEL_LOGN("Get workRole ok Value is %s\n", role);
+    TAVEL_LOGN("Get workRole ok Value is %s\n", LogText<DML_WORKMODE_LEN>(role, DML_WORKMODE_LEN).c_str());
     return 0;
 }
 
@@ -54,9 +55,9 @@ int getServerUrl(Level level, char *buf, size_t bufSize, const char *func)
     }
     tavel_copyText(buf, bufSize, cfg.URL, sizeof(cfg.URL) - 1);
     if (level == Level::L1) {
-        TAVEL_LOGN_AS(func, "getL1ClouldURL is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getL1ClouldURL is [%s]\n", LogValue(buf, bufSize).c_str());
     } else {
-        TAVEL_LOGN_AS(func, "getL2ClouldURL value is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getL2ClouldURL value is [%s]\n", LogValue(buf, bufSize).c_str());
     }
     return 1;
 }
@@ -73,9 +74,9 @@ int setServerUrl(Level level, const char *url, const char *func)
         return 0;
     }
     if (level == Level::L1) {
-        TAVEL_LOGN_AS(func, "setL1ClouldURL set is [%s]\n", cfg.URL);
+        TAVEL_LOGN_AS(func, "setL1ClouldURL set is [%s]\n", logText(cfg.URL).c_str());
     } else {
-        TAVEL_LOGN_AS(func, "setL2ClouldURL is [%s]\n", cfg.URL);
+        TAVEL_LOGN_AS(func, "setL2ClouldURL is [%s]\n", logText(cfg.URL).c_str());
     }
     return 1;
 }
@@ -92,10 +93,10 @@ int getZoragent(ZorField which, char *buf, size_t bufSize, const char *func)
     }
     if (which == ZorField::Url) {
         tavel_copyText(buf, bufSize, cfg.configURL, sizeof(cfg.configURL) - 1);
-        TAVEL_LOGN_AS(func, "getkprconfigUrl is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getkprconfigUrl is [%s]\n", LogValue(buf, bufSize).c_str());
     } else {
         tavel_copyText(buf, bufSize, cfg.apiKey, sizeof(cfg.apiKey) - 1);
-        TAVEL_LOGN_AS(func, "getkprconfigApikey is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getkprconfigApikey is [%s]\n", LogValue(buf, bufSize).c_str());
     }
     return 1;
 }
@@ -112,9 +113,9 @@ int setZoragent(ZorField which, const char *value, const char *func)
         return 0;
     }
     if (which == ZorField::Url) {
-        TAVEL_LOGN_AS(func, "setkprconfigUrl set is [%s]\n", cfg.configURL);
+        TAVEL_LOGN_AS(func, "setkprconfigUrl set is [%s]\n", logText(cfg.configURL).c_str());
     } else {
-        TAVEL_LOGN_AS(func, "setkprconfigApikey set is [%s]\n", cfg.apiKey);
+        TAVEL_LOGN_AS(func, "setkprconfigApikey set is [%s]\n", logText(cfg.apiKey).c_str());
     }
     return 1;
 }
@@ -150,7 +151,7 @@ int tavel_intf_getRMAPPURL(char *buf, size_t bufSize)
         return 0;
     }
     tavel_copyText(buf, bufSize, cfg.URL, sizeof(cfg.URL) - 1);
-    TAVEL_LOGN("getMAPPURL is [%s]\n", buf);
+    TAVEL_LOGN("getMAPPURL is [%s]\n", LogValue(buf, bufSize).c_str());
     return 1;
 }
 
@@ -163,7 +164,7 @@ int tavel_intf_setRMAPPURL(const char *url)
         TAVEL_LOGE("dmlsetmappURL functin failed ...");
         return 0;
     }
-    TAVEL_LOGN("value set  is [%s]\n", cfg.URL);
+    TAVEL_LOGN("value set  is [%s]\n", logText(cfg.URL).c_str());
     return 1;
 }
 

@@ -1,4 +1,5 @@
 #include "util.h"
+#include "logtext.h"
 
 #include <errno.h>
 #include <malloc.h>
@@ -19,7 +20,7 @@ void parseTimetoHourMinSec(const char *text, int *hour, int *minute, int *second
     if (t == nullptr) {
         return;
     }
-    TAVEL_LOGN("buf :%s\n", t);
+    TAVEL_LOGN("buf :%s\n", LogText<sizeof(buf)>(t, sizeof(buf) - static_cast<size_t>(t - buf)).c_str());
     char *save = nullptr;
     int *outs[3] = {hour, minute, second};
     char *tok = strtok_r(t + 1, ":", &save);

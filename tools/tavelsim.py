@@ -282,13 +282,18 @@ class PrivateBus:
         self._own_dir = directory is None
         self.dir = tempfile.mkdtemp(prefix="tavel-bus-") if directory is None else directory
         os.makedirs(self.dir, exist_ok=True)
-        config = os.path.join(self.dir, "bus.conf")
-        with open(config, "w") as f:
+        self.config = os.path.join(self.dir, "bus.conf")
+        with open(self.config, "w") as f:
             f.write(BUS_CONFIG.format(socket=os.path.join(self.dir, "bus"), policy=policy,
                                       include="<include>%s</include>" % include if include else ""))
         self.proc = None
+        self.address = None
+        self._launch()
+
+    def _launch(self):
         try:
-            self.proc = subprocess.Popen(["dbus-daemon", "--config-file=" + config, "--nofork", "--print-address"],
+            self.proc = subprocess.Popen(["dbus-daemon", "--config-file=" + self.config, "--nofork",
+                                          "--print-address"],
                                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
         except FileNotFoundError:
             self.close()
@@ -299,8 +304,24 @@ class PrivateBus:
             self.close()
             raise RuntimeError("dbus-daemon did not start: " + err)
 
+    def kill(self):
+        """The daemon dies (SIGKILL), as a crashed system bus would; its clients lose their connections."""
+        self.proc.kill()
+        self.proc.wait(timeout=10)
+        self.proc.stdout.close()
+        self.proc.stderr.close()
+
+    def restart(self):
+        """A new daemon on the same socket path, so env() reaches it unchanged."""
+        if self.proc.poll() is None:
+            self.kill()
+        self._launch()
+
     def env(self):
-        return {"DBUS_SYSTEM_BUS_ADDRESS": self.address}
+        # The socket path alone, as a device's system-bus address is: the
+        # daemon's guid would tie a client to this one daemon, not to a
+        # restarted one.
+        return {"DBUS_SYSTEM_BUS_ADDRESS": "unix:path=" + os.path.join(self.dir, "bus")}
 
     def close(self):
         if self.proc is not None:

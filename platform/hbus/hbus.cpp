@@ -9,6 +9,11 @@
 // thread queued outgoing data or read incoming messages.  The loop sleeps in
 // poll with no time-out: an idle agent costs no CPU.
 //
+// When the bus daemon goes away the main loop returns and the connection is
+// forgotten; the next operation, from whichever thread, connects anew.  The
+// name, the service, the matches and the filter belong to a connection, so
+// the caller sets them up again before it runs the loop once more.
+//
 // Method calls reach /velka/tavel only.  When the service's dispatch leaves
 // a call unhandled, the layer answers it with an UnknownMethod error, so a
 // caller learns at once instead of waiting for its own reply time-out.
@@ -48,18 +53,37 @@ namespace
 using tavel::platform::ErrorGuard;
 using tavel::platform::MessagePtr;
 
-// The connection and the wake-up descriptor live as long as the process.
-// They are deliberately never closed: exit() may come from any thread while
-// the bus thread still sits in poll on them, and the kernel releases both.
-std::mutex g_connMutex;
-DBusConnection *g_conn = nullptr;
-int g_wakeFd = -1;
+// One connection to the bus daemon and what the layer has set up on it.  It
+// is shared: whoever drops the last reference (the main loop that saw it end,
+// or a sender still using it) closes it, so no thread ever polls or writes a
+// descriptor that another one has closed and the kernel may have reused.
+struct Link {
+    explicit Link(DBusConnection *c) : conn(c) {}
+    ~Link()
+    {
+        dbus_connection_close(conn);
+        dbus_connection_unref(conn);
+    }
+    Link(const Link &) = delete;
+    Link &operator=(const Link &) = delete;
+    DBusConnection *conn;
+    // Both belong to the connection: a new one needs them again.
+    bool objectRegistered = false;
+    bool filterAdded = false;
+};
+using LinkPtr = std::shared_ptr<Link>;
 
-hbusService *g_service = nullptr;
+// The holder and the wake-up descriptor are never destroyed or closed: exit()
+// may come from any thread while the bus thread still sits in poll, and the
+// kernel releases both.
+std::mutex g_connMutex;
+LinkPtr &g_link = *new LinkPtr();
+int g_wakeFd = -1;
+std::once_flag g_initOnce;
+
 // Never destroyed, like the connection: exit() runs static destructors while
 // the bus thread may still be dispatching a signal through the table.
 std::vector<hbusSignalEntry> &g_signalTable = *new std::vector<hbusSignalEntry>();
-bool g_filterAdded = false;
 
 void wake(void *)
 {
@@ -75,33 +99,62 @@ void onDispatchStatus(DBusConnection *, DBusDispatchStatus status, void *)
     }
 }
 
-// Lazily connects; every operation goes through here so the first caller,
-// whichever it is, sets the connection up.
-DBusConnection *connection()
+void initOnce()
 {
-    std::lock_guard<std::mutex> lock(g_connMutex);
-    if (g_conn != nullptr) {
-        return g_conn;
-    }
     dbus_threads_init_default();
-    int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (fd < 0) {
+    g_wakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (g_wakeFd < 0) {
         log_log(LOG_ERR, __func__, __LINE__, "hbus: eventfd failed: %s\n", strerror(errno));
-        return nullptr;
     }
+}
+
+LinkPtr openLink()
+{
     ErrorGuard err;
     DBusConnection *conn = dbus_bus_get_private(DBUS_BUS_SYSTEM, err.get());
     if (conn == nullptr) {
         log_log(LOG_ERR, __func__, __LINE__, "hbus: cannot connect to the system bus: %s\n", err.message());
-        close(fd);
         return nullptr;
     }
-    g_wakeFd = fd;
     dbus_connection_set_exit_on_disconnect(conn, FALSE);
     dbus_connection_set_wakeup_main_function(conn, wake, nullptr, nullptr);
     dbus_connection_set_dispatch_status_function(conn, onDispatchStatus, nullptr, nullptr);
-    g_conn = conn;
-    return g_conn;
+    return std::make_shared<Link>(conn);
+}
+
+// The live connection, made on demand: every operation goes through here, so
+// the first caller after a start or after the bus went away, whichever it is,
+// connects.  The connecting itself runs without the lock, so a bus daemon
+// slow to answer holds up only the caller that met it.
+LinkPtr currentLink()
+{
+    std::call_once(g_initOnce, initOnce);
+    if (g_wakeFd < 0) {
+        return nullptr;
+    }
+    {
+        std::lock_guard<std::mutex> lock(g_connMutex);
+        if (g_link && dbus_connection_get_is_connected(g_link->conn)) {
+            return g_link;
+        }
+        g_link.reset();
+    }
+    LinkPtr fresh = openLink();
+    std::lock_guard<std::mutex> lock(g_connMutex);
+    if (!g_link) {
+        g_link = fresh;
+    }
+    // Another thread won the race: its connection serves, this one closes.
+    return g_link;
+}
+
+// Forgets a connection that ended, unless a newer one replaced it already.
+void retire(const LinkPtr &ended)
+{
+    std::lock_guard<std::mutex> lock(g_connMutex);
+    if (g_link == ended) {
+        g_link.reset();
+    }
 }
 
 // The first argument's bytes when it is an "ay"; NULL and 0 otherwise.
@@ -169,9 +222,10 @@ void sendOrDrop(DBusConnection *conn, DBusMessage *msg)
     }
 }
 
-DBusHandlerResult onObjectMessage(DBusConnection *conn, DBusMessage *msg, void *)
+DBusHandlerResult onObjectMessage(DBusConnection *conn, DBusMessage *msg, void *data)
 {
-    if (dbus_message_get_type(msg) != DBUS_MESSAGE_TYPE_METHOD_CALL || g_service == nullptr) {
+    hbusService *svc = static_cast<hbusService *>(data);
+    if (dbus_message_get_type(msg) != DBUS_MESSAGE_TYPE_METHOD_CALL || svc == nullptr) {
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
     }
     MessagePtr reply(dbus_message_new_method_return(msg));
@@ -183,8 +237,8 @@ DBusHandlerResult onObjectMessage(DBusConnection *conn, DBusMessage *msg, void *
     hbusMessage out{};
     out.msg = reply.get();
     uint8_t handled = 0;
-    if (g_service->dispatch != nullptr) {
-        g_service->dispatch(g_service, &in, &out, &handled);
+    if (svc->dispatch != nullptr) {
+        svc->dispatch(svc, &in, &out, &handled);
     }
     if (dbus_message_get_no_reply(msg)) {
         return DBUS_HANDLER_RESULT_HANDLED;
@@ -192,7 +246,7 @@ DBusHandlerResult onObjectMessage(DBusConnection *conn, DBusMessage *msg, void *
     if (handled == 0) {
         const char *member = dbus_message_get_member(msg);
         MessagePtr error(dbus_message_new_error_printf(msg, DBUS_ERROR_UNKNOWN_METHOD, "No method %s on %s",
-                                                       member != nullptr ? member : "", g_service->busName));
+                                                       member != nullptr ? member : "", svc->busName));
         sendOrDrop(conn, error.get());
     } else if (in.readFailed) {
         MessagePtr error(dbus_message_new_error(msg, DBUS_ERROR_INVALID_ARGS, "Unexpected arguments"));
@@ -214,10 +268,11 @@ extern "C" {
 
 int hbusOwnName(const char *name)
 {
-    DBusConnection *conn = connection();
-    if (conn == nullptr || name == nullptr) {
+    LinkPtr link = currentLink();
+    if (!link || name == nullptr) {
         return -1;
     }
+    DBusConnection *conn = link->conn;
     ErrorGuard err;
     int rc = dbus_bus_request_name(conn, name, DBUS_NAME_FLAG_DO_NOT_QUEUE, err.get());
     if (rc == DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER || rc == DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
@@ -233,18 +288,18 @@ int hbusOwnName(const char *name)
 
 int hbusRegisterService(hbusService *svc)
 {
-    DBusConnection *conn = connection();
-    if (conn == nullptr || svc == nullptr || g_service != nullptr) {
+    LinkPtr link = currentLink();
+    if (!link || svc == nullptr || link->objectRegistered) {
         return -1;
     }
     ErrorGuard err;
-    if (!dbus_connection_try_register_object_path(conn, HBUS_OBJECT_PATH, &kObjectVTable, nullptr,
+    if (!dbus_connection_try_register_object_path(link->conn, HBUS_OBJECT_PATH, &kObjectVTable, svc,
                                                   err.get())) {
         log_log(LOG_ERR, __func__, __LINE__, "hbus: cannot register %s: %s\n", HBUS_OBJECT_PATH,
                 err.message());
         return -1;
     }
-    g_service = svc;
+    link->objectRegistered = true;
     return 0;
 }
 
@@ -255,10 +310,11 @@ int hbus_get_status_value(int status)
 
 int hbusAddInterestedSignal(const char *matchRule)
 {
-    DBusConnection *conn = connection();
-    if (conn == nullptr || matchRule == nullptr) {
+    LinkPtr link = currentLink();
+    if (!link || matchRule == nullptr) {
         return -1;
     }
+    DBusConnection *conn = link->conn;
     ErrorGuard err;
     dbus_bus_add_match(conn, matchRule, err.get());
     if (err.isSet()) {
@@ -270,10 +326,11 @@ int hbusAddInterestedSignal(const char *matchRule)
 
 int hbusRemoveMatch(const char *matchRule)
 {
-    DBusConnection *conn = connection();
-    if (conn == nullptr || matchRule == nullptr) {
+    LinkPtr link = currentLink();
+    if (!link || matchRule == nullptr) {
         return -1;
     }
+    DBusConnection *conn = link->conn;
     ErrorGuard err;
     dbus_bus_remove_match(conn, matchRule, err.get());
     if (err.isSet()) {
@@ -286,15 +343,15 @@ int hbusRemoveMatch(const char *matchRule)
 
 int hbusSetInteresetedSignals(const hbusSignalEntry *table, int count)
 {
-    DBusConnection *conn = connection();
-    if (conn == nullptr || count < 0 || (table == nullptr && count > 0)) {
+    LinkPtr link = currentLink();
+    if (!link || count < 0 || (table == nullptr && count > 0)) {
         return -1;
     }
-    if (!g_filterAdded) {
-        if (!dbus_connection_add_filter(conn, onSignal, nullptr, nullptr)) {
+    if (!link->filterAdded) {
+        if (!dbus_connection_add_filter(link->conn, onSignal, nullptr, nullptr)) {
             return -1;
         }
-        g_filterAdded = true;
+        link->filterAdded = true;
     }
     g_signalTable.assign(table, table + count);
     return 0;
@@ -302,10 +359,17 @@ int hbusSetInteresetedSignals(const hbusSignalEntry *table, int count)
 
 int hbusMainLoop(void)
 {
-    DBusConnection *conn = connection();
-    if (conn == nullptr) {
+    // Never a connection of its own making: one that nothing was set up on
+    // would leave its caller deaf without a sign.
+    LinkPtr link;
+    {
+        std::lock_guard<std::mutex> lock(g_connMutex);
+        link = g_link;
+    }
+    if (!link || !(link->filterAdded || link->objectRegistered)) {
         return -1;
     }
+    DBusConnection *conn = link->conn;
     int busFd = -1;
     if (!dbus_connection_get_unix_fd(conn, &busFd)) {
         return -1;
@@ -334,6 +398,7 @@ int hbusMainLoop(void)
         // Non-blocking read and write of whatever the socket allows now.
         dbus_connection_read_write(conn, 0);
     }
+    retire(link);
     log_log(LOG_ERR, __func__, __LINE__, "hbus: disconnected from the bus\n");
     return 0;
 }
@@ -406,10 +471,11 @@ int hbusSendSignal(const char * /*sender*/, const char *member, const void *data
         len > DBUS_MAXIMUM_ARRAY_LENGTH) {
         return -1;
     }
-    DBusConnection *conn = connection();
-    if (conn == nullptr) {
+    LinkPtr link = currentLink();
+    if (!link) {
         return -1;
     }
+    DBusConnection *conn = link->conn;
     MessagePtr signal(dbus_message_new_signal(HBUS_OBJECT_PATH, HBUS_INTERFACE, member));
     if (!signal) {
         return -1;

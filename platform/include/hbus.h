@@ -61,7 +61,8 @@ typedef struct hbusSignalEntry {
 /* Requests the well-known name; an error when another connection owns it. */
 int hbusOwnName(const char *name);
 /* Method calls to /velka/tavel go to svc->dispatch; a call it leaves
- * unhandled is answered with an UnknownMethod error by the layer. */
+ * unhandled is answered with an UnknownMethod error by the layer.  Once per
+ * connection: a second call on the same one fails. */
 int hbusRegisterService(hbusService *svc);
 /* Maps a bus layer status to the agent's result space; the identity on the
  * stand-in.  Pure: any thread, never blocks. */
@@ -77,8 +78,14 @@ int hbusAddInterestedSignal(const char *matchRule);
 int hbusSetInteresetedSignals(const hbusSignalEntry *table, int count);
 int hbusRemoveMatch(const char *matchRule);
 
-/* Receives and dispatches messages on the calling thread (one thread, once)
- * and blocks; returns (non-zero) only when the connection ends. */
+/* Receives and dispatches messages on the calling thread, on the connection
+ * the calls before it set up (name, service, matches, signal table).
+ * Returns 0 when that connection ends (the bus daemon stopped or dropped
+ * it), and -1 at once when there is no such connection.  Blocks until then;
+ * call it from one thread only.  The name, the service, the matches and the
+ * table belong to the connection: after a return, the next hbus call
+ * connects anew, and the caller takes its name, registers its service and
+ * adds its matches and table again before it runs the loop once more. */
 int hbusMainLoop(void);
 
 /* The parcel calls below are only valid on the msg and reply a dispatch is
@@ -91,10 +98,11 @@ int hbusWriteParcelUint32(hbusMessage *reply, uint32_t value);
  * by msg: valid until the dispatch returns. */
 const char *hbusGetMethodName(hbusMessage *msg);
 
-/* Emits member from /velka/tavel, interface velka.tavel, one "ay" argument
- * of len bytes (data may be NULL when len is 0).  Any thread, also while
- * another runs hbusMainLoop; queues the signal and returns without waiting
- * for its delivery.  sender is informative. */
+/* Emits member from /velka/tavel, interface velka.tavel, one "ay" argument.
+ * May be called from any thread, also while the main loop runs or the
+ * connection is being made again.  Blocks until the message is written, or
+ * for as long as a connection attempt takes when there is no connection;
+ * -1 when the bus is gone (nothing is queued for later). */
 int hbusSendSignal(const char *sender, const char *member, const void *data, uint32_t len);
 
 /* A fatal record of the bus layer at the platform log; same rules as the

@@ -8,6 +8,7 @@
 
 #include "account_journal.h"
 #include "dml.h"
+#include "logtext.h"
 #include "tavel_externalinft.h"
 #include "util.h"
 
@@ -58,7 +59,7 @@ int getworkMode(void)
         TAVEL_LOGE("get of OID_WIFISERVICE failed\n");
         return -1;
     }
-    TAVEL_LOGD("workMode= %s, workRole=%s\n", mode, role);
+    TAVEL_LOGD("workMode= %s, workRole=%s\n", logText(mode).c_str(), logText(role).c_str());
     if (strcmp(mode, "RGW") == 0) {
         return 1;
     }
@@ -84,7 +85,7 @@ void getOnBoardServerInfo(HttpInfo *serverInfo)
     }
     tavel_copyText(serverInfo->x_api_key, sizeof(serverInfo->x_api_key), info.apiKey,
                    sizeof(serverInfo->x_api_key) - 1);
-    TAVEL_LOGD("getOnBoardServerInfo : serverInfo->url=%s \n", serverInfo->url);
+    TAVEL_LOGD("getOnBoardServerInfo : serverInfo->url=%s \n", logText(serverInfo->url).c_str());
 }
 
 int isSameManagementAccount(const ServerData *account)
@@ -188,8 +189,8 @@ int tavel_setMgmtServerObj(const ServerData *account)
         return -1;
     }
     tavel_journalRemove();
-    TAVEL_LOGN("acsCfg.Username :%s \n", acsCfg.Username);
-    TAVEL_LOGN("acsCfg.URL :%s \n", acsCfg.URL);
+    TAVEL_LOGN("acsCfg.Username :%s \n", logText(acsCfg.Username).c_str());
+    TAVEL_LOGN("acsCfg.URL :%s \n", logText(acsCfg.URL).c_str());
     TAVEL_LOGN("############# \n");
 
     if (dml_getOnBoardingServerInfo(&agent) != 0) {
@@ -229,9 +230,9 @@ int tavel_isMgmtServerUrlEmpty(void)
         TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
         return 1;
     }
-    TAVEL_LOGN("Curent the acsCfg.URL is [%s]\n", acsCfg.URL);
+    TAVEL_LOGN("Curent the acsCfg.URL is [%s]\n", logText(acsCfg.URL).c_str());
     if (strcmp(acsCfg.URL, TAVEL_FACTORY_ACS_URL) == 0 || strcmp(acsCfg.URL, " ") == 0) {
-        TAVEL_LOGE("Go For Polling .... preCfgMgmtUrl:%s\n", acsCfg.URL);
+        TAVEL_LOGE("Go For Polling .... preCfgMgmtUrl:%s\n", logText(acsCfg.URL).c_str());
         return 1;
     }
     if (strstr(acsCfg.URL, "http") != nullptr && acsCfg.Username[0] != '\0' && acsCfg.Password[0] != '\0') {
@@ -292,12 +293,13 @@ int isCloudSettingEmpty(const CloudCheck &c, const char *func)
         TAVEL_LOGN_AS(func, "unable to get %s\n", c.what);
         return 0;
     }
-    TAVEL_LOGN_AS(func, "current %s is [%s]\n", c.name, buf);
+    LogText<sizeof(buf)> value(buf, sizeof(buf));
+    TAVEL_LOGN_AS(func, "current %s is [%s]\n", c.name, value.c_str());
     if (buf[0] == '\0') {
-        TAVEL_LOGN_AS(func, " default value present go for polling ...%s %s\n", c.what, buf);
+        TAVEL_LOGN_AS(func, " default value present go for polling ...%s %s\n", c.what, value.c_str());
         return 1;
     }
-    TAVEL_LOGN_AS(func, " valid %s present no need to poll ...%s %s\n", c.kind, c.what, buf);
+    TAVEL_LOGN_AS(func, " valid %s present no need to poll ...%s %s\n", c.kind, c.what, value.c_str());
     return 0;
 }
 

@@ -13,6 +13,7 @@
 #include <string.h>
 
 #include "hbus.h"
+#include "logtext.h"
 #include "main.h"
 #include "tavel_service.h"
 #include "tavel_signal.h"
@@ -68,8 +69,8 @@ void tavel_processDbgCmdSignal(void * /*conn*/, void * /*msg*/, const void *payl
         return;
     }
     const char *cmdLine = module + TAVEL_DBG_MODULE_LEN;
-    outLine("tavel_processDbgCmdSignal cmd: %.*s.\n",
-            static_cast<int>(strnlen(cmdLine, TAVEL_DBG_CMDLINE_LEN)), cmdLine);
+    outLine("tavel_processDbgCmdSignal cmd: %s.\n",
+            LogText<TAVEL_DBG_CMDLINE_LEN>(cmdLine, TAVEL_DBG_CMDLINE_LEN).c_str());
     tavel_handleDbgCmd(cmdLine);
 }
 
@@ -86,7 +87,7 @@ void tavel_handleDbgCmd(const char *cmdLine)
     memcpy(cmd, cmdLine, n);
     cmd[n] = '\0';
 
-    outLine("debug cmdLine = %s.\n", cmd);
+    outLine("debug cmdLine = %s.\n", logText(cmd).c_str());
     if (strcmp(cmd, "httpinfo") == 0) {
         dumpHttpConnectionDetails();
     } else if (strcmp(cmd, "acsinfo") == 0) {
@@ -97,7 +98,7 @@ void tavel_handleDbgCmd(const char *cmdLine)
         // The value sits at a fixed position, wherever the word stands; a
         // shorter line has no value.
         const char *value = n >= 11 ? cmd + 11 : "";
-        outLine("cmdLine+11 = %s.\n", value);
+        outLine("cmdLine+11 = %s.\n", LogText<TAVEL_DBG_CMDLINE_LEN>(value).c_str());
         g_retryTimeout = parseSeconds(value);
     } else {
         tavel_printDbgCmdHelp();
@@ -166,7 +167,7 @@ void tavel_handleNTPTimeZoneUpdateSignal(void * /*conn*/, void * /*msg*/, const 
     memcpy(g_timezone, text, n);
     memset(g_timezone + n, 0, sizeof(g_timezone) - n);
     log_log(5, __func__, __LINE__, "%s, value received from hmsd module is %s.\n",
-            "tavel_handleNTPTimeZoneUpdateSignal", g_timezone);
+            "tavel_handleNTPTimeZoneUpdateSignal", logText(g_timezone).c_str());
 }
 
 // Not called by the agent; kept as part of the device interface (tavel_signal.h).

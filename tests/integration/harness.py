@@ -4,6 +4,7 @@ import json
 import os
 import re
 import shutil
+import subprocess
 import sys
 import tempfile
 import time
@@ -286,3 +287,13 @@ def clock_env(dev, when):
         return dict(env, QEMU_SET_ENV="LD_PRELOAD=" + CLOCK_SHIFT_LIB)
     return dict(env, LD_PRELOAD=CLOCK_SHIFT_LIB)
 
+
+
+def build_sigstorm(directory):
+    """tests/tools/sigstorm.c built into directory; its path."""
+    flags = subprocess.run(["pkg-config", "--cflags", "--libs", "dbus-1"], capture_output=True, text=True,
+                           check=True).stdout.split()
+    binary = os.path.join(directory, "sigstorm")
+    subprocess.run(["cc", "-O2", "-o", binary, os.path.join(SOURCE_DIR, "tests", "tools", "sigstorm.c")] + flags,
+                   check=True)
+    return binary

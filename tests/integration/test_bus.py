@@ -1,10 +1,12 @@
 """The agent on a private bus: its name, methods, signals, malformed payloads; tavelctl's bus and dml commands."""
 import os
+import re
 import shutil
+import subprocess
 import tempfile
 import time
 
-from harness import NO_ROLE, TAVELCTL, Device, ctl, run_binary, wait_owner
+from harness import NO_ROLE, TAVELCTL, Device, build_sigstorm, ctl, run_binary, wait_owner
 import tavelsim
 from tavelsim import cpu_ticks
 from test_flow import FlowCase
@@ -14,8 +16,8 @@ REGISTER_FAILED = "fatal failed to register tavel service\n"
 
 
 class BusCase(FlowCase):
-    def start_agent(self, wait_name=True):
-        dev = Device(NO_ROLE)
+    def start_agent(self, wait_name=True, store=None):
+        dev = Device(dict(NO_ROLE, **(store or {})))
         self.addCleanup(dev.close)
         dev.start(env=self.bus.env())
         dev.wait_log("TAVEL work mode is CFG... Waiting to take Role !!")
@@ -93,6 +95,58 @@ class ServiceTest(BusCase):
         dev.wait_stdout("cmdLine+11 = 5.\n")
         time.sleep(0.3)
         self.assertEqual((second.stdout(), second.proc.poll(), dev.proc.poll()), ("", None, None))
+
+
+class ListeningTest(BusCase):
+    def test_a_signal_sent_the_instant_the_name_appears_is_heard(self):
+        # The sender waits for the name and signals at once, as a module started alongside the agent does;
+        # the time-zone row's match is the last one added, so it has the widest window to be missed in.
+        work = tempfile.mkdtemp(prefix="tavel-listen-")
+        self.addCleanup(shutil.rmtree, work, True)
+        sender = build_sigstorm(work)
+        missed = []
+        for n in range(5):
+            value = "RACE%d" % n
+            spec = os.path.join(work, "spec")
+            with open(spec, "w") as f:
+                f.write("notifyNTPTimezoneUpdate %s\n" % (value.encode() + b"\0").hex())
+            proc = subprocess.Popen([sender, "1", "1000", spec, "velka.tavel"], env=dict(os.environ, **self.bus.env()),
+                                    stdout=subprocess.PIPE, text=True)
+            self.assertEqual(proc.stdout.readline(), "ready\n")
+            dev = self.start_agent(wait_name=False)
+            self.assertEqual((proc.communicate(timeout=10)[0], proc.returncode), ("1\n", 0))
+            wait_owner(dev, self.bus.env())  # the agent has handled everything sent before this call
+            if "value received from hmsd module is %s.\n" % value not in dev.log():
+                missed.append(value)
+            dev.close()
+        self.assertEqual(missed, [])
+
+
+# What a sender would need to write a record of its own into the log, and to wipe an operator's terminal.
+FORGED = "\nerror tavel: [forged] injected\r\x1b[2J"
+FORGED_SHOWN = "\\nerror tavel: [forged] injected\\r\\x1b[2J"
+
+
+class RecordTest(BusCase):
+    def test_text_from_the_bus_or_the_store_stays_in_its_own_record(self):
+        dev = self.start_agent(store={"Device.X_TAVEL_Agent.URL": "https://ob.test/x" + FORGED})
+        self.send("ntp", "CET" + FORGED)
+        self.send("sync", "1", "up" + FORGED)
+        self.send("sync", "7", "up" + FORGED)
+        self.send("dbg", "setTimeout 5" + FORGED)
+        self.send("dbg", "httpinfo")
+        out = dev.wait_stdout("g_httpInfo.authEnabled")
+        log = dev.wait_log("] unknown type 7\n")
+        self.assertIsNone(re.search(r"^error tavel: \[forged\]", log + out, re.M))
+        self.assertEqual([line for line in log.split("\n")[:-1] if not re.match(r"(debug|notice|error|fatal) ", line)],
+                         [])
+        self.assertIn("notice tavel_handleNTPTimeZoneUpdateSignal, value received from hmsd module is CET%s.\n"
+                      % FORGED_SHOWN, log)
+        self.assertIn("] g_httpInfo.url: https://ob.test/x%s\n" % FORGED_SHOWN, log)
+        self.assertEqual(log.count("] Received ACS Connection Status\n"), 1)
+        for line in ("debug cmdLine = setTimeout 5%s.\n" % FORGED_SHOWN, "cmdLine+11 = 5%s.\n" % FORGED_SHOWN,
+                     "g_httpInfo.url: https://ob.test/x%s\n" % FORGED_SHOWN):
+            self.assertIn(line, out)
 
 
 class TavelctlTest(BusCase):

@@ -76,7 +76,7 @@ class NewAccountTest(FlowCase):
             "g_httpInfo.x_api_key test-api-key\ng_httpInfo.timeout 25\ng_httpInfo.authEnabled 0\n"
             "******************** ACS Connection Details ***********************\n"
             "g_serverData.mgmtUrl https://acs.new.test:7547/cwmp\ng_serverData.cdpusername cpe-new\n"
-            "g_serverData.operdesc Operator One\r\ng_serverData.subnetdesc Subnet A\r\ng_serverData.tenantID tenant-7\n"
+            "g_serverData.operdesc Operator One\\r\ng_serverData.subnetdesc Subnet A\\r\ng_serverData.tenantID tenant-7\n"
             "\n************************************* END ***********************\n") % self.server.url())
         self.assertNotIn("pwd: new-secret", log)
 

@@ -1,10 +1,12 @@
 /* Sends many bus signals quickly for load tests: one connection, a list of
  * signals sent round-robin until COUNT have gone out, paced to RATE a second.
  *
- * usage: sigstorm COUNT RATE SPECFILE
+ * usage: sigstorm COUNT RATE SPECFILE [OWNER]
  * SPECFILE lines: MEMBER HEX   (an `ay` argument; "" for an empty array)
  *                 MEMBER -     (no argument)
  *                 MEMBER =TEXT (a string argument instead of `ay`)
+ * With OWNER, prints "ready" once subscribed to OWNER's appearance and sends
+ * the instant the bus announces an owner for that name.
  * The bus is DBUS_SYSTEM_BUS_ADDRESS.  Prints the number sent.
  */
 #include <stdio.h>
@@ -25,12 +27,14 @@ int main(int argc, char **argv)
 {
     static char line[16384];
     static DBusMessage *msgs[64];
-    long count = argc == 4 ? atol(argv[1]) : 0;
-    double rate = argc == 4 ? atof(argv[2]) : 0;
-    FILE *f = argc == 4 ? fopen(argv[3], "r") : NULL;
+    int args = argc == 4 || argc == 5;
+    long count = args ? atol(argv[1]) : 0;
+    double rate = args ? atof(argv[2]) : 0;
+    FILE *f = args ? fopen(argv[3], "r") : NULL;
+    const char *owner = argc == 5 ? argv[4] : NULL;
     int n = 0;
     if (f == NULL || count <= 0 || rate <= 0) {
-        fprintf(stderr, "usage: sigstorm COUNT RATE SPECFILE\n");
+        fprintf(stderr, "usage: sigstorm COUNT RATE SPECFILE [OWNER]\n");
         return 2;
     }
     /* Each signal is built once and copied for every send. */
@@ -65,6 +69,29 @@ int main(int argc, char **argv)
         return 1;
     }
     dbus_connection_set_exit_on_disconnect(conn, FALSE);
+    if (owner != NULL) {
+        char rule[256];
+        snprintf(rule, sizeof(rule), "type='signal',member='NameOwnerChanged',arg0='%s'", owner);
+        dbus_bus_add_match(conn, rule, &err);
+        if (dbus_error_is_set(&err)) {
+            fprintf(stderr, "sigstorm: %s\n", err.message);
+            return 1;
+        }
+        printf("ready\n");
+        fflush(stdout);
+        for (int owned = 0; !owned;) {
+            if (!dbus_connection_read_write(conn, -1)) return 1;
+            DBusMessage *m;
+            while (!owned && (m = dbus_connection_pop_message(conn)) != NULL) {
+                const char *name = "", *before = "", *after = "";
+                owned = dbus_message_is_signal(m, DBUS_INTERFACE_DBUS, "NameOwnerChanged") &&
+                        dbus_message_get_args(m, NULL, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &before,
+                                              DBUS_TYPE_STRING, &after, DBUS_TYPE_INVALID) &&
+                        after[0] != '\0';
+                dbus_message_unref(m);
+            }
+        }
+    }
     double start = now();
     long sent = 0;
     for (; sent < count; ++sent) {

@@ -96,7 +96,6 @@ TEST_F(SignalTest, DbgCmdOnlyTheAgentsPayloadsRunAndSetTimeoutReadsFromPositionE
         {"httpinfo ", nullptr, 12345},
         {" httpinfo", nullptr, 12345},
         {"HTTPINFO", nullptr, 12345},
-        {"acsinfo\n", nullptr, 12345},
         {"setTimeou 5", nullptr, 12345},
         {"", nullptr, 12345},
     };
@@ -107,6 +106,8 @@ TEST_F(SignalTest, DbgCmdOnlyTheAgentsPayloadsRunAndSetTimeoutReadsFromPositionE
             << c.cmd;
         EXPECT_EQ(g_retryTimeout, c.value) << c.cmd;
     }
+    // A control character is no command word, and it reaches the output spelled out.
+    EXPECT_EQ(runDbgCmd("acsinfo\n"), "debug cmdLine = acsinfo\\n.\n"s + kHelp);
     EXPECT_EQ(runDbgCmd(nullptr), kHelp);
 }
 

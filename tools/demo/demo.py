@@ -642,9 +642,9 @@ class Timeline:
         m = re.match(r"acsCfg\.URL :(.*)", msg)
         if m:
             return "data model: ACS account written: %s, user %s" % (m.group(1).strip(), self.username)
-        # The zone name keeps the mapping line's line feed, so the record may
-        # end there and its "len" part come on the next line.
-        m = re.match(r"final timezone = (.*), timezonename = (.*?)(\s*len \d+)?$", msg)
+        # The zone name keeps the mapping line's line feed, which the log
+        # shows as the two characters \n.
+        m = re.match(r"final timezone = (.*), timezonename = (.*?)(?:\\n)? len \d+$", msg)
         if m:
             return "time zone: mapped to %s (%s) and written; pause, %s" % (
                 m.group(1), m.group(2).strip(), self.nominal(60))
