@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "agent_status.h"
 #include "cfgm_intf.h"
 #include "main.h"
 #include "tavel_service.h"
@@ -93,6 +94,8 @@ void tavelInit(void)
     initAgentState();
     getOnBoardServerInfo(&g_httpInfo);
     if (g_httpInfo.enable == 0) {
+        TAVEL_STATUS(AgentState::Exiting, -1,
+                     "agent disabled: Device.X_TAVEL_Agent.Enable is 0 or unreadable");
         exit(0);
     }
     initTimerSig();
@@ -154,11 +157,14 @@ int main()
         logSettings();
         if (onboardingNeeded()) {
             TAVEL_LOGD("Connect to onBoardServer  ...  \n");
+            TAVEL_STATUS(AgentState::Starting, -1, "onboarding needed");
             validateSystemTimeAndStartPolling();
         } else if (tavel_access(TAVEL_COUNTRY_CODE_FILE) == 0 && _g_modelCapability.isCCSyncRequired != 0) {
             applyParkedCountryCode();
         } else {
             TAVEL_LOGN("Valid Management URL is present ... EXIT TavelAgent!!\n");
+            TAVEL_STATUS(AgentState::Exiting, -1,
+                         "already onboarded: account, cloud settings and markers present");
             exitTavel();
         }
     }

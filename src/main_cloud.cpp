@@ -1,4 +1,5 @@
 // Applies the cloud endpoints received from the onboarding server.
+#include "agent_output.h"
 #include "main.h"
 #include "tavel_externalinft.h"
 #include "util.h"
@@ -6,11 +7,12 @@
 void tavel_setCloudMAPPURL(ServerData serverData)
 {
     // The notice shows every value, the API key included, as the device's
-    // log always has; the connection dumps leave the cloud values out.
+    // log always has (masked for deployments); the connection dumps leave the
+    // cloud values out.
     TAVEL_LOGN(" l1ClouldUrl %s l2ClouldUrl%s remotemappUrl %s kprConfigUrl[%s] kprConfigApikey[%s] \n",
                tavel_text(serverData.l1url), tavel_text(serverData.l2url),
                tavel_text(serverData.remotemappurl), tavel_text(serverData.kprconfigurl),
-               tavel_text(serverData.kprconfigapikey));
+               tavel_secret(serverData.kprconfigapikey));
 
     // An empty value (absent, or "NA" from the server) leaves the setting as
     // it is; a failed write is logged by its setter and the rest still go out.

@@ -23,6 +23,7 @@
 
 #include <atomic>
 
+#include "agent_status.h"
 #include "cfgm_intf.h"
 #include "main.h"
 #include "reply_fields.h"
@@ -167,6 +168,7 @@ void waitForTransfers(const struct timespec *limit)
     AgentLockGuard guard;
     int signo = g_stopSignal.load();
     TAVEL_LOGE("stop signal %d received: removing the firewall rules and exiting\n", signo);
+    TAVEL_STATUS(AgentState::Exiting, -1, "stopped by signal %d", signo);
     tavel_rollbackMgmtServerObj();
     struct timespec limit = {kStopTransferWaitSeconds, 0};
     waitForTransfers(&limit);
@@ -187,12 +189,14 @@ void tavel_insertFirewallRules(void)
     for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan, kFwInsertWan, kFwInsertLevel}) {
         tavel_spawn(argv);
     }
+    tavel_statusFirewall(1);
 }
 
 void tavel_removeFirewallRules(void)
 {
     tavel_spawn(kFwDeleteLevel);
     tavel_spawn(kFwDeleteWan);
+    tavel_statusFirewall(0);
 }
 
 int tavel_stopRequested(void)
@@ -309,6 +313,8 @@ void exitTavel(void)
         exit(0);
     }
     TAVEL_LOGE("Not exiting Tavle, as timer is running !!!!");
+    TAVEL_STATUS(AgentState::WaitingCountryCode, -1,
+                 "exit refused: a parked country code keeps the agent until it is stopped");
     // A timer expiry ends the wait early, as a signal cut the sleep short on
     // the device, so a parked country code is still applied meanwhile.
     tavel_wait(tavel_scaledDelay(1000000), 1);

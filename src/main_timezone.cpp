@@ -391,11 +391,7 @@ void tavel_handleTimezonedetails(const TimezoneData *data)
             g_tzFailEventSent = 1;
         }
         TAVEL_LOGN(" IP Stack is down going for retry exponetial \n");
-        int seconds = 0;
-        timer_t timer{};
-        if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, TAVEL_TIMER_RETRY) == 0) {
-            startTimer(seconds, timer);
-        }
+        tavel_armRetry(TAVEL_RC_TZ_UNAVAILABLE, TAVEL_TIMER_RETRY);
         TAVEL_LOGN("started exponential retry timer \n");
     } else if (strncmp(data->errorcode, "101", codeSize) == 0) {
         touchTimezoneMarker();

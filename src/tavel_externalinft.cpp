@@ -5,6 +5,7 @@
 
 #include <string.h>
 
+#include "agent_output.h"
 #include "dml.h"
 #include "util.h"
 
@@ -95,7 +96,7 @@ int getZoragent(ZorField which, char *buf, size_t bufSize, const char *func)
         TAVEL_LOGN_AS(func, "getkprconfigUrl is [%s]\n", buf);
     } else {
         tavel_copyText(buf, bufSize, cfg.apiKey, sizeof(cfg.apiKey) - 1);
-        TAVEL_LOGN_AS(func, "getkprconfigApikey is [%s]\n", buf);
+        TAVEL_LOGN_AS(func, "getkprconfigApikey is [%s]\n", tavel_secret(buf));
     }
     return 1;
 }
@@ -114,7 +115,7 @@ int setZoragent(ZorField which, const char *value, const char *func)
     if (which == ZorField::Url) {
         TAVEL_LOGN_AS(func, "setkprconfigUrl set is [%s]\n", cfg.configURL);
     } else {
-        TAVEL_LOGN_AS(func, "setkprconfigApikey set is [%s]\n", cfg.apiKey);
+        TAVEL_LOGN_AS(func, "setkprconfigApikey set is [%s]\n", tavel_secret(cfg.apiKey));
     }
     return 1;
 }
