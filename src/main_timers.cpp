@@ -303,10 +303,12 @@ int tavel_armRetry(int code, int type)
         TAVEL_STATUS(AgentState::Idle, -1, "%s %s: retry delay %d s disarms the timer; no retry follows",
                      what, result, seconds);
     } else if (tavel_retryRuleOf(code) == TAVEL_RETRY_LONG) {
+        // Half a day or more reads as days; what "setTimeout" shortened, as minutes.
+        bool days = seconds >= 43200;
         TAVEL_STATUS(wait, seconds,
-                     "%s %s is not transient: the long wait of %d s (about %d day(s); "
-                     "\"setTimeout\" changes it)",
-                     what, result, seconds, (seconds + 43200) / 86400);
+                     "%s %s is not transient: the long wait of %d s (about %d %s; \"setTimeout\" changes it)",
+                     what, result, seconds, days ? (seconds + 43200) / 86400 : (seconds + 30) / 60,
+                     days ? "day(s)" : "min");
     } else {
         TAVEL_STATUS(wait, seconds, "%s %s: back-off retry %d", what, result, g_tavelCtrl.retryCount);
     }
