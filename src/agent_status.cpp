@@ -51,9 +51,10 @@ public:
 };
 
 const char *const kStateNames[] = {
-    "starting",         "waiting-clock",        "waiting-role", "fetching",
-    "retry-wait",       "waiting-bootstrap",    "reporting",    "report-retry-wait",
-    "waiting-timezone", "waiting-country-code", "idle",         "exiting",
+    "starting",          "waiting-clock",    "waiting-role",         "fetching",
+    "applying",          "retry-wait",       "waiting-bootstrap",    "reporting",
+    "report-retry-wait", "waiting-timezone", "waiting-country-code", "idle",
+    "exiting",
 };
 static_assert(sizeof(kStateNames) / sizeof(kStateNames[0]) == static_cast<size_t>(AgentState::Exiting) + 1,
               "one name per state");

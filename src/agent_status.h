@@ -23,6 +23,7 @@ enum class AgentState : unsigned char {
     WaitingClock,       /* the clock still shows 1970 */
     WaitingRole,        /* the work mode is CFG: no network role yet */
     Fetching,           /* the GET of the onboarding data runs */
+    Applying,           /* a reply arrived: its settings are applied (with their pauses) */
     RetryWait,          /* the GET failed; retryTimer is armed */
     WaitingBootstrap,   /* an account was applied; the bootstrap signal is due */
     Reporting,          /* the status PUT runs */

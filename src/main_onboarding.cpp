@@ -57,7 +57,7 @@ void applyTimezone()
 // of the run (a time-zone retry, a parked country code) said so already.
 void noteWaitAfterFetch()
 {
-    if (tavel_statusState() != AgentState::Fetching) {
+    if (tavel_statusState() != AgentState::Applying) {
         return;
     }
     if (g_tavelCtrl.statusUpdatePending != 0) {
@@ -158,6 +158,7 @@ void connectToOnBoardServer(void)
         return;
     }
 
+    TAVEL_STATUS(AgentState::Applying, -1, "reply received: applying its settings");
     tavel_setCloudMAPPURL(g_serverData);
 
     char currentCode[DML_COUNTRYID_LEN] = {0};
