@@ -103,7 +103,7 @@ void tavel_setCountryCode(const char *code)
     tavel_writeFile(TAVEL_COUNTRY_CODE_FILE, line, n + 1);
     g_timerAliveFlag = 1;
     startTimer(TAVEL_CC_APPLY_WAIT, g_tavelCtrl.ccApplyTimer);
-    tavel_statusParkedCode(line);
+    tavel_statusParkedCode(code);
 }
 
 void update_country_code(const char *code)
