@@ -65,6 +65,8 @@ class StatusTest(FlowCase):
         # The signal form returns nothing to its sender.
         self.assertEqual(self.send("dbg", "--signal", "httpinfo").stdout, "")
         dev.wait_stdout("tavel_processDbgCmdSignal cmd: httpinfo.\n")
+        # A method the agent answered is not also reported as unknown.
+        self.assertNotIn("unknown message", dev.log())
         r = ctl(dict(self.bus.env(), TAVEL_ROOT=dev.root), "factory-reset", "--yes")
         self.assertEqual((r.returncode, "stop it first" in r.stderr), (1, True), r.stderr)
 
