@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include "account_journal.h"
+#include "agent_status.h"
 #include "cfgm_intf.h"
 #include "logtext.h"
 #include "main.h"
@@ -98,6 +99,8 @@ void tavelInit(void)
     tavel_journalRecover();
     getOnBoardServerInfo(&g_httpInfo);
     if (g_httpInfo.enable == 0) {
+        TAVEL_STATUS(AgentState::Exiting, -1,
+                     "agent disabled: Device.X_TAVEL_Agent.Enable is 0 or unreadable");
         tavel_exitProcess();
     }
     initTimerSig();
@@ -164,11 +167,14 @@ int main()
         logSettings();
         if (onboardingNeeded()) {
             TAVEL_LOGD("Connect to onBoardServer  ...  \n");
+            TAVEL_STATUS(AgentState::Starting, -1, "onboarding needed");
             validateSystemTimeAndStartPolling();
         } else if (tavel_access(TAVEL_COUNTRY_CODE_FILE) == 0 && _g_modelCapability.isCCSyncRequired != 0) {
             applyParkedCountryCode();
         } else {
             TAVEL_LOGN("Valid Management URL is present ... EXIT TavelAgent!!\n");
+            TAVEL_STATUS(AgentState::Exiting, -1,
+                         "already onboarded: account, cloud settings and markers present");
             exitTavel();
         }
     }

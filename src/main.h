@@ -183,6 +183,19 @@ int getRandomJitter(int kind);
 int getRetryExpTimerValue(void);
 void getTimerByType(int type, timer_t *timer);
 int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type);
+/* How getTimerIdForErrorCode treats a result code. */
+enum TavelRetryRule {
+    TAVEL_RETRY_TRANSIENT, /* 0, 110, 503: exponential back-off */
+    TAVEL_RETRY_LONG,      /* 204, 400, 401, 403, 404, 500: g_retryTimeout plus jitter */
+    TAVEL_RETRY_TRANSFER,  /* 5000: 10 to 19 s */
+    TAVEL_RETRY_TZ,        /* 5001: back-off, count kept */
+    TAVEL_RETRY_NONE       /* any other code */
+};
+int tavel_retryRuleOf(int code);
+/* Arms the retry of a failed result (getTimerIdForErrorCode on the timer of
+ * type, then startTimer) and records the wait, with its cause and the time of
+ * the next try, in the status snapshot.  getTimerIdForErrorCode's result. */
+int tavel_armRetry(int code, int type);
 
 /* --- exit, stop and waits (main_exit.cpp) --- */
 /* Starts replacing the agent's two firewall rules (deletes, then inserts, one

@@ -1,4 +1,5 @@
 // Applies the cloud endpoints received from the onboarding server.
+#include "agent_output.h"
 #include "files.h"
 #include "logtext.h"
 #include "main.h"
@@ -8,11 +9,12 @@
 void tavel_setCloudMAPPURL(ServerData serverData)
 {
     // The notice shows every value, the API key included, as the device's
-    // log always has; the connection dumps leave the cloud values out.
+    // log always has (masked for deployments); the connection dumps leave the
+    // cloud values out.
     TAVEL_LOGN(" l1ClouldUrl %s l2ClouldUrl%s remotemappUrl %s kprConfigUrl[%s] kprConfigApikey[%s] \n",
                LogValue(serverData.l1url).c_str(), LogValue(serverData.l2url).c_str(),
                LogValue(serverData.remotemappurl).c_str(), LogValue(serverData.kprconfigurl).c_str(),
-               LogValue(serverData.kprconfigapikey).c_str());
+               LogValue(tavel_secret(serverData.kprconfigapikey)).c_str());
 
     // An empty value (absent, or "NA" from the server) leaves the setting as
     // it is; a failed write is logged by its setter and the rest still go out.

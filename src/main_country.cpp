@@ -18,6 +18,7 @@
 #include <memory>
 #include <new>
 
+#include "agent_status.h"
 #include "files.h"
 #include "logtext.h"
 #include "main.h"
@@ -105,6 +106,7 @@ void tavel_setCountryCode(const char *code)
     tavel_writeFile(TAVEL_COUNTRY_CODE_FILE, line, n + 1);
     g_timerAliveFlag = 1;
     startTimer(TAVEL_CC_APPLY_WAIT, g_tavelCtrl.ccApplyTimer);
+    tavel_statusParkedCode(code);
 }
 
 void update_country_code(const char *code)
@@ -216,6 +218,7 @@ int read_from_file(const char *path, char *buffer, int size, int lock)
 void removeCountryCodeFile(void)
 {
     tavel_remove(TAVEL_COUNTRY_CODE_FILE, false);
+    tavel_statusParkedCode(nullptr);
 }
 
 void stripTrailingNewline(char *text)

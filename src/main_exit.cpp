@@ -24,6 +24,7 @@
 
 #include <atomic>
 
+#include "agent_status.h"
 #include "cfgm_intf.h"
 #include "main.h"
 #include "process.h"
@@ -190,6 +191,7 @@ void releaseFirewall(int commandLimitMs)
     for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan}) {
         tavel_spawn(argv, commandLimitMs);
     }
+    tavel_statusFirewall(0);
 }
 
 [[noreturn]] void stopAgent()
@@ -197,6 +199,7 @@ void releaseFirewall(int commandLimitMs)
     t_carryingOutStop = true;
     int signo = g_stopSignal.load();
     TAVEL_LOGE("stop signal %d received: removing the firewall rules and exiting\n", signo);
+    TAVEL_STATUS(AgentState::Exiting, -1, "stopped by signal %d", signo);
     // Every other step ends its waits on the stop and gives the lock up at
     // its next stop point; one caught in a wait the agent cannot end (a
     // platform call) is left behind after a bounded time.
@@ -281,6 +284,7 @@ void *replaceFirewallRules(void * /*unused*/)
         }
         tavel_spawn(argv);
     }
+    tavel_statusFirewall(1);
     return nullptr;
 }
 
@@ -467,6 +471,8 @@ void exitTavel(void)
         tavel_exitProcess();
     }
     TAVEL_LOGE("Not exiting Tavle, as timer is running !!!!");
+    TAVEL_STATUS(AgentState::WaitingCountryCode, -1,
+                 "exit refused: a parked country code keeps the agent until it is stopped");
     // A timer expiry ends the wait early, as a signal cut the sleep short on
     // the device, so a parked country code is still applied meanwhile.
     tavel_wait(tavel_scaledDelay(1000000), 1);

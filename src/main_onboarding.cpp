@@ -5,6 +5,8 @@
 #include <string.h>
 #include <time.h>
 
+#include "agent_output.h"
+#include "agent_status.h"
 #include "cfgm_intf.h"
 #include "logtext.h"
 #include "main.h"
@@ -22,15 +24,6 @@ constexpr unsigned kTimezoneMarkerWait = 3600;
 bool isEmpty(const char *s)
 {
     return s == nullptr || s[0] == '\0';
-}
-
-void armRetry(int code, int type)
-{
-    int seconds = 0;
-    timer_t timer = nullptr;
-    if (getTimerIdForErrorCode(code, &seconds, &timer, type) == 0) {
-        startTimer(seconds, timer);
-    }
 }
 
 // After a successful fetch: apply the received time zone when it has not been
@@ -63,6 +56,24 @@ void applyTimezone()
         tavel_handleTimezonedetails(&g_timezoneData);
     } else {
         TAVEL_LOGN("Same timezone");
+    }
+}
+
+// What the agent waits for once a fetch's data are applied, unless a step
+// of the run (a time-zone retry, a parked country code) said so already.
+void noteWaitAfterFetch()
+{
+    if (tavel_statusState() != AgentState::Applying) {
+        return;
+    }
+    if (g_tavelCtrl.statusUpdatePending != 0) {
+        TAVEL_STATUS(AgentState::WaitingBootstrap, -1,
+                     "account applied: waiting for the TR-069 bootstrap signal before reporting");
+    } else if (g_timerAliveFlag != 0) {
+        TAVEL_STATUS(AgentState::WaitingCountryCode, -1,
+                     "a country code is parked for the mobile-app onboarding");
+    } else {
+        TAVEL_STATUS(AgentState::Idle, -1, "settings applied; the time-zone marker is still missing");
     }
 }
 
@@ -99,6 +110,7 @@ void validateSystemTimeAndStartPolling(void)
     if (localtime_r(&now, &local) == nullptr || local.tm_year <= 70) {
         startTimer(10, g_tavelCtrl.startWaitTimer);
         TAVEL_LOGD("TAVEL Waiting for system time !!\n");
+        TAVEL_STATUS(AgentState::WaitingClock, 10, "the clock is not set yet (it shows 1970 or earlier)");
         return;
     }
     TAVEL_LOGE("TAVEL Got Valid Time ... Connecting to Ob Server !!\n");
@@ -106,10 +118,12 @@ void validateSystemTimeAndStartPolling(void)
     if (mode == -1) {
         TAVEL_LOGE("TAVEL work mode is CFG... Waiting to take Role !!\n");
         startTimer(10, g_tavelCtrl.startWaitTimer);
+        TAVEL_STATUS(AgentState::WaitingRole, 10, "work mode CFG or unreadable: the device has no role yet");
         return;
     }
     if (mode == 0) {
         TAVEL_LOGE("TAVEL work mode is AP-Bridge... Exit Tavel !!\n");
+        TAVEL_STATUS(AgentState::Exiting, -1, "work mode AP bridge: an access point is not onboarded");
         exitTavel();
         return;
     }
@@ -124,6 +138,8 @@ void connectToOnBoardServer(void)
     memset(&info, 0, sizeof(info));
     getOnBoardServerInfo(&info);
     if (info.enable == 0) {
+        TAVEL_STATUS(AgentState::Exiting, -1,
+                     "agent disabled: Device.X_TAVEL_Agent.Enable is 0 or unreadable");
         exitTavel();
         return;
     }
@@ -131,20 +147,26 @@ void connectToOnBoardServer(void)
     info.timeout = g_httpInfo.timeout;
 
     TAVEL_LOGE("COnnect to TAVEL Server ..... \n");
+    TAVEL_STATUS(AgentState::Fetching, -1, "asking the onboarding server");
     int code = httpGetUrlFromServer(&info, "");
     TAVEL_LOGE("httpGetUrlFromServer ret: %d\n", code);
+    tavel_statusResult(code);
     updateOnBoardServerStatus(httpCodeToConnStatus(code));
 
     if (code != 200) {
         if (code == TAVEL_RC_NO_CERT) {
             TAVEL_LOGE("certificate not EXIST !!!!\n");
+            TAVEL_STATUS(AgentState::Exiting, -1,
+                         "CA file %s missing (Device.DeviceInfo.X_TAVEL_CACertPath): not retried",
+                         info.caCertPath);
             exitTavel();
             return;
         }
-        armRetry(code, TAVEL_TIMER_RETRY);
+        tavel_armRetry(code, TAVEL_TIMER_RETRY);
         return;
     }
 
+    TAVEL_STATUS(AgentState::Applying, -1, "reply received: applying its settings");
     tavel_setCloudMAPPURL(g_serverData);
 
     char currentCode[DML_COUNTRYID_LEN] = {0};
@@ -160,8 +182,10 @@ void connectToOnBoardServer(void)
     } else if (strstr(url, "http") == nullptr || isEmpty(g_serverData.cdpusername) ||
                isEmpty(g_serverData.cdppassword)) {
         // An incomplete account is as good as none: ask again in about a day.
+        TAVEL_LOGN("the reply's account is incomplete (a URL without http, or no user name or password): "
+                   "retried like a 204\n");
         g_tavelCtrl.retryCount = 0;
-        armRetry(204, TAVEL_TIMER_RETRY);
+        tavel_armRetry(204, TAVEL_TIMER_RETRY);
         return;
     } else if (isSameManagementAccount(&g_serverData) != 0 && tavel_isConnStatusFailed() == 0) {
         TAVEL_LOGE("Received Same Managment Connection Information from TAVEL Server... Exit Agent!\n");
@@ -175,6 +199,7 @@ void connectToOnBoardServer(void)
         dumpAcsConnectionDetails();
         tavel_setMgmtServerObj(&g_serverData);
         g_tavelCtrl.statusUpdatePending = 1;
+        tavel_statusPendingReport(1);
     }
 
     applyTimezone();
@@ -185,8 +210,10 @@ void connectToOnBoardServer(void)
 
     if (g_serverDataNotUsed == 1 && tavel_access(TAVEL_TIMEZONECONFIG_FILE) == 0 && g_timerAliveFlag == 0) {
         TAVEL_LOGE("Tavel exiting with timer alive flag %d\n", g_timerAliveFlag);
+        TAVEL_STATUS(AgentState::Exiting, -1, "the reply held nothing new to apply");
         exitTavel();
     }
+    noteWaitAfterFetch();
 }
 
 int httpCodeToConnStatus(int code)
@@ -244,15 +271,19 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
 
     TAVEL_LOGE("Send Status TO Server Status %d\n", statusValue);
     TAVEL_LOGE("Send Status TO Server URL %s\n", logText(info.url).c_str());
+    TAVEL_STATUS(AgentState::Reporting, -1, "reporting bootstrap status %d to the onboarding server",
+                 static_cast<int>(g_acsBootstrapStatus.status));
     uploading = true;
     int code = httpPutToServer(&info);
     uploading = false;
     tavel_releaseMemory();
     TAVEL_LOGN("Response code received from tavel server %d\n", code);
+    tavel_statusResult(code);
 
     if (code == 200) {
         g_tavelCtrl.statusUpdatePending = 0;
         g_statusRetryPending = 0;
+        tavel_statusPendingReport(0);
         // The device must not lose its time zone to an early exit: the
         // time-zone step's retries get an hour.  Past that the exit goes
         // ahead; the next start finds no marker and onboards again.
@@ -263,21 +294,20 @@ void updateStatus2OnBoardServer(const AcsBootstrapStatus *status)
                            TAVEL_TIMEZONECONFIG_FILE, waited);
                 break;
             }
+            TAVEL_STATUS(AgentState::WaitingTimezone, kTimezoneMarkerPoll,
+                         "report accepted; waiting for the time-zone marker");
             tavel_sleep(kTimezoneMarkerPoll);
             waited += kTimezoneMarkerPoll;
         }
         TAVEL_LOGE(" exitTavel ");
+        TAVEL_STATUS(AgentState::Exiting, -1, "report accepted: onboarding complete");
         exitTavel();
         return;
     }
     g_statusRetryPending = 1;
-    int seconds = 0;
-    timer_t timer = nullptr;
-    int rc = getTimerIdForErrorCode(code, &seconds, &timer, TAVEL_TIMER_STATUS);
+    tavel_statusPendingReport(1);
+    int rc = tavel_armRetry(code, TAVEL_TIMER_STATUS);
     TAVEL_LOGE("Error code [%d] for timerId\n", rc);
-    if (rc == 0) {
-        startTimer(seconds, timer);
-    }
 }
 
 void appendStatusSuffix(char *url, int statusValue)
@@ -308,14 +338,13 @@ void dumpDetails(const char *func, const char *banner, const DumpLine *lines, si
     for (size_t i = 0; i < count; ++i) {
         TAVEL_LOGN_AS(func, "%s%s\n", lines[i].label, LogValue(lines[i].value).c_str());
     }
-    printf("%s\n", banner);
+    tavel_out("%s\n", banner);
     for (size_t i = 0; i < count; ++i) {
-        printf("%s%s\n", lines[i].label, LogValue(lines[i].value).c_str());
+        tavel_out("%s%s\n", lines[i].label, LogValue(lines[i].value).c_str());
     }
     if (closing != nullptr) {
-        printf("%s\n", closing);
+        tavel_out("%s\n", closing);
     }
-    fflush(stdout);
 }
 
 } // namespace
@@ -330,8 +359,8 @@ void dumpHttpConnectionDetails(void)
         {"g_httpInfo.url: ", g_httpInfo.url},
         {"g_httpInfo.authType ", g_httpInfo.authType},
         {"g_httpInfo.userName ", g_httpInfo.userName},
-        {"g_httpInfo.password ", g_httpInfo.password},
-        {"g_httpInfo.x_api_key ", g_httpInfo.x_api_key},
+        {"g_httpInfo.password ", tavel_secret(g_httpInfo.password)},
+        {"g_httpInfo.x_api_key ", tavel_secret(g_httpInfo.x_api_key)},
         {"g_httpInfo.timeout ", timeout},
         {"g_httpInfo.authEnabled ", authEnabled},
     };

@@ -20,6 +20,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "agent_status.h"
 #include "main.h"
 #include "retry_seed.h"
 #include "util.h"
@@ -220,24 +221,40 @@ void getTimerByType(int type, timer_t *timer)
     }
 }
 
-int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type)
+int tavel_retryRuleOf(int code)
 {
-    TAVEL_LOGD("getTimerIdForErrorCode: %d\n", code);
-    int delay;
     switch (code) {
     case 0:
     case 110:
     case 503:
-        g_tavelCtrl.retryCount = code == g_lastErrorCode ? g_tavelCtrl.retryCount + 1 : 1;
-        delay = getRetryExpTimerValue();
-        g_lastErrorCode = code;
-        break;
+        return TAVEL_RETRY_TRANSIENT;
     case 204:
     case 400:
     case 401:
     case 403:
     case 404:
-    case 500: {
+    case 500:
+        return TAVEL_RETRY_LONG;
+    case TAVEL_RC_TRANSFER_FAILED:
+        return TAVEL_RETRY_TRANSFER;
+    case TAVEL_RC_TZ_UNAVAILABLE:
+        return TAVEL_RETRY_TZ;
+    default:
+        return TAVEL_RETRY_NONE;
+    }
+}
+
+int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type)
+{
+    TAVEL_LOGD("getTimerIdForErrorCode: %d\n", code);
+    int delay;
+    switch (tavel_retryRuleOf(code)) {
+    case TAVEL_RETRY_TRANSIENT:
+        g_tavelCtrl.retryCount = code == g_lastErrorCode ? g_tavelCtrl.retryCount + 1 : 1;
+        delay = getRetryExpTimerValue();
+        g_lastErrorCode = code;
+        break;
+    case TAVEL_RETRY_LONG: {
         // Wrap like the device's 32-bit arithmetic if an operator set a huge
         // base with "setTimeout", instead of overflowing.
         uint32_t sum = static_cast<uint32_t>(g_retryTimeout) + static_cast<uint32_t>(getRandomJitter(2));
@@ -246,12 +263,12 @@ int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type)
         getTimerByType(type, timer);
         return 0;
     }
-    case TAVEL_RC_TRANSFER_FAILED:
+    case TAVEL_RETRY_TRANSFER:
         g_tavelCtrl.retryCount = 2;
         delay = getRetryExpTimerValue();
         g_lastErrorCode = code;
         break;
-    case TAVEL_RC_TZ_UNAVAILABLE:
+    case TAVEL_RETRY_TZ:
         g_tavelCtrl.retryCount += 1;
         delay = getRetryExpTimerValue();
         break;
@@ -263,4 +280,40 @@ int getTimerIdForErrorCode(int code, int *seconds, timer_t *timer, int type)
     TAVEL_LOGN("ret %d retryCount value is %d retryCount seconds is %d\n", code, g_tavelCtrl.retryCount,
                delay);
     return 0;
+}
+
+int tavel_armRetry(int code, int type)
+{
+    int seconds = 0;
+    timer_t timer = nullptr;
+    int rc = getTimerIdForErrorCode(code, &seconds, &timer, type);
+    if (rc == 0) {
+        startTimer(seconds, timer);
+    }
+    tavel_statusRetryCount(g_tavelCtrl.retryCount);
+
+    char result[64];
+    tavel_resultText(code, result, sizeof(result));
+    const char *what = type == TAVEL_TIMER_STATUS ? "status report" : "fetch";
+    if (rc != 0) {
+        TAVEL_STATUS(AgentState::Idle, -1, "%s %s: not retried; nothing is scheduled until a restart", what,
+                     result);
+        return rc;
+    }
+    AgentState wait = type == TAVEL_TIMER_STATUS ? AgentState::ReportRetryWait : AgentState::RetryWait;
+    if (seconds <= 0) {
+        // "setTimeout 0" (or a negative value) leaves the timer disarmed.
+        TAVEL_STATUS(AgentState::Idle, -1, "%s %s: retry delay %d s disarms the timer; no retry follows",
+                     what, result, seconds);
+    } else if (tavel_retryRuleOf(code) == TAVEL_RETRY_LONG) {
+        // Half a day or more reads as days; what "setTimeout" shortened, as minutes.
+        bool days = seconds >= 43200;
+        TAVEL_STATUS(wait, seconds,
+                     "%s %s is not transient: the long wait of %d s (about %d %s; \"setTimeout\" changes it)",
+                     what, result, seconds, days ? (seconds + 43200) / 86400 : (seconds + 30) / 60,
+                     days ? "day(s)" : "min");
+    } else {
+        TAVEL_STATUS(wait, seconds, "%s %s: back-off retry %d", what, result, g_tavelCtrl.retryCount);
+    }
+    return rc;
 }

@@ -63,11 +63,7 @@ void applyTimezoneMarkerAfterPause()
 
 void retryTimezoneLater()
 {
-    int seconds = 0;
-    timer_t timer{};
-    if (getTimerIdForErrorCode(TAVEL_RC_TZ_UNAVAILABLE, &seconds, &timer, TAVEL_TIMER_RETRY) == 0) {
-        startTimer(seconds, timer);
-    }
+    tavel_armRetry(TAVEL_RC_TZ_UNAVAILABLE, TAVEL_TIMER_RETRY);
 }
 
 /* Turns the field separators of a mapping line into ';': commas inside double

@@ -19,6 +19,7 @@
 #include <string_view>
 
 #include "logtext.h"
+#include "agent_output.h"
 #include "platform_log.h"
 #include "reply_fields.h"
 #include "tavel_curl.h"
@@ -201,14 +202,8 @@ void scanFirstWord(const char *line, size_t n, const char *name, char *out, size
     out[len] = '\0';
 }
 
-int headerTypeOf(const char *line, size_t n)
+int parseHeaderType(const char *line, size_t n)
 {
-    std::string_view whole(line, n);
-    if (g_headerTrace.current && whole.find("pwd") == std::string_view::npos) {
-        log_log(5, "getHeaderType", __LINE__, " header value is %s\n",
-                LogText<kHeaderTraceMax>(line, n).c_str());
-    }
-
     char head[kHeaderLineSize] = {};
     size_t copyLen = n < sizeof(head) - 1 ? n : sizeof(head) - 1;
     memcpy(head, line, copyLen);
@@ -229,6 +224,62 @@ int headerTypeOf(const char *line, size_t n)
         }
     }
     return HDR_NONE;
+}
+
+int headerTypeOf(const char *line, size_t n)
+{
+    int type = parseHeaderType(line, n);
+    std::string_view whole(line, n);
+    if (g_headerTrace.current && whole.find("pwd") == std::string_view::npos) {
+        const ReplyField *f = replyFieldOf(type);
+        if (f != nullptr && tavel_redacting() != 0 && tavel_isSecretHeader(f->name, strlen(f->name)) != 0) {
+            log_log(5, "getHeaderType", __LINE__, " header value is %s: ***\n", f->name);
+        } else {
+            log_log(5, "getHeaderType", __LINE__, " header value is %s\n",
+                    LogText<kHeaderTraceMax>(line, n).c_str());
+        }
+    }
+    return type;
+}
+
+// libcurl's verbose trace as libcurl itself prints it when no debug function
+// is set (a two-character mark, then the data as given; no data or TLS
+// records), except that the value of a secret header becomes "***".
+int redactedTrace(CURL * /*h*/, curl_infotype type, char *data, size_t size, void * /*userdata*/)
+{
+    static const char kMarks[][3] = {"* ", "< ", "> "};
+    if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT) {
+        return 0;
+    }
+    fwrite(kMarks[type], 1, 2, stderr);
+    if (type == CURLINFO_TEXT) {
+        fwrite(data, 1, size, stderr);
+        return 0;
+    }
+    // A header block may hold many lines (the request's), each ending in LF.
+    size_t pos = 0;
+    while (pos < size) {
+        const char *start = data + pos;
+        const void *lf = memchr(start, '\n', size - pos);
+        size_t len =
+            lf != nullptr ? static_cast<size_t>(static_cast<const char *>(lf) - start) + 1 : size - pos;
+        const void *colon = memchr(start, ':', len);
+        size_t nameLen = colon != nullptr ? static_cast<size_t>(static_cast<const char *>(colon) - start) : 0;
+        if (colon != nullptr && tavel_isSecretHeader(start, nameLen) != 0) {
+            fwrite(start, 1, nameLen, stderr);
+            fputs(": ***", stderr);
+            // Keep the line's own ending (CR LF).
+            size_t end = len;
+            while (end > nameLen && (start[end - 1] == '\n' || start[end - 1] == '\r')) {
+                --end;
+            }
+            fwrite(start + end, 1, len - end, stderr);
+        } else {
+            fwrite(start, 1, len, stderr);
+        }
+        pos += len;
+    }
+    return 0;
 }
 
 // What differs between the GET and the PUT once the request is set up.
@@ -451,6 +502,9 @@ int httpPutToServer(HttpInfo *info)
     }
     CURL *h = curl.get();
     curl_easy_setopt(h, CURLOPT_VERBOSE, 1L);
+    if (tavel_redacting() != 0) {
+        curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, redactedTrace);
+    }
 
     bool https = strstr(info->url, "https") != nullptr;
 

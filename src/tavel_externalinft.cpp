@@ -5,6 +5,7 @@
 
 #include <string.h>
 
+#include "agent_output.h"
 #include "dml.h"
 #include "logtext.h"
 #include "util.h"
@@ -96,7 +97,7 @@ int getZoragent(ZorField which, char *buf, size_t bufSize, const char *func)
         TAVEL_LOGN_AS(func, "getkprconfigUrl is [%s]\n", LogValue(buf, bufSize).c_str());
     } else {
         tavel_copyText(buf, bufSize, cfg.apiKey, sizeof(cfg.apiKey) - 1);
-        TAVEL_LOGN_AS(func, "getkprconfigApikey is [%s]\n", LogValue(buf, bufSize).c_str());
+        TAVEL_LOGN_AS(func, "getkprconfigApikey is [%s]\n", LogValue(tavel_secret(buf), bufSize).c_str());
     }
     return 1;
 }
@@ -115,7 +116,8 @@ int setZoragent(ZorField which, const char *value, const char *func)
     if (which == ZorField::Url) {
         TAVEL_LOGN_AS(func, "setkprconfigUrl set is [%s]\n", logText(cfg.configURL).c_str());
     } else {
-        TAVEL_LOGN_AS(func, "setkprconfigApikey set is [%s]\n", logText(cfg.apiKey).c_str());
+        TAVEL_LOGN_AS(func, "setkprconfigApikey set is [%s]\n",
+                      LogText<sizeof(cfg.apiKey)>(tavel_secret(cfg.apiKey), sizeof(cfg.apiKey)).c_str());
     }
     return 1;
 }

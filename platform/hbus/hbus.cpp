@@ -28,6 +28,7 @@
 #include <dbus/dbus.h>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "dbus_guards.h"
@@ -262,6 +263,40 @@ DBusHandlerResult onObjectMessage(DBusConnection *conn, DBusMessage *msg, void *
 
 const DBusObjectPathVTable kObjectVTable = {nullptr, onObjectMessage, nullptr, nullptr, nullptr, nullptr};
 
+// Moves the read cursor to the call's next argument; false (and the call
+// marked for an InvalidArgs answer) when there is none of that type.
+bool nextArgument(hbusMessage *msg, int type)
+{
+    bool have;
+    if (!msg->readStarted) {
+        msg->readStarted = true;
+        have = dbus_message_iter_init(msg->msg, &msg->readIter);
+    } else {
+        have = dbus_message_iter_has_next(&msg->readIter) && dbus_message_iter_next(&msg->readIter);
+    }
+    if (!have || dbus_message_iter_get_arg_type(&msg->readIter) != type) {
+        msg->readFailed = true;
+        return false;
+    }
+    return true;
+}
+
+int appendReply(hbusMessage *reply, int type, const void *value)
+{
+    if (reply == nullptr || reply->msg == nullptr) {
+        return -1;
+    }
+    if (!reply->writeStarted) {
+        reply->writeStarted = true;
+        dbus_message_iter_init_append(reply->msg, &reply->writeIter);
+    }
+    if (!dbus_message_iter_append_basic(&reply->writeIter, type, value)) {
+        reply->writeFailed = true;
+        return -1;
+    }
+    return 0;
+}
+
 } // namespace
 
 extern "C" {
@@ -421,18 +456,7 @@ int hbusIsMethodCall(hbusMessage *msg, const char *service, const char *method)
 
 int hbusReadParcelInt32(hbusMessage *msg, int32_t *value)
 {
-    if (msg == nullptr || msg->msg == nullptr || value == nullptr) {
-        return -1;
-    }
-    bool have;
-    if (!msg->readStarted) {
-        msg->readStarted = true;
-        have = dbus_message_iter_init(msg->msg, &msg->readIter);
-    } else {
-        have = dbus_message_iter_has_next(&msg->readIter) && dbus_message_iter_next(&msg->readIter);
-    }
-    if (!have || dbus_message_iter_get_arg_type(&msg->readIter) != DBUS_TYPE_INT32) {
-        msg->readFailed = true;
+    if (msg == nullptr || msg->msg == nullptr || value == nullptr || !nextArgument(msg, DBUS_TYPE_INT32)) {
         return -1;
     }
     dbus_int32_t v;
@@ -443,19 +467,43 @@ int hbusReadParcelInt32(hbusMessage *msg, int32_t *value)
 
 int hbusWriteParcelUint32(hbusMessage *reply, uint32_t value)
 {
-    if (reply == nullptr || reply->msg == nullptr) {
-        return -1;
-    }
-    if (!reply->writeStarted) {
-        reply->writeStarted = true;
-        dbus_message_iter_init_append(reply->msg, &reply->writeIter);
-    }
     dbus_uint32_t v = value;
-    if (!dbus_message_iter_append_basic(&reply->writeIter, DBUS_TYPE_UINT32, &v)) {
-        reply->writeFailed = true;
+    return appendReply(reply, DBUS_TYPE_UINT32, &v);
+}
+
+int hbusReadParcelString(hbusMessage *msg, char *buf, uint32_t size)
+{
+    if (buf != nullptr && size > 0) {
+        buf[0] = '\0';
+    }
+    if (msg == nullptr || msg->msg == nullptr || buf == nullptr || size == 0 ||
+        !nextArgument(msg, DBUS_TYPE_STRING)) {
         return -1;
     }
+    const char *text = nullptr;
+    dbus_message_iter_get_basic(&msg->readIter, &text);
+    size_t n = strnlen(text, size - 1);
+    memcpy(buf, text, n);
+    buf[n] = '\0';
     return 0;
+}
+
+int hbusWriteParcelString(hbusMessage *reply, const char *text)
+{
+    if (text == nullptr) {
+        return -1;
+    }
+    std::string copy(text);
+    if (!dbus_validate_utf8(copy.c_str(), nullptr)) {
+        // libdbus refuses invalid UTF-8; keep the ASCII and mark the rest.
+        for (char &c : copy) {
+            if (static_cast<unsigned char>(c) >= 0x80) {
+                c = '?';
+            }
+        }
+    }
+    const char *p = copy.c_str();
+    return appendReply(reply, DBUS_TYPE_STRING, &p);
 }
 
 const char *hbusGetMethodName(hbusMessage *msg)

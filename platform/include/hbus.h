@@ -94,6 +94,18 @@ int hbusMainLoop(void);
 int hbusIsMethodCall(hbusMessage *msg, const char *service, const char *method);
 int hbusReadParcelInt32(hbusMessage *msg, int32_t *value);
 int hbusWriteParcelUint32(hbusMessage *reply, uint32_t value);
+/* Reads the call's next argument as a string into buf, size bytes, always
+ * terminated (a longer string is cut).  Returns 0; -1 when the argument is
+ * missing or not a string, buf then holds "" (when size > 0) and the layer
+ * answers the call with an InvalidArgs error.  buf is the caller's; the call
+ * copies and does not block.  Called from the dispatch function only, on the
+ * thread that runs hbusMainLoop. */
+int hbusReadParcelString(hbusMessage *msg, char *buf, uint32_t size);
+/* Appends a string to the reply; the layer copies text, which may be freed
+ * on return.  Bytes that would make it invalid UTF-8 travel as '?'.  Returns
+ * 0; -1 when text is NULL or memory runs out, and the caller then gets a
+ * NoMemory error instead of the reply.  Same thread rules as above. */
+int hbusWriteParcelString(hbusMessage *reply, const char *text);
 /* The called method's name; never NULL (empty when there is none).  Owned
  * by msg: valid until the dispatch returns. */
 const char *hbusGetMethodName(hbusMessage *msg);

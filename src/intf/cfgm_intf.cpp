@@ -7,6 +7,8 @@
 #include <string.h>
 
 #include "account_journal.h"
+#include "agent_output.h"
+#include "agent_status.h"
 #include "dml.h"
 #include "logtext.h"
 #include "tavel_externalinft.h"
@@ -189,6 +191,7 @@ int tavel_setMgmtServerObj(const ServerData *account)
         return -1;
     }
     tavel_journalRemove();
+    tavel_statusAccount(1);
     TAVEL_LOGN("acsCfg.Username :%s \n", logText(acsCfg.Username).c_str());
     TAVEL_LOGN("acsCfg.URL :%s \n", logText(acsCfg.URL).c_str());
     TAVEL_LOGN("############# \n");
@@ -222,25 +225,38 @@ void tavel_rollbackMgmtServerObj(void)
     }
 }
 
-int tavel_isMgmtServerUrlEmpty(void)
+namespace
+{
+
+int mgmtServerUrlEmpty(const char *func)
 {
     ManagementServerInfo acsCfg;
     memset(&acsCfg, 0, sizeof(acsCfg));
     if (dml_getManagementServerInfo(&acsCfg) != 0) {
-        TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
+        TAVEL_LOGE_AS(func, "get of OID_MANAGEMENTSERVER failed\n");
         return 1;
     }
-    TAVEL_LOGN("Curent the acsCfg.URL is [%s]\n", logText(acsCfg.URL).c_str());
+    TAVEL_LOGN_AS(func, "Curent the acsCfg.URL is [%s]\n", logText(acsCfg.URL).c_str());
     if (strcmp(acsCfg.URL, TAVEL_FACTORY_ACS_URL) == 0 || strcmp(acsCfg.URL, " ") == 0) {
-        TAVEL_LOGE("Go For Polling .... preCfgMgmtUrl:%s\n", logText(acsCfg.URL).c_str());
+        TAVEL_LOGE_AS(func, "Go For Polling .... preCfgMgmtUrl:%s\n", logText(acsCfg.URL).c_str());
         return 1;
     }
     if (strstr(acsCfg.URL, "http") != nullptr && acsCfg.Username[0] != '\0' && acsCfg.Password[0] != '\0') {
-        TAVEL_LOGE("No Polling .... VALID URL Config preset Already ... EXIT\n");
+        TAVEL_LOGE_AS(func, "No Polling .... VALID URL Config preset Already ... EXIT\n");
         return 0;
     }
-    TAVEL_LOGE("Go For Polling .... EMPTY URL\n");
+    TAVEL_LOGE_AS(func, "Go For Polling .... EMPTY URL\n");
     return 1;
+}
+
+} // namespace
+
+int tavel_isMgmtServerUrlEmpty(void)
+{
+    int empty = mgmtServerUrlEmpty(__func__);
+    // The factory account counts as none: it is what onboarding replaces.
+    tavel_statusAccount(empty == 0);
+    return empty;
 }
 
 int tavel_isConnStatusFailed(void)
@@ -280,6 +296,7 @@ struct CloudCheck {
     const char *name;
     const char *what;
     const char *kind;
+    bool secret; // its value is masked for deployments
 };
 
 // A failed read counts as "not empty": onboarding is not started on the
@@ -293,7 +310,7 @@ int isCloudSettingEmpty(const CloudCheck &c, const char *func)
         TAVEL_LOGN_AS(func, "unable to get %s\n", c.what);
         return 0;
     }
-    LogText<sizeof(buf)> value(buf, sizeof(buf));
+    LogText<sizeof(buf)> value(c.secret ? tavel_secret(buf) : buf, sizeof(buf));
     TAVEL_LOGN_AS(func, "current %s is [%s]\n", c.name, value.c_str());
     if (buf[0] == '\0') {
         TAVEL_LOGN_AS(func, " default value present go for polling ...%s %s\n", c.what, value.c_str());
@@ -307,29 +324,29 @@ int isCloudSettingEmpty(const CloudCheck &c, const char *func)
 
 int tavel_isL1ClouldUrlEmpty(void)
 {
-    return isCloudSettingEmpty({tavel_intf_getL1ClouldURL, 1024, "L1ClouldURL", "l1ClouldUrl", "url"},
+    return isCloudSettingEmpty({tavel_intf_getL1ClouldURL, 1024, "L1ClouldURL", "l1ClouldUrl", "url", false},
                                __func__);
 }
 
 int tavel_isL2ClouldUrlEmpty(void)
 {
-    return isCloudSettingEmpty({tavel_intf_getL2ClouldURL, 1024, "L2ClouldURL", "l2ClouldUrl", "url"},
+    return isCloudSettingEmpty({tavel_intf_getL2ClouldURL, 1024, "L2ClouldURL", "l2ClouldUrl", "url", false},
                                __func__);
 }
 
 int tavel_isRMAPPUrlEmpty(void)
 {
-    return isCloudSettingEmpty({tavel_intf_getRMAPPURL, 1024, "mappUrl", "mappUrl", "url"}, __func__);
+    return isCloudSettingEmpty({tavel_intf_getRMAPPURL, 1024, "mappUrl", "mappUrl", "url", false}, __func__);
 }
 
 int tavel_isKPRconfigUrlEmpty(void)
 {
-    return isCloudSettingEmpty({tavel_intf_getkprconfigUrl, 256, "kprConfigUrl", "kprConfigUrl", "url"},
-                               __func__);
+    return isCloudSettingEmpty(
+        {tavel_intf_getkprconfigUrl, 256, "kprConfigUrl", "kprConfigUrl", "url", false}, __func__);
 }
 
 int tavel_isKPRconfigApikeyEmpty(void)
 {
     return isCloudSettingEmpty(
-        {tavel_intf_getkprconfigApikey, 256, "kprConfigApikey", "kprConfigApikey", "Apikey"}, __func__);
+        {tavel_intf_getkprconfigApikey, 256, "kprConfigApikey", "kprConfigApikey", "Apikey", true}, __func__);
 }

@@ -13,6 +13,10 @@
 #define TAVEL_BUS_PATH "/velka/tavel"
 #define TAVEL_BUS_INTERFACE "velka.tavel"
 #define TAVEL_BUS_METHOD "dummyFunction"
+/* Operator methods: GetStatus () -> s, the status snapshot as one JSON
+ * object; RunDebugCommand (s command line) -> s, what the command printed. */
+#define TAVEL_BUS_METHOD_STATUS "GetStatus"
+#define TAVEL_BUS_METHOD_DBG "RunDebugCommand"
 
 /* Members of the signals the agent subscribes to, in signal-table order. */
 #define TAVEL_SIG_SET_LOG_LEVEL "setLogLevel"

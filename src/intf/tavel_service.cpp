@@ -160,6 +160,9 @@ void onVelkaTavelDispatch(hbusService *svc, hbusMessage *msg, hbusMessage *reply
         hbusWriteParcelUint32(reply, result);
         return;
     }
+    if (tavel_dispatchOperatorMethod(svc, msg, reply, handled) != 0) {
+        return;
+    }
     hbusLogFatalReal(__LINE__, __func__, "unknown message: %s\n",
                      LogText<255>(hbusGetMethodName(msg)).c_str());
 }

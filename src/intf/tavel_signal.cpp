@@ -7,11 +7,11 @@
 // and the byte counts ("signal ignored: payload of %u bytes, %u needed"), so
 // a misbehaving sender shows up in the log without disturbing the agent.
 #include <limits.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include "agent_output.h"
 #include "hbus.h"
 #include "logtext.h"
 #include "main.h"
@@ -26,17 +26,6 @@
 
 namespace
 {
-
-// Operators watch the debug output live, so every line is pushed out at once.
-void outLine(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
-void outLine(const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vprintf(fmt, ap);
-    va_end(ap);
-    fflush(stdout);
-}
 
 // Decimal value after optional blanks and sign; 0 without digits.  Values
 // beyond 32 bits saturate instead of overflowing.
@@ -56,21 +45,21 @@ int32_t parseSeconds(const char *text)
 
 void tavel_processDbgCmdSignal(void * /*conn*/, void * /*msg*/, const void *payload, uint32_t len)
 {
-    outLine("enter %s.\n", "tavel_processDbgCmdSignal");
+    tavel_out("enter %s.\n", "tavel_processDbgCmdSignal");
     if (payload == nullptr || len != TAVEL_DBG_PAYLOAD_LEN) {
-        outLine("%s, parameter mismatched.\n", "tavel_processDbgCmdSignal");
+        tavel_out("%s, parameter mismatched.\n", "tavel_processDbgCmdSignal");
         return;
     }
     const char *module = static_cast<const char *>(payload);
     // The name and its terminator lie well inside the 64-byte field, and a
     // name without a terminator cannot match.
     if (memcmp(module, TAVEL_DBG_MODULE, sizeof(TAVEL_DBG_MODULE)) != 0) {
-        outLine("%s, ignore.\n", "tavel_processDbgCmdSignal");
+        tavel_out("%s, ignore.\n", "tavel_processDbgCmdSignal");
         return;
     }
     const char *cmdLine = module + TAVEL_DBG_MODULE_LEN;
-    outLine("tavel_processDbgCmdSignal cmd: %s.\n",
-            LogText<TAVEL_DBG_CMDLINE_LEN>(cmdLine, TAVEL_DBG_CMDLINE_LEN).c_str());
+    tavel_out("tavel_processDbgCmdSignal cmd: %s.\n",
+              LogText<TAVEL_DBG_CMDLINE_LEN>(cmdLine, TAVEL_DBG_CMDLINE_LEN).c_str());
     tavel_handleDbgCmd(cmdLine);
 }
 
@@ -87,18 +76,18 @@ void tavel_handleDbgCmd(const char *cmdLine)
     memcpy(cmd, cmdLine, n);
     cmd[n] = '\0';
 
-    outLine("debug cmdLine = %s.\n", logText(cmd).c_str());
+    tavel_out("debug cmdLine = %s.\n", logText(cmd).c_str());
     if (strcmp(cmd, "httpinfo") == 0) {
         dumpHttpConnectionDetails();
     } else if (strcmp(cmd, "acsinfo") == 0) {
-        outLine("printing ACS Details...\n");
+        tavel_out("printing ACS Details...\n");
         dumpAcsConnectionDetails();
-        outLine("After printing ACS Details...\n");
+        tavel_out("After printing ACS Details...\n");
     } else if (strstr(cmd, "setTimeout") != nullptr) {
         // The value sits at a fixed position, wherever the word stands; a
         // shorter line has no value.
         const char *value = n >= 11 ? cmd + 11 : "";
-        outLine("cmdLine+11 = %s.\n", LogText<TAVEL_DBG_CMDLINE_LEN>(value).c_str());
+        tavel_out("cmdLine+11 = %s.\n", LogText<TAVEL_DBG_CMDLINE_LEN>(value).c_str());
         g_retryTimeout = parseSeconds(value);
     } else {
         tavel_printDbgCmdHelp();
@@ -107,8 +96,8 @@ void tavel_handleDbgCmd(const char *cmdLine)
 
 void tavel_printDbgCmdHelp(void)
 {
-    outLine("%-30s\t%-60s\n", "httpinfo", "Dump Http Connection Details. ");
-    outLine("%-30s\t%-60s\n", "acsinfo", "Dump ACS Connection Details. ");
+    tavel_out("%-30s\t%-60s\n", "httpinfo", "Dump Http Connection Details. ");
+    tavel_out("%-30s\t%-60s\n", "acsinfo", "Dump ACS Connection Details. ");
 }
 
 void tavel_TR69BootstrapStatusSignal(void * /*conn*/, void * /*msg*/, const void *payload, uint32_t len)

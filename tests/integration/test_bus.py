@@ -35,7 +35,7 @@ class ServiceTest(BusCase):
         time.sleep(3)
         self.assertLessEqual(cpu_ticks(dev.proc.pid) - before, 1, "ticks in 3 s while idle")
 
-        self.send("dbg", "setTimeout", "600")
+        self.send("dbg", "--signal", "setTimeout", "600")
         out = dev.wait_stdout("cmdLine+11 = 600.\n")
         self.assertEqual(out, "enter tavel_processDbgCmdSignal.\ntavel_processDbgCmdSignal cmd: setTimeout 600.\n"
                          "debug cmdLine = setTimeout 600.\ncmdLine+11 = 600.\n")

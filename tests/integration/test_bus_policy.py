@@ -22,14 +22,18 @@ def listened(member):
 # handler does nothing) and the trace itself.
 MEMBERS = [
     listened("setLogLevel"), listened("setLogDestination"),
-    ("sendDbgCmd", lambda who, i: ["dbg", "probe-" + who], "stdout", lambda who, i: "cmdLine = probe-%s.\n" % who),
+    ("sendDbgCmd", lambda who, i: ["dbg", "--signal", "probe-" + who], "stdout",
+     lambda who, i: "cmdLine = probe-%s.\n" % who),
     ("tavelCfgmgrSignal", lambda who, i: ["signal", "tavelCfgmgrSignal", "--size", str(i)], "log",
      lambda who, i: "signal ignored: payload of %d bytes, 4 needed\n" % i),
     ("tavelSyngMgrSignal", lambda who, i: ["sync", str(100 + i)], "log",
      lambda who, i: "] type = %d, len = 0\n" % (100 + i)),
     ("notifyNTPTimezoneUpdate", lambda who, i: ["ntp", "ntp-" + who], "log",
      lambda who, i: "value received from hmsd module is ntp-%s.\n" % who),
-    ("dummyFunction", lambda who, i: ["call", "dummyFunction", str(i)], "reply", None),
+    # Methods: whether the caller got the answer.
+    ("dummyFunction", lambda who, i: ["call", "dummyFunction", str(i)], "reply", lambda out: out == "1\n"),
+    ("GetStatus", lambda who, i: ["status", "--json"], "reply", lambda out: out.startswith('{"state":"waiting-role"')),
+    ("RunDebugCommand", lambda who, i: ["dbg", "call-" + who], "reply", lambda out: "cmdLine = call-" in out),
 ]
 
 
@@ -87,9 +91,10 @@ class PolicyTest(BusCase):
         for member, args, where, trace in MEMBERS:
             results = [self.send_as(prefix, args(who, i)) for i, (who, prefix) in enumerate(self.senders, 1)]
             if where == "reply":
-                row = [r.returncode == 0 and r.stdout == "1\n" for r in results]
+                row = [r.returncode == 0 and trace(r.stdout) for r in results]
                 for served, r in zip(row, results):
-                    self.assertTrue(served or "AccessDenied" in r.stderr, (member, r.stderr))
+                    self.assertTrue(served or "AccessDenied" in r.stderr or "refused by the bus policy" in r.stderr,
+                                    (member, r.stderr))
             else:
                 # A signal leaves no error at its sender: the trace tells.
                 self.assertEqual([r.returncode for r in results], [0] * len(results), member)

@@ -18,7 +18,7 @@ staged_install() { # stage prefix sysconfdir
     DESTDIR="$stage" cmake --install "$build" --prefix "$prefix" >"$tmp/install.log"
     for entry in "755:$prefix/sbin/tavelAgent" "755:$prefix/bin/tavelctl" \
         "644:$prefix/share/dbus-1/system.d/velka.tavel.conf" "644:$prefix/lib/systemd/system/tavelagent.service" \
-        "755:$etc/init.d/tavelagent"; do
+        "755:$etc/init.d/tavelagent" "644:$prefix/share/man/man1/tavelctl.1"; do
         mode=$(stat -c %a "$stage/${entry#*:}" 2>/dev/null) || mode=missing
         [ "$mode" = "${entry%%:*}" ] || fail "${entry#*:} has mode $mode, expected ${entry%%:*} (prefix $prefix)"
     done
@@ -154,7 +154,7 @@ if command -v dpkg-deb >/dev/null; then
         # fail its writer with SIGPIPE, and pipefail with it, at random.
         contents=$(dpkg-deb -c "$deb" | awk '{print $6}')
         for f in ./usr/sbin/tavelAgent ./usr/bin/tavelctl ./usr/lib/systemd/system/tavelagent.service \
-            ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf; do
+            ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf ./usr/share/man/man1/tavelctl.1; do
             grep -qx "$f" <<<"$contents" || fail "package lacks $f"
         done
         depends=$(dpkg-deb -f "$deb" Depends)

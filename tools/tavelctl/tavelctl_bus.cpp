@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "dbus_guards.h"
+#include "flat_json.h"
 #include "tavel_bus.h"
 #include "tavelctl.h"
 
@@ -186,18 +187,84 @@ int sendSignal(const SignalSpec &spec)
     return 0;
 }
 
-// dbg CMDLINE... [--module NAME]
+// Exit status when the agent is not on the bus.
+constexpr int kNotRunning = 3;
+
+int notRunning()
+{
+    fputs("tavelAgent is not running\n", stderr);
+    return kNotRunning;
+}
+
+// Calls one of the agent's methods that answer a string; the answer goes to
+// *answer.  The exit status on failure (3 when the agent is not on the bus).
+int callForText(const char *method, const char *arg, std::string *answer)
+{
+    ConnectionPtr conn = connectBus();
+    if (!conn) {
+        return 1;
+    }
+    ErrorGuard lookup;
+    if (!dbus_bus_name_has_owner(conn.get(), kAgentName, lookup.get())) {
+        return lookup.isSet() ? fail("cannot look up %s: %s", kAgentName, lookup.message()) : notRunning();
+    }
+    MessagePtr call(dbus_message_new_method_call(kAgentName, TAVEL_BUS_PATH, TAVEL_BUS_INTERFACE, method));
+    if (!call || (arg != nullptr &&
+                  !dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &arg, DBUS_TYPE_INVALID))) {
+        return fail("out of memory");
+    }
+    ErrorGuard err;
+    MessagePtr reply(
+        dbus_connection_send_with_reply_and_block(conn.get(), call.get(), kCallTimeoutMs, err.get()));
+    if (!reply) {
+        if (dbus_error_has_name(err.get(), DBUS_ERROR_SERVICE_UNKNOWN) ||
+            dbus_error_has_name(err.get(), DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+            return notRunning(); // it went away meanwhile
+        }
+        if (dbus_error_has_name(err.get(), DBUS_ERROR_ACCESS_DENIED)) {
+            return fail("%s refused by the bus policy: run as root or as a member of group tavel", method);
+        }
+        return fail("%s failed: %s: %s", method, err.name(), err.message());
+    }
+    const char *text = nullptr;
+    DBusMessageIter iter;
+    if (!dbus_message_iter_init(reply.get(), &iter) ||
+        dbus_message_iter_get_arg_type(&iter) != DBUS_TYPE_STRING) {
+        return fail("%s: unexpected reply signature '%s'", method, dbus_message_get_signature(reply.get()));
+    }
+    dbus_message_iter_get_basic(&iter, &text);
+    *answer = text;
+    return 0;
+}
+
+// A closed or full stdout must not pass for a successful answer.
+int writeOut(const std::string &text)
+{
+    fwrite(text.data(), 1, text.size(), stdout);
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        return fail("cannot write to standard output");
+    }
+    return 0;
+}
+
+// dbg CMDLINE... [--signal] [--module NAME]
 int cmdDbg(int argc, char **argv)
 {
     std::string module = TAVEL_DBG_MODULE;
     std::string cmdLine;
     bool haveWord = false;
+    bool asSignal = false;
     for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--signal") == 0) {
+            asSignal = true;
+            continue;
+        }
         if (strcmp(argv[i], "--module") == 0) {
             if (++i >= argc) {
                 return usageError("--module needs a name");
             }
             module = argv[i];
+            asSignal = true; // only the signal names a module
             continue;
         }
         if (haveWord) {
@@ -215,12 +282,51 @@ int cmdDbg(int argc, char **argv)
     if (cmdLine.size() >= kCmdLineLen) {
         return fail("command line longer than %zu characters", kCmdLineLen - 1);
     }
+    if (!asSignal) {
+        if (!dbus_validate_utf8(cmdLine.c_str(), nullptr)) {
+            return fail("the command line must be valid UTF-8 (or use --signal)");
+        }
+        std::string output;
+        int rc = callForText(TAVEL_BUS_METHOD_DBG, cmdLine.c_str(), &output);
+        return rc != 0 ? rc : writeOut(output);
+    }
     SignalSpec spec;
     spec.member = TAVEL_SIG_DBG_CMD;
     spec.bytes.assign(TAVEL_DBG_PAYLOAD_LEN, 0);
     memcpy(spec.bytes.data(), module.data(), module.size());
     memcpy(spec.bytes.data() + kModuleLen, cmdLine.data(), cmdLine.size());
     return sendSignal(spec);
+}
+
+// status [--json]
+int cmdStatus(int argc, char **argv)
+{
+    bool json = argc == 2 && strcmp(argv[1], "--json") == 0;
+    if (argc > 2 || (argc == 2 && !json)) {
+        return usageError("usage: tavelctl status [--json]");
+    }
+    std::string answer;
+    int rc = callForText(TAVEL_BUS_METHOD_STATUS, nullptr, &answer);
+    if (rc != 0) {
+        return rc;
+    }
+    if (json) {
+        return writeOut(answer + "\n");
+    }
+    std::vector<FlatJsonMember> members;
+    if (!parseFlatJson(answer, &members)) {
+        return fail("the agent's status is not a flat JSON object");
+    }
+    size_t width = 0;
+    for (const FlatJsonMember &m : members) {
+        width = m.key.size() > width ? m.key.size() : width;
+    }
+    std::string lines;
+    for (const FlatJsonMember &m : members) {
+        lines +=
+            m.key + ":" + std::string(width - m.key.size() + 1, ' ') + (m.isNull ? "none" : m.value) + "\n";
+    }
+    return writeOut(lines);
 }
 
 // bootstrap STATUS
@@ -367,7 +473,7 @@ int cmdCall(int argc, char **argv)
 
 bool tavelctlIsBusCommand(const char *word)
 {
-    static const char *const kWords[] = {"dbg", "bootstrap", "ntp", "sync", "call", "signal"};
+    static const char *const kWords[] = {"status", "dbg", "bootstrap", "ntp", "sync", "call", "signal"};
     for (const char *w : kWords) {
         if (strcmp(word, w) == 0) {
             return true;
@@ -376,26 +482,49 @@ bool tavelctlIsBusCommand(const char *word)
     return false;
 }
 
-void tavelctlBusUsage()
+bool tavelctlAgentRunning()
+{
+    ErrorGuard err;
+    DBusConnection *raw = dbus_bus_get_private(DBUS_BUS_SYSTEM, err.get());
+    if (raw == nullptr) {
+        return false;
+    }
+    dbus_connection_set_exit_on_disconnect(raw, FALSE);
+    ConnectionPtr conn(raw);
+    ErrorGuard lookup;
+    return dbus_bus_name_has_owner(conn.get(), kAgentName, lookup.get());
+}
+
+void tavelctlBusUsage(FILE *out)
 {
     fputs(
-        "  tavelctl dbg CMDLINE... [--module NAME]  send a debug command (default module " TAVEL_DBG_MODULE
+        "Agent (over the system bus; root or group tavel):\n"
+        "  tavelctl status [--json]            the agent's state: where onboarding stands, the last\n"
+        "                                      result, the next try (UTC), firewall, account present or\n"
+        "                                      empty; --json: one JSON object.  Exit 3: not running.\n"
+        "  tavelctl dbg CMDLINE...             run a debug command (httpinfo, acsinfo, setTimeout N)\n"
+        "                                      and print its output (also on the agent's stdout)\n"
+        "      --signal                        send it as the sendDbgCmd signal instead: nothing comes back\n"
+        "      --module NAME                   the signal form, for another module (default " TAVEL_DBG_MODULE
         ")\n"
-        "  tavelctl bootstrap STATUS               send the TR-069 bootstrap status (1 = success)\n"
-        "  tavelctl ntp TZVALUE                    send an NTP time-zone update\n"
-        "  tavelctl sync TYPE [DATA]               send a sync-manager message\n"
-        "  tavelctl call METHOD [INT]              call a method of " TAVEL_BUS_NAME
-        ", print the uint32 reply\n"
+        "\n"
+        "Simulation (playing the device's other modules):\n"
+        "  tavelctl bootstrap STATUS           send the TR-069 bootstrap status (1 = success)\n"
+        "  tavelctl ntp TZVALUE                send an NTP time-zone update\n"
+        "  tavelctl sync TYPE [DATA]           send a sync-manager message\n"
+        "  tavelctl call METHOD [INT]          call a method of " TAVEL_BUS_NAME ", print the uint32 reply\n"
         "  tavelctl signal MEMBER PAYLOAD [--no-owner-check]\n"
-        "                                          raw signal; PAYLOAD is --hex HEX, --size N (zero bytes),\n"
-        "                                          --no-arg, or --string S (a string argument, not bytes)\n"
-        "  Bus commands use the system bus (DBUS_SYSTEM_BUS_ADDRESS).\n",
-        stderr);
+        "                                      raw signal; PAYLOAD is --hex HEX, --size N (zero bytes),\n"
+        "                                      --no-arg, or --string S (a string argument, not bytes)\n",
+        out);
 }
 
 int tavelctlBus(int argc, char **argv)
 {
     const char *word = argv[0];
+    if (strcmp(word, "status") == 0) {
+        return cmdStatus(argc, argv);
+    }
     if (strcmp(word, "dbg") == 0) {
         return cmdDbg(argc, argv);
     }

@@ -1,19 +1,36 @@
-// "tavelctl dml ..." in a build against an external platform: the command
-// edits the stand-in's store file, which such a device does not read, so it
-// refuses rather than show or change a file nobody uses.
+// "tavelctl dml ..." and "tavelctl factory-reset" in a build against an
+// external platform: both edit the stand-in's store file, which such a device
+// does not read, so they refuse rather than show or change a file nobody uses.
 #include <stdio.h>
 
 #include "tavelctl.h"
 
-int tavelctlDml(int /*argc*/, char ** /*argv*/)
+namespace
+{
+
+int refuse(const char *command)
 {
     fprintf(stderr,
-            "tavelctl: dml: this build uses the device's own data-model layer (TAVEL_PLATFORM=external), "
-            "not the stand-in's store; use the platform's tools to read or change the data model\n");
+            "tavelctl: %s: this build uses the device's own data-model layer (TAVEL_PLATFORM=external), "
+            "not the stand-in's store; use the platform's tools to read or change the data model\n",
+            command);
     return 2;
 }
 
-void tavelctlDmlUsage()
+} // namespace
+
+int tavelctlDml(int /*argc*/, char ** /*argv*/)
 {
-    fprintf(stderr, "  tavelctl dml ...               (the stand-in's store only; refused in this build)\n");
+    return refuse("dml");
+}
+
+int tavelctlFactoryReset(int /*argc*/, char ** /*argv*/)
+{
+    return refuse("factory-reset");
+}
+
+void tavelctlDmlUsage(FILE *out)
+{
+    fprintf(out, "  tavelctl dml ...               (the stand-in's store only; refused in this build)\n"
+                 "  tavelctl factory-reset ...     (the stand-in's store only; refused in this build)\n");
 }
