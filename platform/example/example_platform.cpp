@@ -524,6 +524,19 @@ int hbusWriteParcelUint32(hbusMessage * /*reply*/, uint32_t /*value*/)
     return -1;
 }
 
+int hbusReadParcelString(hbusMessage * /*msg*/, char *buf, uint32_t size)
+{
+    if (buf != nullptr && size > 0) {
+        buf[0] = '\0';
+    }
+    return -1;
+}
+
+int hbusWriteParcelString(hbusMessage * /*reply*/, const char * /*text*/)
+{
+    return -1;
+}
+
 const char *hbusGetMethodName(hbusMessage * /*msg*/)
 {
     return "";
