@@ -33,10 +33,14 @@ done
 tavel_ensure_packages mmdebstrap systemd-container util-linux procps
 started=$SECONDS
 
+work="$src/build-systest"
+rm -rf "$work"
+mkdir -p "$work"
+
 # The package, built as the distribution builds it.
 arch=$(dpkg --print-architecture)
-bash "$src/scripts/package-deb.sh" >"$src/build-systest.package.log" 2>&1 ||
-    { echo "FAIL package: scripts/package-deb.sh (see build-systest.package.log)"; exit 1; }
+bash "$src/scripts/package-deb.sh" >"$work/package.log" 2>&1 ||
+    { echo "FAIL package: scripts/package-deb.sh (see $work/package.log)"; exit 1; }
 deb=$(find "$src/build-deb-$arch" -maxdepth 1 -name "tavelagent_*_$arch.deb" | head -n 1)
 
 # The base root: what the device's other software needs (systemd, the bus,
@@ -54,9 +58,6 @@ if [ ! -s "$base" ]; then
     mv "${base%.tar}.part.tar" "$base"
 fi
 
-work="$src/build-systest"
-rm -rf "$work"
-mkdir -p "$work"
 root="$work/root"
 image="$src/tests/system/image"
 # shellcheck source=tests/system/container.sh

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154  # $root, $work, $image: set by scripts/system-test.sh
 # Sourced by scripts/system-test.sh once the container's root is prepared:
 # the checks of the package in a booted system, in the order a device lives
 # them.  One line per check, PASS or FAIL and its name; $failures counts.
@@ -217,7 +218,7 @@ c_kill9_restart() {
     # ExecStopPost= takes the rules out before the restart, 10 s later.
     wait_for 5 rules_are 0 || why "rules left after SIGKILL: $(in_ct iptables -S)"
     wait_for 20 prop_is NRestarts 1 || why "not restarted: $(agent_state)"
-    [ "$(prop MainPID)" != "$pid" ] && [ "$(prop MainPID)" != 0 ] || why "no new agent"
+    case "$(prop MainPID)" in "$pid" | 0) why "no new agent" ;; esac
     wait_for 10 rules_are 1 || why "the restarted agent has no rules"
 }
 

@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154  # $root, $work, $image: set by scripts/system-test.sh
 # Sourced by scripts/system-test.sh: boots a Debian root directory with
 # systemd-nspawn (systemd as PID 1, a private network) and runs commands in
 # it.  Uses $root (the root directory) and $work (logs).  The container is
