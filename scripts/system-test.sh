@@ -9,23 +9,30 @@
 # machine that cannot boot the container included.  Needs root.
 #   scripts/system-test.sh            x86-64 (this host's architecture)
 #   scripts/system-test.sh --keep     keep the container's root afterwards
+#   scripts/system-test.sh --deb F    test the package F instead of building one
 # Environment: TAVEL_SYSTEST_CACHE (default /var/cache/tavel-systest) keeps
 # the base root file systems between runs; delete it to start afresh.
 set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd)
 keep=0
-for arg in "$@"; do
-    case "$arg" in
+deb=""
+while [ $# -gt 0 ]; do
+    case "$1" in
         --keep) keep=1 ;;
+        --deb)
+            deb=$(realpath "${2:?--deb needs a package file}")
+            shift
+            ;;
         --arm)
             echo "FAIL armhf VM: not implemented yet (see docs/system-test.md)" >&2
             exit 1
             ;;
         *)
-            echo "usage: $0 [--keep]" >&2
+            echo "usage: $0 [--keep] [--deb FILE]" >&2
             exit 2
             ;;
     esac
+    shift
 done
 [ "$(id -u)" -eq 0 ] || { echo "FAIL system test: needs root (systemd-nspawn, mmdebstrap)" >&2; exit 1; }
 # shellcheck source=scripts/deps.sh
@@ -39,9 +46,12 @@ mkdir -p "$work"
 
 # The package, built as the distribution builds it.
 arch=$(dpkg --print-architecture)
-bash "$src/scripts/package-deb.sh" >"$work/package.log" 2>&1 ||
-    { echo "FAIL package: scripts/package-deb.sh (see $work/package.log)"; exit 1; }
-deb=$(find "$src/build-deb-$arch" -maxdepth 1 -name "tavelagent_*_$arch.deb" | head -n 1)
+if [ -z "$deb" ]; then
+    bash "$src/scripts/package-deb.sh" >"$work/package.log" 2>&1 ||
+        { echo "FAIL package: scripts/package-deb.sh (see $work/package.log)"; exit 1; }
+    deb=$(find "$src/build-deb-$arch" -maxdepth 1 -name "tavelagent_*_$arch.deb" | head -n 1)
+fi
+[ "$(dpkg-deb -f "$deb" Architecture)" = "$arch" ] || { echo "FAIL package: $deb is not for $arch"; exit 1; }
 
 # The base root: what the device's other software needs (systemd, the bus,
 # iptables, Python for the simulator) and the package's dependencies.  Keyed

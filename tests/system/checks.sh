@@ -229,12 +229,21 @@ c_remove_running() {
     rules_are 0 || why "rules left: $(in_ct iptables -S)"
     [ ! -e "$root/usr/sbin/tavelAgent" ] || why "binary left"
     [ -e "$root/etc/init.d/tavelagent" ] || why "the init script, a conffile, went with remove"
+    # The mask keeps systemd's SysV generator off the left script.
+    [ "$(prop LoadState)" = masked ] || why "unit not masked after remove: $(prop LoadState)"
 }
 
 c_boot_after_remove() { # time before the reboot
     local since=$1 failed
     failed=$(in_ct systemctl --failed --no-legend --plain)
     [ -z "$failed" ] || why "failed units: $failed"
+    [ "$(prop LoadState)" = masked ] || why "unit not masked at boot: $(prop LoadState)"
+    # What a SysV-style boot and shutdown run: quiet, status 0.
+    local action out
+    for action in start stop; do
+        out=$(in_ct /etc/init.d/tavelagent "$action" 2>&1) || why "left init script $action failed: $out"
+        [ -z "$out" ] || why "left init script $action printed: $out"
+    done
     ! journal_has "$since" "not executable" || why "the left init script complained"
 }
 
