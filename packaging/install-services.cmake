@@ -37,7 +37,10 @@ file(INSTALL DESTINATION "${_tavel_policy_dir}" TYPE FILE
 
 # The unit's ExecStopPost= names iptables by absolute path, as older systemd needs.
 set(TAVEL_IPTABLES "/usr/sbin/iptables")
-set(_tavel_gen "${TAVEL_PACKAGING_BINARY_DIR}/generated")
+# One directory per destination: two installs of the same build tree may run
+# at once (the packaging checks do) and must not write each other's files.
+string(MD5 _tavel_dest "$ENV{DESTDIR}|${_tavel_prefix}")
+set(_tavel_gen "${TAVEL_PACKAGING_BINARY_DIR}/generated/${_tavel_dest}")
 configure_file("${TAVEL_PACKAGING_SOURCE_DIR}/systemd/tavelagent.service" "${_tavel_gen}/tavelagent.service" @ONLY)
 configure_file("${TAVEL_PACKAGING_SOURCE_DIR}/init.d/tavelagent" "${_tavel_gen}/tavelagent" @ONLY)
 

@@ -140,7 +140,11 @@ STUB
     run_init 0 stop
     removed crashed
 
-    DAEMON="$tmp/bin/missing" run_init 5 start
+    # Removed, not purged: the script stays and boot runs it without its agent.
+    for action in start stop status; do
+        DAEMON="$tmp/bin/missing" run_init 0 "$action"
+        [ ! -s "$tmp/init.out" ] || fail "init $action without its agent printed: $(cat "$tmp/init.out")"
+    done
     run_init 3 bogus
 fi
 
