@@ -55,7 +55,8 @@ void applyTimezoneMarkerAfterPause()
     event_log_log(kHistoryEvent,
                   "event[TZ Config] timezone[%s,%s,%s] Timezone:{timezone} Configuration from Velka "
                   "Cloud Successful",
-                  logText(applied).c_str(), logText(g_timezoneCode).c_str(), logText(g_continent_city).c_str());
+                  logText(applied).c_str(), logText(g_timezoneCode).c_str(),
+                  logText(g_continent_city).c_str());
     TAVEL_LOGN("send history event: event[TZ Config] timezone[[%s,%s,%s]] Timezone:{timezone} "
                "Configuration from Velka Cloud Successful",
                logText(applied).c_str(), logText(g_timezoneCode).c_str(), logText(g_continent_city).c_str());

@@ -18,8 +18,8 @@
 #include <memory>
 #include <string_view>
 
-#include "logtext.h"
 #include "agent_output.h"
+#include "logtext.h"
 #include "platform_log.h"
 #include "reply_fields.h"
 #include "tavel_curl.h"
