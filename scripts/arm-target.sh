@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The armhf target's libraries, for scripts/build-arm.sh and
 # scripts/package-deb.sh armhf.  Sourced after scripts/deps.sh.
 #
