@@ -20,6 +20,8 @@ set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd)
 # shellcheck source=scripts/deps.sh
 . "$src/scripts/deps.sh"
+# shellcheck source=scripts/arm-target.sh
+. "$src/scripts/arm-target.sh"
 
 run_tests=0
 for arg in "$@"; do
@@ -28,50 +30,6 @@ for arg in "$@"; do
         *) echo "usage: $0 [--test]" >&2; exit 2 ;;
     esac
 done
-
-# A target root of Debian's armhf packages that leaves the host alone: apt
-# runs with a state of its own (armhf only, an empty package database, its
-# own lists and cache under DIR/.apt), resolves the whole dependency closure
-# from nothing, downloads it, and each package is unpacked into DIR.
-# Absolute symbolic links are made relative, so they resolve inside DIR.
-arm_sysroot_packages() {
-    # shellcheck disable=SC2086
-    echo $TAVEL_ARM_DEPS libc6-dev libstdc++-12-dev | sed 's/:armhf//g'
-}
-arm_sysroot_ready() {
-    [ -f "$1/.apt/packages" ] && [ "$(cat "$1/.apt/packages")" = "$(arm_sysroot_packages)" ]
-}
-arm_sysroot() {
-    local root=$1 state="$1/.apt"
-    local want
-    want=$(arm_sysroot_packages)
-    if arm_sysroot_ready "$root"; then
-        echo "sysroot: $root (up to date)"
-        return 0
-    fi
-    echo "sysroot: $root from the armhf packages $want"
-    rm -rf "$root"
-    mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
-    : >"$state/status"
-    local opts=(-o APT::Architecture=armhf -o APT::Architectures::=armhf -o Dir::State::Lists="$state/lists"
-        -o Dir::State::status="$state/status" -o Dir::Cache="$state/cache" -o Debug::NoLocking=1
-        -o Acquire::Retries=3)
-    # An index that cannot be fetched leaves that suite out, as for the host.
-    apt-get "${opts[@]}" update -qq || echo "sysroot: apt-get update reported errors; using the lists it got" >&2
-    # shellcheck disable=SC2086
-    apt-get "${opts[@]}" install -y -qq --download-only --no-install-recommends $want >/dev/null
-    local deb
-    for deb in "$state"/cache/archives/*.deb; do
-        dpkg-deb -x "$deb" "$root"
-    done
-    local link target
-    while IFS= read -r -d '' link; do
-        target=$(readlink "$link")
-        ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$root$target")" "$link"
-    done < <(find "$root" -path "$state" -prune -o -type l -lname '/*' -print0)
-    rm -rf "$state/cache" "$state/lists"
-    echo "$want" >"$state/packages"
-}
 
 start=$SECONDS
 phase() { echo "== $1 ($((SECONDS - start)) s)"; }
@@ -87,37 +45,10 @@ echo "host packages:${missing:- all present}"
 # shellcheck disable=SC2086
 tavel_ensure_packages $host_deps
 
-# The target's libraries.  First choice: Debian's armhf multiarch packages,
-# installed beside the host's.  A Multi-Arch: same library must then have the
-# same version for both architectures, so when the armhf index of a suite
-# cannot be fetched (a mirror in mid-sync) while the host already has that
-# suite's newer version, apt cannot install them.  The host's packages are
-# never downgraded or removed for this (--no-remove, no --allow-downgrades):
-# the build then takes the same packages into a private sysroot instead
-# (arm_sysroot), which needs no change to the host at all.
-# TAVEL_ARM_SYSROOT=1 takes the sysroot at once; a sysroot made before is
-# kept while it holds the same packages.
-sysroot=""
-# shellcheck disable=SC2086
-missing=$(tavel_missing_packages $TAVEL_ARM_DEPS)
-if [ "${TAVEL_ARM_SYSROOT:-0}" = 1 ] || { [ -n "$missing" ] && arm_sysroot_ready "$src/build-arm-sysroot"; }; then
-    sysroot="$src/build-arm-sysroot"
-elif [ -n "$missing" ]; then
-    echo "armhf packages to install:$missing"
-    if ! dpkg --print-foreign-architectures | grep -qx armhf; then
-        echo "enabling the armhf architecture in dpkg (dpkg --add-architecture armhf)"
-        [ "$(id -u)" -eq 0 ] || sudo=sudo
-        ${sudo:-} dpkg --add-architecture armhf
-    fi
-    tavel_apt_get update -qq || echo "apt-get update reported errors; using the package lists at hand" >&2
-    # shellcheck disable=SC2086
-    if ! tavel_apt_get install -y -qq --no-install-recommends --no-remove $missing >/dev/null; then
-        echo "the armhf packages cannot be installed beside the host's (see above);" \
-            "using a private sysroot instead" >&2
-        sysroot="$src/build-arm-sysroot"
-    fi
-fi
-[ -n "$sysroot" ] && arm_sysroot "$sysroot"
+# The target's libraries: Debian's armhf packages beside the host's, or a
+# private sysroot (scripts/arm-target.sh).
+tavel_arm_target_root "$src/build-arm-sysroot"
+sysroot=$TAVEL_ARM_SYSROOT_DIR
 py=$(tavel_python)
 
 phase "configure"

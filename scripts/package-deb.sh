@@ -4,12 +4,17 @@
 # ships.  Then checks the packaged binaries' hardening (readelf) and the
 # package's architecture and dependencies, and prints where the package is.
 #   scripts/package-deb.sh           for this host's architecture
-#   scripts/package-deb.sh armhf     cross-built (Debian's multiarch packages;
-#                                    scripts/build-arm.sh installs them)
+#   scripts/package-deb.sh armhf     cross-built against Debian's armhf
+#                                    packages: the multiarch ones, or where
+#                                    they cannot be installed, the private
+#                                    sysroot build-arm-sysroot/ (as
+#                                    scripts/build-arm.sh builds)
 set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd)
 # shellcheck source=scripts/deps.sh
 . "$src/scripts/deps.sh"
+# shellcheck source=scripts/arm-target.sh
+. "$src/scripts/arm-target.sh"
 # shellcheck disable=SC2086
 tavel_ensure_packages $TAVEL_DEPS
 
@@ -20,6 +25,12 @@ cross=()
 if [ "$arch" != "$host" ]; then
     triplet=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
     cross=(-DCMAKE_TOOLCHAIN_FILE="$src/cmake/cross-linux.cmake" -DTAVEL_CROSS_TRIPLET="$triplet")
+    if [ "$arch" = armhf ]; then
+        # shellcheck disable=SC2086
+        tavel_ensure_packages $TAVEL_ARM_HOST_DEPS
+        tavel_arm_target_root "$src/build-arm-sysroot"
+        cross+=(-DCMAKE_SYSROOT="$TAVEL_ARM_SYSROOT_DIR")
+    fi
     # dpkg-buildflags gives the flags of the architecture built for.
     export DEB_HOST_ARCH=$arch CC=$triplet-gcc
 fi

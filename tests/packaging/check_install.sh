@@ -18,7 +18,7 @@ staged_install() { # stage prefix sysconfdir
     DESTDIR="$stage" cmake --install "$build" --prefix "$prefix" >"$tmp/install.log"
     for entry in "755:$prefix/sbin/tavelAgent" "755:$prefix/bin/tavelctl" \
         "644:$prefix/share/dbus-1/system.d/velka.tavel.conf" "644:$prefix/lib/systemd/system/tavelagent.service" \
-        "755:$etc/init.d/tavelagent" "644:$prefix/share/man/man1/tavelctl.1"; do
+        "755:$etc/init.d/tavelagent" "644:$prefix/share/man/man1/tavelctl.1.gz"; do
         mode=$(stat -c %a "$stage/${entry#*:}" 2>/dev/null) || mode=missing
         [ "$mode" = "${entry%%:*}" ] || fail "${entry#*:} has mode $mode, expected ${entry%%:*} (prefix $prefix)"
     done
@@ -156,11 +156,15 @@ if command -v dpkg-deb >/dev/null; then
     if [ -n "$deb" ]; then
         # Each listing read whole first: grep -q ending a pipe early would
         # fail its writer with SIGPIPE, and pipefail with it, at random.
-        contents=$(dpkg-deb -c "$deb" | awk '{print $6}')
-        for f in ./usr/sbin/tavelAgent ./usr/bin/tavelctl ./usr/lib/systemd/system/tavelagent.service \
-            ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf ./usr/share/man/man1/tavelctl.1; do
-            grep -qx "$f" <<<"$contents" || fail "package lacks $f"
-        done
+        # Exactly the agent's files: the platform stand-ins are linked into
+        # it, and their headers and archives have no place on the device.
+        shipped=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sort)
+        expected=$(printf '%s\n' ./usr/sbin/tavelAgent ./usr/bin/tavelctl ./usr/lib/systemd/system/tavelagent.service \
+            ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf ./usr/share/man/man1/tavelctl.1.gz \
+            ./usr/share/doc/tavelagent/changelog.gz ./usr/share/doc/tavelagent/copyright \
+            ./usr/share/lintian/overrides/tavelagent | sort)
+        [ "$shipped" = "$expected" ] || fail "package files (-missing, +unexpected):"$'\n'"$(diff <(echo "$expected") \
+            <(echo "$shipped") | sed -n 's/^</-/p; s/^>/+/p')"
         depends=$(dpkg-deb -f "$deb" Depends)
         for p in libcurl4 libdbus-1-3 iptables; do
             grep -Eq "(^|, )$p( |,|$)" <<<"$depends" || fail "package does not depend on $p: $depends"
