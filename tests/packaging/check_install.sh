@@ -18,7 +18,8 @@ staged_install() { # stage prefix sysconfdir
     DESTDIR="$stage" cmake --install "$build" --prefix "$prefix" >"$tmp/install.log"
     for entry in "755:$prefix/sbin/tavelAgent" "755:$prefix/bin/tavelctl" \
         "644:$prefix/share/dbus-1/system.d/velka.tavel.conf" "644:$prefix/lib/systemd/system/tavelagent.service" \
-        "755:$etc/init.d/tavelagent" "644:$prefix/share/man/man1/tavelctl.1.gz"; do
+        "755:$etc/init.d/tavelagent" "644:$prefix/share/man/man1/tavelctl.1.gz" \
+        "644:$prefix/share/man/man8/tavelAgent.8.gz"; do
         mode=$(stat -c %a "$stage/${entry#*:}" 2>/dev/null) || mode=missing
         [ "$mode" = "${entry%%:*}" ] || fail "${entry#*:} has mode $mode, expected ${entry%%:*} (prefix $prefix)"
     done
@@ -161,7 +162,7 @@ if command -v dpkg-deb >/dev/null; then
         shipped=$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sort)
         expected=$(printf '%s\n' ./usr/sbin/tavelAgent ./usr/bin/tavelctl ./usr/lib/systemd/system/tavelagent.service \
             ./etc/init.d/tavelagent ./usr/share/dbus-1/system.d/velka.tavel.conf ./usr/share/man/man1/tavelctl.1.gz \
-            ./usr/share/doc/tavelagent/changelog.gz ./usr/share/doc/tavelagent/copyright \
+            ./usr/share/man/man8/tavelAgent.8.gz ./usr/share/doc/tavelagent/changelog.gz ./usr/share/doc/tavelagent/copyright \
             ./usr/share/lintian/overrides/tavelagent | sort)
         [ "$shipped" = "$expected" ] || fail "package files (-missing, +unexpected):"$'\n'"$(diff <(echo "$expected") \
             <(echo "$shipped") | sed -n 's/^</-/p; s/^>/+/p')"
