@@ -6,15 +6,27 @@
 #include "tavel_externalinft.h"
 #include "util.h"
 
-void tavel_setCloudMAPPURL(ServerData serverData)
+namespace
 {
-    // The notice shows every value, the API key included, as the device's
-    // log always has (masked for deployments); the connection dumps leave the
-    // cloud values out.
+
+// The notice shows every value, the API key included, as the device's log
+// always has (masked for deployments); the connection dumps leave the cloud
+// values out.  Out of line so that its five escaped copies (a large frame)
+// are gone before the setters below run, instead of pushing them, and the
+// stack pages they dirty, further down.
+__attribute__((noinline)) void logCloudValues(const ServerData &serverData)
+{
     TAVEL_LOGN(" l1ClouldUrl %s l2ClouldUrl%s remotemappUrl %s kprConfigUrl[%s] kprConfigApikey[%s] \n",
                LogValue(serverData.l1url).c_str(), LogValue(serverData.l2url).c_str(),
                LogValue(serverData.remotemappurl).c_str(), LogValue(serverData.kprconfigurl).c_str(),
                LogValue(tavel_secret(serverData.kprconfigapikey)).c_str());
+}
+
+} // namespace
+
+void tavel_setCloudMAPPURL(ServerData serverData)
+{
+    logCloudValues(serverData);
 
     // An empty value (absent, or "NA" from the server) leaves the setting as
     // it is; a failed write is logged by its setter and the rest still go out.

@@ -226,18 +226,24 @@ int parseHeaderType(const char *line, size_t n)
     return HDR_NONE;
 }
 
+// Out of line: its escaped copy is a large stack frame, which would otherwise
+// sit under every header callback deep in libcurl's stack and leave the
+// main thread's stack pages dirty for the rest of the run.
+__attribute__((noinline)) void traceHeader(int type, const char *line, size_t n)
+{
+    const ReplyField *f = replyFieldOf(type);
+    if (f != nullptr && tavel_redacting() != 0 && tavel_isSecretHeader(f->name, strlen(f->name)) != 0) {
+        log_log(5, "getHeaderType", __LINE__, " header value is %s: ***\n", f->name);
+    } else {
+        log_log(5, "getHeaderType", __LINE__, " header value is %s\n", LogText<kHeaderTraceMax>(line, n).c_str());
+    }
+}
+
 int headerTypeOf(const char *line, size_t n)
 {
     int type = parseHeaderType(line, n);
-    std::string_view whole(line, n);
-    if (g_headerTrace.current && whole.find("pwd") == std::string_view::npos) {
-        const ReplyField *f = replyFieldOf(type);
-        if (f != nullptr && tavel_redacting() != 0 && tavel_isSecretHeader(f->name, strlen(f->name)) != 0) {
-            log_log(5, "getHeaderType", __LINE__, " header value is %s: ***\n", f->name);
-        } else {
-            log_log(5, "getHeaderType", __LINE__, " header value is %s\n",
-                    LogText<kHeaderTraceMax>(line, n).c_str());
-        }
+    if (g_headerTrace.current && std::string_view(line, n).find("pwd") == std::string_view::npos) {
+        traceHeader(type, line, n);
     }
     return type;
 }
