@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "files.h"
 #include "main.h"
 #include "util.h"
@@ -197,21 +199,25 @@ const char *tavel_journalDecode(const uint8_t *buf, size_t size, AccountJournal 
 
 int tavel_journalWrite(const AccountJournal &journal)
 {
-    uint8_t buf[kAccountJournalSize];
+    // On the heap, like the caller's record: this is the deepest stack of the
+    // run, and stack pages stay dirty while the agent waits afterwards.
+    const auto record = std::make_unique<uint8_t[]>(kAccountJournalSize);
+    uint8_t *buf = record.get();
     tavel_journalEncode(journal, buf);
     DevicePath tmp(TAVEL_ACCOUNT_JOURNAL_TMP);
     int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC, 0600);
     if (fd < 0) {
         TAVEL_LOGE("cannot create %s: %s\n", tmp.c_str(), strerror(errno));
+        explicit_bzero(buf, kAccountJournalSize);
         return -1;
     }
     bool ok;
     {
         FdGuard guard(fd);
         // An older temporary file keeps its mode through O_TRUNC.
-        ok = fchmod(fd, 0600) == 0 && writeAll(fd, buf, sizeof(buf)) && fsync(fd) == 0;
+        ok = fchmod(fd, 0600) == 0 && writeAll(fd, buf, kAccountJournalSize) && fsync(fd) == 0;
     }
-    explicit_bzero(buf, sizeof(buf));
+    explicit_bzero(buf, kAccountJournalSize);
     if (!ok || rename(tmp.c_str(), DevicePath(TAVEL_ACCOUNT_JOURNAL_FILE).c_str()) != 0) {
         TAVEL_LOGE("cannot write %s: %s\n", tmp.c_str(), strerror(errno));
         unlinkDevicePath(TAVEL_ACCOUNT_JOURNAL_TMP);
