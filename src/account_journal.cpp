@@ -25,19 +25,20 @@ constexpr size_t kPayloadSize = 2 * sizeof(ManagementServerInfo);
 constexpr size_t kCrcOffset = kHeaderSize + kPayloadSize;
 #define TAVEL_ACCOUNT_JOURNAL_TMP TAVEL_ACCOUNT_JOURNAL_FILE ".tmp"
 
-// CRC-32 (reflected, polynomial 0xEDB88320) a byte at a time: the record is
-// 3 KiB and encoded on every account write, where the bitwise loop alone cost
-// about 220 K instructions.
+// CRC-32 (reflected, polynomial 0xEDB88320) four bits at a time: the record
+// is 3 KiB and encoded on every account write, where the bitwise loop alone
+// cost about 220 K instructions; a 16-entry table takes a sixth of that and
+// 64 bytes of flash, against 1 KiB for a byte-wide one.
 struct CrcTable {
-    uint32_t entry[256];
+    uint32_t entry[16];
 };
 
 constexpr CrcTable makeCrcTable()
 {
     CrcTable t{};
-    for (uint32_t i = 0; i < 256; ++i) {
+    for (uint32_t i = 0; i < 16; ++i) {
         uint32_t c = i;
-        for (int bit = 0; bit < 8; ++bit) {
+        for (int bit = 0; bit < 4; ++bit) {
             c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
         }
         t.entry[i] = c;
@@ -46,13 +47,15 @@ constexpr CrcTable makeCrcTable()
 }
 
 constexpr CrcTable kCrcTable = makeCrcTable();
-static_assert(kCrcTable.entry[1] == 0x77073096u && kCrcTable.entry[255] == 0x2D02EF8Du, "CRC-32 table");
+static_assert(kCrcTable.entry[1] == 0x1DB71064u && kCrcTable.entry[15] == 0xBDBDF21Cu, "CRC-32 nibble table");
 
 uint32_t crc32(const uint8_t *p, size_t n)
 {
     uint32_t crc = 0xFFFFFFFFu;
     for (size_t i = 0; i < n; ++i) {
-        crc = (crc >> 8) ^ kCrcTable.entry[(crc ^ p[i]) & 0xFFu];
+        crc ^= p[i];
+        crc = (crc >> 4) ^ kCrcTable.entry[crc & 0xFu];
+        crc = (crc >> 4) ^ kCrcTable.entry[crc & 0xFu];
     }
     return ~crc;
 }
