@@ -211,7 +211,7 @@ void tavel_removeFirewallRules(void);
  * it then returns after a long wait, and its caller must end its step at
  * once (every call is the last thing its step does). */
 void exitTavel(void);
-/* Ends the process with status 0, every output stream flushed, without the
+/* Ends the process with status 0, standard output flushed, without the
  * libraries' exit handlers (kept in sanitizer builds): the only place that
  * does, for every exit path of the agent. */
 [[noreturn]] void tavel_exitProcess(void);

@@ -325,7 +325,9 @@ void tavel_removeFirewallRules(void)
 
 void tavel_exitProcess(void)
 {
-    fflush(nullptr);
+    // Standard output only: fflush(NULL) would wait for the lock of every
+    // stream, also one that a thread blocked in a read holds.
+    fflush(stdout);
 #ifdef TAVEL_SANITIZED
     exit(0);
 #else
