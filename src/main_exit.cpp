@@ -230,35 +230,46 @@ void releaseFirewall(int commandLimitMs)
 class TransientThread
 {
 public:
-    bool start(void *(*run)(void *))
+    // 0, or the error that kept the thread from starting.
+    int start(void *(*run)(void *))
     {
         size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         void *map = mmap(nullptr, kStack + page, PROT_READ | PROT_WRITE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
         if (map == MAP_FAILED) {
-            return false;
+            return errno;
         }
         pthread_attr_t attr;
-        bool ok = mprotect(map, page, PROT_NONE) == 0 && pthread_attr_init(&attr) == 0; // guard page below
-        if (ok) {
-            ok = pthread_attr_setstack(&attr, static_cast<char *>(map) + page, kStack) == 0 &&
-                 pthread_create(&thread_, &attr, run, nullptr) == 0;
+        int rc = mprotect(map, page, PROT_NONE) == 0 ? 0 : errno; // guard page below
+        if (rc == 0) {
+            rc = pthread_attr_init(&attr);
+        }
+        if (rc == 0) {
+            rc = pthread_attr_setstack(&attr, static_cast<char *>(map) + page, kStack);
+            if (rc == 0) {
+                rc = pthread_create(&thread_, &attr, run, nullptr);
+            }
             pthread_attr_destroy(&attr);
         }
-        if (!ok) {
+        if (rc != 0) {
             munmap(map, kStack + page);
-            return false;
+            // A C library or a sanitizer runtime may refuse a stack of this
+            // size: the library's own stack costs memory, not correctness.
+            map_ = nullptr;
+            return pthread_create(&thread_, nullptr, run, nullptr);
         }
         map_ = map;
         mapSize_ = kStack + page;
-        return true;
+        return 0;
     }
 
     void join()
     {
         pthread_join(thread_, nullptr);
-        munmap(map_, mapSize_);
-        map_ = nullptr;
+        if (map_ != nullptr) {
+            munmap(map_, mapSize_);
+            map_ = nullptr;
+        }
     }
 
 private:
@@ -298,14 +309,19 @@ void *firewallThreadMain(void *unused)
 
 void tavel_startFirewallRules(void)
 {
+    int rc = 0;
     pthread_mutex_lock(&g_fwMutex);
     if (!g_fwRunning) {
-        g_fwRunning = g_fwThread.start(firewallThreadMain);
-        if (!g_fwRunning) {
-            replaceFirewallRules(nullptr);
-        }
+        rc = g_fwThread.start(firewallThreadMain);
+        g_fwRunning = rc == 0;
     }
     pthread_mutex_unlock(&g_fwMutex);
+    if (rc != 0) {
+        // Not under the mutex: a stop in these commands parks this thread,
+        // and the exit must still get past the mutex to remove the rules.
+        TAVEL_LOGE("cannot start the firewall thread: %s; running the commands here\n", strerror(rc));
+        replaceFirewallRules(nullptr);
+    }
 }
 
 void tavel_awaitFirewallRules(void)
