@@ -153,7 +153,8 @@ void dumpBody(const PollRespBuffer &buf)
 {
     TAVEL_LOGD("Data From Server START:#########################\n");
     const char *text = tavel_text(buf.data);
-    const auto shown = std::make_unique<LogText<kBodyDumpMax>>(text, buf.size < kBodyDumpMax ? buf.size : kBodyDumpMax);
+    const auto shown =
+        std::make_unique<LogText<kBodyDumpMax>>(text, buf.size < kBodyDumpMax ? buf.size : kBodyDumpMax);
     if (buf.size <= kBodyDumpMax) {
         TAVEL_LOGD("%s\n", shown->c_str());
     } else {
