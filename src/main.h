@@ -225,6 +225,10 @@ int tavel_stopPending(void);
  * ETIMEDOUT or ECANCELED.  For what has no descriptor to wait on: a child's
  * end, an advisory lock.  The caller keeps whatever locks it holds. */
 int tavel_waitUntil(bool (*ready)(void *context), void *context, int limitMs);
+/* Waits until fd is readable (or hung up), limitMs real milliseconds have
+ * passed, or a stop is pending: 0, ETIMEDOUT or ECANCELED (another errno if
+ * poll fails).  For what has a descriptor to wait on: a child's pidfd. */
+int tavel_waitReadable(int fd, int limitMs);
 template <typename Ready> int tavel_waitUntil(Ready &&ready, int limitMs)
 {
     using R = typename std::remove_reference<Ready>::type;

@@ -360,6 +360,34 @@ int tavel_stopPending(void)
     return !t_carryingOutStop && tavel_stopRequested() != 0 ? 1 : 0;
 }
 
+int tavel_waitReadable(int fd, int limitMs)
+{
+    const struct timespec end =
+        addSpan(monotonicNow(), timespec{limitMs / 1000, (limitMs % 1000) * 1000000L});
+    pthread_once(&g_kickOnce, makeKickFd);
+    for (;;) {
+        // The thread carrying a stop out waits on fd alone: the stop it
+        // serves would otherwise wake it again and again.
+        bool stoppable = !t_carryingOutStop;
+        struct pollfd fds[3] = {{fd, POLLIN, 0},
+                                {stoppable ? tavel_stopSignalFd() : -1, POLLIN, 0},
+                                {stoppable ? g_kickFd : -1, POLLIN, 0}};
+        int ready = poll(fds, 3, msUntil(end));
+        if (ready > 0 && (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+            return 0;
+        }
+        if (tavel_stopPending() != 0) {
+            return ECANCELED;
+        }
+        if (ready < 0 && errno != EINTR) {
+            return errno;
+        }
+        if (msUntil(end) == 0) {
+            return ETIMEDOUT;
+        }
+    }
+}
+
 int tavel_waitUntil(bool (*ready)(void *context), void *context, int limitMs)
 {
     const struct timespec end =
