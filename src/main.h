@@ -211,8 +211,9 @@ void tavel_removeFirewallRules(void);
  * it then returns after a long wait, and its caller must end its step at
  * once (every call is the last thing its step does). */
 void exitTavel(void);
-/* Ends the process with status 0, standard output flushed: the only place
- * that does, for every exit path of the agent. */
+/* Ends the process with status 0, standard output flushed, without the
+ * libraries' exit handlers (kept in sanitizer builds): the only place that
+ * does, for every exit path of the agent. */
 [[noreturn]] void tavel_exitProcess(void);
 /* 1 once a stop signal was seen; reads a pending one without blocking. */
 int tavel_stopRequested(void);
@@ -224,6 +225,10 @@ int tavel_stopPending(void);
  * ETIMEDOUT or ECANCELED.  For what has no descriptor to wait on: a child's
  * end, an advisory lock.  The caller keeps whatever locks it holds. */
 int tavel_waitUntil(bool (*ready)(void *context), void *context, int limitMs);
+/* Waits until fd is readable (or hung up), limitMs real milliseconds have
+ * passed, or a stop is pending: 0, ETIMEDOUT or ECANCELED (another errno if
+ * poll fails).  For what has a descriptor to wait on: a child's pidfd. */
+int tavel_waitReadable(int fd, int limitMs);
 template <typename Ready> int tavel_waitUntil(Ready &&ready, int limitMs)
 {
     using R = typename std::remove_reference<Ready>::type;

@@ -5,10 +5,13 @@
 #include <spawn.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <initializer_list>
 
+#include "files.h"
 #include "main.h"
 #include "util.h"
 
@@ -81,13 +84,30 @@ int tavel_spawn(const char *const argv[], int limitMs)
     }
     int status = 0;
     int waitErr = 0;
-    int ended = tavel_waitUntil(
-        [&] {
-            pid_t got = waitpid(pid, &status, WNOHANG);
-            waitErr = got < 0 && errno != EINTR ? errno : 0;
-            return got == pid || waitErr != 0;
-        },
-        limitMs);
+    auto reaped = [&] {
+        pid_t got = waitpid(pid, &status, WNOHANG);
+        waitErr = got < 0 && errno != EINTR ? errno : 0;
+        return got == pid || waitErr != 0;
+    };
+    // The command's end wakes the wait at once through a pidfd: polling
+    // found each of the start-up's firewall commands up to a pause late, and
+    // the first request waits for the last of them.  Kernels before 5.3 have
+    // no pidfd; the polling wait stays for them.
+    int ended;
+#ifdef SYS_pidfd_open
+    int pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+    int pidFd = -1;
+#endif
+    if (pidFd >= 0) {
+        FdGuard guard(pidFd);
+        ended = tavel_waitReadable(pidFd, limitMs);
+        if (ended == 0 && !reaped()) {
+            ended = tavel_waitUntil(reaped, limitMs);
+        }
+    } else {
+        ended = tavel_waitUntil(reaped, limitMs);
+    }
     if (ended != 0) {
         killAndReap(pid);
         if (ended == ECANCELED) {

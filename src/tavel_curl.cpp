@@ -147,15 +147,18 @@ size_t bodyWriteThunk(char *ptr, size_t size, size_t nmemb, void *userdata)
     return pollRespWriteCallback(ptr, size, nmemb, static_cast<PollRespBuffer *>(userdata));
 }
 
+// The escaped copy (16 KiB) lives on the heap, given back before the wait: on
+// the stack it would leave that many stack pages dirty for the whole run.
 void dumpBody(const PollRespBuffer &buf)
 {
     TAVEL_LOGD("Data From Server START:#########################\n");
     const char *text = tavel_text(buf.data);
+    const auto shown =
+        std::make_unique<LogText<kBodyDumpMax>>(text, buf.size < kBodyDumpMax ? buf.size : kBodyDumpMax);
     if (buf.size <= kBodyDumpMax) {
-        TAVEL_LOGD("%s\n", LogText<kBodyDumpMax>(text, buf.size).c_str());
+        TAVEL_LOGD("%s\n", shown->c_str());
     } else {
-        TAVEL_LOGD("%s ...[%zu bytes, first %zu logged]\n", LogText<kBodyDumpMax>(text, kBodyDumpMax).c_str(),
-                   buf.size, kBodyDumpMax);
+        TAVEL_LOGD("%s ...[%zu bytes, first %zu logged]\n", shown->c_str(), buf.size, kBodyDumpMax);
     }
     TAVEL_LOGD("Data From Server END:#########################\n");
 }
@@ -226,18 +229,25 @@ int parseHeaderType(const char *line, size_t n)
     return HDR_NONE;
 }
 
+// The escaped copy is on the heap: on the stack, under a header callback deep
+// in libcurl's own stack, it made the deepest frame of the run, and stack
+// pages stay dirty for the days the agent may then wait.
+void traceHeader(int type, const char *line, size_t n)
+{
+    const ReplyField *f = replyFieldOf(type);
+    if (f != nullptr && tavel_redacting() != 0 && tavel_isSecretHeader(f->name, strlen(f->name)) != 0) {
+        log_log(5, "getHeaderType", __LINE__, " header value is %s: ***\n", f->name);
+    } else {
+        const auto shown = std::make_unique<LogText<kHeaderTraceMax>>(line, n);
+        log_log(5, "getHeaderType", __LINE__, " header value is %s\n", shown->c_str());
+    }
+}
+
 int headerTypeOf(const char *line, size_t n)
 {
     int type = parseHeaderType(line, n);
-    std::string_view whole(line, n);
-    if (g_headerTrace.current && whole.find("pwd") == std::string_view::npos) {
-        const ReplyField *f = replyFieldOf(type);
-        if (f != nullptr && tavel_redacting() != 0 && tavel_isSecretHeader(f->name, strlen(f->name)) != 0) {
-            log_log(5, "getHeaderType", __LINE__, " header value is %s: ***\n", f->name);
-        } else {
-            log_log(5, "getHeaderType", __LINE__, " header value is %s\n",
-                    LogText<kHeaderTraceMax>(line, n).c_str());
-        }
+    if (g_headerTrace.current && std::string_view(line, n).find("pwd") == std::string_view::npos) {
+        traceHeader(type, line, n);
     }
     return type;
 }

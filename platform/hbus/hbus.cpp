@@ -349,11 +349,16 @@ int hbusAddInterestedSignal(const char *matchRule)
     if (!link || matchRule == nullptr) {
         return -1;
     }
+    // Sent without waiting for the daemon's answer: it handles one
+    // connection's messages in order, so the rule is in place before anything
+    // sent on this connection later (the name request, a signal) is handled,
+    // and a blocking round trip per rule was most of joining the bus.  The
+    // price: a rule the daemon refuses goes unreported.
     DBusConnection *conn = link->conn;
-    ErrorGuard err;
-    dbus_bus_add_match(conn, matchRule, err.get());
-    if (err.isSet()) {
-        log_log(LOG_ERR, __func__, __LINE__, "hbus: add match \"%s\" failed: %s\n", matchRule, err.message());
+    dbus_bus_add_match(conn, matchRule, nullptr);
+    dbus_connection_flush(conn);
+    if (!dbus_connection_get_is_connected(conn)) {
+        log_log(LOG_ERR, __func__, __LINE__, "hbus: add match \"%s\" failed: not connected\n", matchRule);
         return -1;
     }
     return 0;

@@ -6,6 +6,8 @@
 
 #include <string.h>
 
+#include <memory>
+
 #include "account_journal.h"
 #include "agent_output.h"
 #include "agent_status.h"
@@ -136,27 +138,54 @@ int updateOnBoardServerStatus(int index)
     return 0;
 }
 
-int tavel_setMgmtServerObj(const ServerData *account)
+namespace
+{
+
+// Until the new account is written the device's only copy of either account
+// would be in this process: the journal carries both across a power cut, so
+// nothing is emptied that it does not cover.  The record (3 KiB) is on the
+// heap and wiped before it goes: this is the deepest stack of the run, and
+// stack pages stay dirty for all of the days the agent may then wait.
+int journalAccounts(const ServerData *account, const ManagementServerInfo &before)
+{
+    auto journal = std::make_unique<AccountJournal>();
+    fillAccount(&journal->next, account);
+    journal->before = before;
+    int journalled = tavel_journalWrite(*journal);
+    explicit_bzero(journal.get(), sizeof(*journal));
+    return journalled;
+}
+
+// Out of line for the same reason: the record is 2 KiB.
+__attribute__((noinline)) int storeDescriptions(const ServerData *account)
 {
     OnBoardingServerInfo agent;
-    ManagementServerInfo acsCfg;
     memset(&agent, 0, sizeof(agent));
+    if (dml_getOnBoardingServerInfo(&agent) != 0) {
+        TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
+        return -1;
+    }
+    tavel_copyText(agent.opDesc, sizeof(agent.opDesc), tavel_text(account->operdesc), 32);
+    tavel_copyText(agent.subnetDesc, sizeof(agent.subnetDesc), tavel_text(account->subnetdesc), 32);
+    if (dml_setOpSubnetDesc(agent.opDesc, agent.subnetDesc) != 0) {
+        TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int tavel_setMgmtServerObj(const ServerData *account)
+{
+    ManagementServerInfo acsCfg;
     memset(&acsCfg, 0, sizeof(acsCfg));
 
     if (dml_getManagementServerInfo(&acsCfg) != 0) {
         TAVEL_LOGE("get of OID_MANAGEMENTSERVER failed\n");
         return -1;
     }
-    // Until the new account is written the device's only copy of either
-    // account would be in this process: the journal carries both across a
-    // power cut, so nothing is emptied that it does not cover.
-    AccountJournal journal;
-    memset(&journal, 0, sizeof(journal));
-    fillAccount(&journal.next, account);
-    journal.before = acsCfg;
-    int journalled = tavel_journalWrite(journal);
-    explicit_bzero(&journal, sizeof(journal));
-    if (journalled != 0) {
+    if (journalAccounts(account, acsCfg) != 0) {
         TAVEL_LOGE("account write not started: no journal to carry it across a power cut\n");
         return -1;
     }
@@ -195,18 +224,7 @@ int tavel_setMgmtServerObj(const ServerData *account)
     TAVEL_LOGN("acsCfg.Username :%s \n", logText(acsCfg.Username).c_str());
     TAVEL_LOGN("acsCfg.URL :%s \n", logText(acsCfg.URL).c_str());
     TAVEL_LOGN("############# \n");
-
-    if (dml_getOnBoardingServerInfo(&agent) != 0) {
-        TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
-        return -1;
-    }
-    tavel_copyText(agent.opDesc, sizeof(agent.opDesc), tavel_text(account->operdesc), 32);
-    tavel_copyText(agent.subnetDesc, sizeof(agent.subnetDesc), tavel_text(account->subnetdesc), 32);
-    if (dml_setOpSubnetDesc(agent.opDesc, agent.subnetDesc) != 0) {
-        TAVEL_LOGE("set of OID_TAVELAGENT failed\n");
-        return -1;
-    }
-    return 0;
+    return storeDescriptions(account);
 }
 
 void tavel_rollbackMgmtServerObj(void)
