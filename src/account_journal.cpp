@@ -90,22 +90,6 @@ bool sameAccount(const ManagementServerInfo &a, const ManagementServerInfo &b)
            strncmp(a.Password, b.Password, sizeof(a.Password)) == 0;
 }
 
-bool writeAll(int fd, const uint8_t *p, size_t n)
-{
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
 // A rename or unlink survives a power cut only once its directory is synced.
 int syncMarkerDir()
 {
@@ -218,7 +202,7 @@ int tavel_journalWrite(const AccountJournal &journal)
     {
         FdGuard guard(fd);
         // An older temporary file keeps its mode through O_TRUNC.
-        ok = fchmod(fd, 0600) == 0 && writeAll(fd, buf, kAccountJournalSize) && fsync(fd) == 0;
+        ok = fchmod(fd, 0600) == 0 && tavel_writeAll(fd, buf, kAccountJournalSize) && fsync(fd) == 0;
     }
     explicit_bzero(buf, kAccountJournalSize);
     if (!ok || rename(tmp.c_str(), DevicePath(TAVEL_ACCOUNT_JOURNAL_FILE).c_str()) != 0) {

@@ -172,25 +172,30 @@ int tavel_remove(const char *devicePath, bool recursive)
     return rc;
 }
 
-int tavel_writeFile(const char *devicePath, const void *data, size_t size)
+bool tavel_writeAll(int fd, const void *data, size_t size)
 {
-    DevicePath path(devicePath);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666);
-    FdGuard guard(fd);
     const char *p = static_cast<const char *>(data);
-    while (fd >= 0 && size > 0) {
+    while (size > 0) {
         ssize_t n = write(fd, p, size);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
             errno = n == 0 ? EIO : errno;
-            break;
+            return false;
         }
         p += n;
         size -= static_cast<size_t>(n);
     }
-    if (fd < 0 || size > 0) {
+    return true;
+}
+
+int tavel_writeFile(const char *devicePath, const void *data, size_t size)
+{
+    DevicePath path(devicePath);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666);
+    FdGuard guard(fd);
+    if (fd < 0 || !tavel_writeAll(fd, data, size)) {
         TAVEL_LOGE("cannot write %s: %s\n", path.c_str(), strerror(errno));
         return -1;
     }

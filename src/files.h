@@ -21,6 +21,9 @@ int tavel_remove(const char *devicePath, bool recursive);
 /* Replaces the content of a device path with the bytes given, as a shell's
  * "> file" does: created with mode 0666 less the umask, or emptied.  0/-1. */
 int tavel_writeFile(const char *devicePath, const void *data, size_t size);
+/* Writes all size bytes to fd, through short writes and EINTR: true, or false
+ * with errno set (EIO for a write that took nothing). */
+bool tavel_writeAll(int fd, const void *data, size_t size);
 
 /* Opens path read-only without blocking (a FIFO cannot stall the agent) and
  * keeps the descriptor only when it is a regular file of at most maxSize
