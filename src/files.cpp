@@ -10,7 +10,7 @@
 
 #include <memory>
 
-#include "main.h"
+#include "stop.h"
 #include "util.h"
 
 FdGuard::~FdGuard()
@@ -242,7 +242,6 @@ int tavel_lockFile(int fd, const char *path, int limitMs)
     }
     if (waited == ECANCELED) {
         TAVEL_LOGE("lock of %s given up at the stop\n", path);
-        tavel_stopPoint();
     } else if (waited == ETIMEDOUT) {
         TAVEL_LOGE("lock of %s still held by another after %d ms: given up\n", path, limitMs);
     } else {

@@ -36,9 +36,9 @@ int tavel_openRegular(const char *path, size_t maxSize);
 #define TAVEL_FILE_LOCK_LIMIT_MS 10000
 
 /* flock(fd, LOCK_EX), waiting at most limitMs for a holder to let go; a
- * stop pending for the calling thread ends the wait and is carried out
- * (tavel_stopPoint).  0, or -1 with errno (ETIMEDOUT after the limit), the
- * failure logged with the path given. */
+ * stop pending for the calling thread ends the wait (errno ECANCELED; the
+ * caller carries the stop out).  0, or -1 with errno (ETIMEDOUT after the
+ * limit), the failure logged with the path given. */
 int tavel_lockFile(int fd, const char *path, int limitMs = TAVEL_FILE_LOCK_LIMIT_MS);
 
 /* Closes a descriptor at the end of a scope. */

@@ -15,9 +15,9 @@
 #include <time.h>
 
 #include <initializer_list>
-#include <type_traits>
 
 #include "dml.h"
+#include "stop.h"
 
 /* Marker and data files (device paths; TAVEL_ROOT is prefixed at use). */
 #define TAVEL_TIMEZONECONFIG_FILE "/flash/mcq/tavel/timezoneconfigdone.txt"
@@ -172,10 +172,9 @@ void tavel_blockAgentSignals(void);
 void initTimerSig(void);
 /* 1 on the thread that takes timer expiries and stop signals. */
 int tavel_onTimerThread(void);
-/* The signalfds of the timer thread (-1 before initTimerSig): timer expiries
- * (read by the timer thread only) and stop signals (non-blocking). */
+/* The signalfd of timer expiries (-1 before initTimerSig), read by the timer
+ * thread only; the stop signals' one is tavel_stopSignalFd (stop.h). */
 int tavel_timerSignalFd(void);
-int tavel_stopSignalFd(void);
 void startTimer(int seconds, timer_t timer);
 /* Runs the step that belongs to the timer whose handle lives at value. */
 void dispatchTimerExpiry(void *value);
@@ -215,26 +214,6 @@ void exitTavel(void);
  * libraries' exit handlers (kept in sanitizer builds): the only place that
  * does, for every exit path of the agent. */
 [[noreturn]] void tavel_exitProcess(void);
-/* 1 once a stop signal was seen; reads a pending one without blocking. */
-int tavel_stopRequested(void);
-/* 1 when a stop is requested that the calling thread is not itself carrying
- * out: every wait of the agent ends early on it. */
-int tavel_stopPending(void);
-/* Polls ready() (every millisecond at first, every 50 ms at most) until it
- * holds, limitMs real milliseconds have passed, or a stop is pending: 0,
- * ETIMEDOUT or ECANCELED.  For what has no descriptor to wait on: a child's
- * end, an advisory lock.  The caller keeps whatever locks it holds. */
-int tavel_waitUntil(bool (*ready)(void *context), void *context, int limitMs);
-/* Waits until fd is readable (or hung up), limitMs real milliseconds have
- * passed, or a stop is pending: 0, ETIMEDOUT or ECANCELED (another errno if
- * poll fails).  For what has a descriptor to wait on: a child's pidfd. */
-int tavel_waitReadable(int fd, int limitMs);
-template <typename Ready> int tavel_waitUntil(Ready &&ready, int limitMs)
-{
-    using R = typename std::remove_reference<Ready>::type;
-    return tavel_waitUntil([](void *c) { return static_cast<bool>((*static_cast<R *>(c))()); },
-                           const_cast<void *>(static_cast<const void *>(&ready)), limitMs);
-}
 /* A point where a requested stop is carried out: the timer thread stops the
  * agent (never returns), any other thread gives the agent lock up and waits
  * for the end of the process.  Returns at once when no stop is requested. */

@@ -146,6 +146,7 @@ int tavel_setDataToFile(const char *path, const void *data, size_t size, int loc
     int fd = fileno(file.get());
     if (lock != 0 && tavel_lockFile(fd, full.c_str()) != 0) {
         TAVEL_LOGE("error on set lock\n");
+        tavel_stopPoint();
         return -1;
     }
     if (data != nullptr && size > 0) {
@@ -193,6 +194,7 @@ int read_from_file(const char *path, char *buffer, int size, int lock)
     FdGuard guard(fd);
     if (lock != 0 && tavel_lockFile(fd, path) != 0) {
         TAVEL_LOGE("set lock failed\n");
+        tavel_stopPoint();
         return -1;
     }
     std::unique_ptr<char[]> scratch(new (std::nothrow) char[static_cast<size_t>(size)]());

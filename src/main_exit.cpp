@@ -16,13 +16,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <time.h>
 #include <unistd.h>
-
-#include <atomic>
 
 #include "agent_status.h"
 #include "cfgm_intf.h"
@@ -58,25 +55,22 @@ constexpr time_t kTransferGraceSeconds = 10;
 constexpr int kStopLockLimitMs = 5000;
 constexpr int kStopCommandLimitMs = 5000;
 
-// Set on the thread that carries a stop out: its own waits must not end on
-// the stop they serve, nor run into a second stop.
-thread_local bool t_carryingOutStop = false;
 // Set on the firewall thread: it owns no agent state, so at a stop it just
 // ends, and the exit that joins it goes on.
 thread_local bool t_firewallThread = false;
-
-std::atomic<int> g_stopSignal{0};
-int g_kickFd = -1;
-pthread_once_t g_kickOnce = PTHREAD_ONCE_INIT;
 
 pthread_mutex_t g_transferMutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_transferCond;
 pthread_once_t g_transferOnce = PTHREAD_ONCE_INIT;
 int g_transfers = 0;
 
-void makeKickFd()
+// The exit's wait for transfers ends at once on a stop, not at its next
+// look a second later.
+void wakeTransferWait()
 {
-    g_kickFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    pthread_mutex_lock(&g_transferMutex);
+    pthread_cond_broadcast(&g_transferCond);
+    pthread_mutex_unlock(&g_transferMutex);
 }
 
 void initTransferCond()
@@ -86,60 +80,7 @@ void initTransferCond()
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
     pthread_cond_init(&g_transferCond, &attr);
     pthread_condattr_destroy(&attr);
-}
-
-// Wakes every thread that waits in tavel_wait(), and the exit's wait for
-// transfers.  The eventfd is never drained: a stop is for good.
-void noteStop(int signo)
-{
-    int expected = 0;
-    if (!g_stopSignal.compare_exchange_strong(expected, signo)) {
-        return;
-    }
-    pthread_once(&g_kickOnce, makeKickFd);
-    if (g_kickFd >= 0) {
-        uint64_t one = 1;
-        ssize_t n = write(g_kickFd, &one, sizeof(one));
-        (void)n;
-    }
-    pthread_once(&g_transferOnce, initTransferCond);
-    pthread_mutex_lock(&g_transferMutex);
-    pthread_cond_broadcast(&g_transferCond);
-    pthread_mutex_unlock(&g_transferMutex);
-}
-
-struct timespec monotonicNow()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now;
-}
-
-struct timespec addSpan(struct timespec t, struct timespec span)
-{
-    t.tv_sec += span.tv_sec;
-    t.tv_nsec += span.tv_nsec;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
-    return t;
-}
-
-// Milliseconds from now to deadline, 0 when past, capped for poll().
-int msUntil(struct timespec deadline)
-{
-    struct timespec now = monotonicNow();
-    long long ms = (static_cast<long long>(deadline.tv_sec) - now.tv_sec) * 1000LL +
-                   (deadline.tv_nsec - now.tv_nsec) / 1000000L;
-    if (ms <= 0) {
-        // Round a partial millisecond up, so a short wait is not cut to none.
-        return deadline.tv_sec > now.tv_sec ||
-                       (deadline.tv_sec == now.tv_sec && deadline.tv_nsec > now.tv_nsec)
-                   ? 1
-                   : 0;
-    }
-    return ms > INT_MAX ? INT_MAX : static_cast<int>(ms);
+    tavel_setStopWake(wakeTransferWait);
 }
 
 // Reads one queued timer expiry: true with the timer's value in *value,
@@ -162,11 +103,11 @@ bool readExpiry(void **value)
 void waitForTransfers()
 {
     pthread_once(&g_transferOnce, initTransferCond);
-    const struct timespec end = addSpan(monotonicNow(), timespec{kTransferGraceSeconds, 0});
+    const struct timespec end = tavel_addSpan(tavel_monotonicNow(), timespec{kTransferGraceSeconds, 0});
     pthread_mutex_lock(&g_transferMutex);
     while (g_transfers > 0) {
-        struct timespec next = addSpan(monotonicNow(), timespec{1, 0});
-        bool last = msUntil(next) >= msUntil(end);
+        struct timespec next = tavel_addSpan(tavel_monotonicNow(), timespec{1, 0});
+        bool last = tavel_msUntil(next) >= tavel_msUntil(end);
         if (pthread_cond_timedwait(&g_transferCond, &g_transferMutex, last ? &end : &next) != ETIMEDOUT) {
             continue;
         }
@@ -190,14 +131,15 @@ void releaseFirewall(int commandLimitMs)
     tavel_awaitFirewallRules();
     for (const char *const *argv : {kFwDeleteLevel, kFwDeleteWan}) {
         tavel_spawn(argv, commandLimitMs);
+        tavel_stopPoint();
     }
     tavel_statusFirewall(0);
 }
 
 [[noreturn]] void stopAgent()
 {
-    t_carryingOutStop = true;
-    int signo = g_stopSignal.load();
+    tavel_stopCarryOut();
+    int signo = tavel_stopSignalNumber();
     TAVEL_LOGE("stop signal %d received: removing the firewall rules and exiting\n", signo);
     TAVEL_STATUS(AgentState::Exiting, -1, "stopped by signal %d", signo);
     // Every other step ends its waits on the stop and gives the lock up at
@@ -294,6 +236,7 @@ void *replaceFirewallRules(void * /*unused*/)
             break;
         }
         tavel_spawn(argv);
+        tavel_stopPoint();
     }
     tavel_statusFirewall(1);
     return nullptr;
@@ -355,78 +298,6 @@ void tavel_exitProcess(void)
 #endif
 }
 
-int tavel_stopPending(void)
-{
-    return !t_carryingOutStop && tavel_stopRequested() != 0 ? 1 : 0;
-}
-
-int tavel_waitReadable(int fd, int limitMs)
-{
-    const struct timespec end =
-        addSpan(monotonicNow(), timespec{limitMs / 1000, (limitMs % 1000) * 1000000L});
-    pthread_once(&g_kickOnce, makeKickFd);
-    for (;;) {
-        // The thread carrying a stop out waits on fd alone: the stop it
-        // serves would otherwise wake it again and again.
-        bool stoppable = !t_carryingOutStop;
-        struct pollfd fds[3] = {{fd, POLLIN, 0},
-                                {stoppable ? tavel_stopSignalFd() : -1, POLLIN, 0},
-                                {stoppable ? g_kickFd : -1, POLLIN, 0}};
-        int ready = poll(fds, 3, msUntil(end));
-        if (ready > 0 && (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
-            return 0;
-        }
-        if (tavel_stopPending() != 0) {
-            return ECANCELED;
-        }
-        if (ready < 0 && errno != EINTR) {
-            return errno;
-        }
-        if (msUntil(end) == 0) {
-            return ETIMEDOUT;
-        }
-    }
-}
-
-int tavel_waitUntil(bool (*ready)(void *context), void *context, int limitMs)
-{
-    const struct timespec end =
-        addSpan(monotonicNow(), timespec{limitMs / 1000, (limitMs % 1000) * 1000000L});
-    long pauseNs = 1000000L;
-    for (;;) {
-        if (ready(context)) {
-            return 0;
-        }
-        if (tavel_stopPending() != 0) {
-            return ECANCELED;
-        }
-        int left = msUntil(end);
-        if (left == 0) {
-            return ETIMEDOUT;
-        }
-        struct timespec pause = {0, left < pauseNs / 1000000L ? left * 1000000L : pauseNs};
-        nanosleep(&pause, nullptr);
-        pauseNs = pauseNs * 2 > 50000000L ? 50000000L : pauseNs * 2;
-    }
-}
-
-int tavel_stopRequested(void)
-{
-    if (g_stopSignal.load() != 0) {
-        return 1;
-    }
-    int fd = tavel_stopSignalFd();
-    if (fd < 0) {
-        return 0;
-    }
-    struct signalfd_siginfo si;
-    if (read(fd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
-        noteStop(static_cast<int>(si.ssi_signo));
-        return 1;
-    }
-    return 0;
-}
-
 void tavel_stopPoint(void)
 {
     if (tavel_stopPending() == 0) {
@@ -472,13 +343,13 @@ void tavel_wait(struct timespec span, int timerExpiries)
         }
         return;
     }
-    pthread_once(&g_kickOnce, makeKickFd);
+    int kickFd = tavel_stopKickFd();
     bool forever = span.tv_sec < 0;
-    struct timespec deadline = forever ? timespec{0, 0} : addSpan(monotonicNow(), span);
+    struct timespec deadline = forever ? timespec{0, 0} : tavel_addSpan(tavel_monotonicNow(), span);
     int timerFd = timerExpiries != 0 && tavel_onTimerThread() != 0 ? tavel_timerSignalFd() : -1;
     for (;;) {
-        struct pollfd fds[3] = {{stopFd, POLLIN, 0}, {g_kickFd, POLLIN, 0}, {timerFd, POLLIN, 0}};
-        int timeout = forever ? -1 : msUntil(deadline);
+        struct pollfd fds[3] = {{stopFd, POLLIN, 0}, {kickFd, POLLIN, 0}, {timerFd, POLLIN, 0}};
+        int timeout = forever ? -1 : tavel_msUntil(deadline);
         int ready;
         {
             AgentLockRelease released;
@@ -496,7 +367,7 @@ void tavel_wait(struct timespec span, int timerExpiries)
             TAVEL_LOGE("wait failed: %s\n", strerror(errno));
             return;
         }
-        if (!forever && msUntil(deadline) == 0) {
+        if (!forever && tavel_msUntil(deadline) == 0) {
             return;
         }
     }

@@ -29,7 +29,6 @@ namespace
 {
 
 int g_timerFd = -1;
-int g_stopFd = -1;
 pthread_t g_timerThread;
 bool g_timerThreadStarted = false;
 pid_t g_timerThreadTid = 0;
@@ -117,11 +116,6 @@ int tavel_timerSignalFd(void)
     return g_timerFd;
 }
 
-int tavel_stopSignalFd(void)
-{
-    return g_stopFd;
-}
-
 void initTimerSig(void)
 {
     TAVEL_LOGN("Establishing handler for signal %d\n", TAVEL_TIMER_SIGNAL);
@@ -129,10 +123,11 @@ void initTimerSig(void)
     sigset_t timerSet = timerSignalSet();
     sigset_t stopSet = stopSignalSet();
     g_timerFd = signalfd(-1, &timerSet, SFD_CLOEXEC | SFD_NONBLOCK);
-    g_stopFd = signalfd(-1, &stopSet, SFD_CLOEXEC | SFD_NONBLOCK);
+    int stopFd = signalfd(-1, &stopSet, SFD_CLOEXEC | SFD_NONBLOCK);
+    tavel_setStopSignalFd(stopFd);
 
     pthread_mutex_lock(&g_startMutex);
-    if (g_timerFd >= 0 && g_stopFd >= 0 && tavel_startThread(&g_timerThread, timerThreadMain) == 0) {
+    if (g_timerFd >= 0 && stopFd >= 0 && tavel_startThread(&g_timerThread, timerThreadMain) == 0) {
         g_timerThreadStarted = true;
         while (g_timerThreadTid == 0) {
             pthread_cond_wait(&g_startCond, &g_startMutex);

@@ -12,7 +12,7 @@
 #include <initializer_list>
 
 #include "files.h"
-#include "main.h"
+#include "stop.h"
 #include "util.h"
 
 // Not every C library declares it without _GNU_SOURCE.
@@ -115,7 +115,6 @@ int tavel_spawn(const char *const argv[], int limitMs)
         } else {
             TAVEL_LOGE("'%s' still running after %d ms: killed\n", text.c_str(), limitMs);
         }
-        tavel_stopPoint();
         errno = ended;
         return -1;
     }

@@ -12,10 +12,11 @@
 /* Runs argv[0], found through PATH, with argv (null-terminated) and waits for
  * it, at most limitMs.  The child starts with no signal blocked, in a process
  * group of its own.  Past the limit, or on a stop pending for the calling
- * thread, the group is killed (SIGKILL) and reaped; a stop is then carried
- * out (tavel_stopPoint).  Returns the wait status, or -1 when the command
- * could not be started (also when it exits 127, the status of an exec that
- * failed where the C library cannot say so otherwise) or was killed.  Every
+ * thread, the group is killed (SIGKILL) and reaped; the caller carries the
+ * stop out (errno ECANCELED).  Returns the wait status, or -1 when the
+ * command could not be started (also when it exits 127, the status of an
+ * exec that failed where the C library cannot say so otherwise) or was
+ * killed.  Every
  * failure, a non-zero exit status included, is logged with the command. */
 int tavel_spawn(const char *const argv[], int limitMs = TAVEL_COMMAND_LIMIT_MS);
 
