@@ -125,9 +125,15 @@ int removeAt(int parentFd, const char *name, int depth)
             errno = ELOOP;
             return -1;
         }
-        clearDir(fd, depth + 1);
+        int cleared = clearDir(fd, depth + 1);
+        int clearErr = errno;
         if (unlinkat(parentFd, name, AT_REMOVEDIR) == 0 || errno == ENOENT) {
             return 0;
+        }
+        if (cleared != 0) {
+            // Say why the directory could not be emptied, not that it is not empty.
+            errno = clearErr;
+            return -1;
         }
         if (errno != ENOTDIR) {
             return -1;

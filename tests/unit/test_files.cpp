@@ -32,6 +32,15 @@ TEST(DeviceFiles, HaveTheShellCommandsEffects)
     EXPECT_FALSE(tavelTestExists("/a/b"));
     EXPECT_EQ(tavel_remove("/a/file", false), 0);
     EXPECT_FALSE(tavelTestExists("/a/file"));
+    // A tree deeper than the walk goes is refused, with the reason.
+    std::string deep = "/deep";
+    for (int level = 0; level < 40; ++level) {
+        deep += "/d";
+    }
+    ASSERT_EQ(tavel_makeDirs(deep.c_str()), 0);
+    EXPECT_EQ(tavel_remove("/deep", true), -1);
+    EXPECT_TRUE(tavelTestLogHas("error", "cannot remove " + tavelTestPath("/deep") +
+                                             ": Too many levels of symbolic links"));
 
     // Failures say which path, and why.
     EXPECT_EQ(tavel_touch("/a/none/marker"), -1);

@@ -114,6 +114,7 @@ TEST_F(Journal, StartUpCompletesAWholeJournalAndDropsADamagedOne)
     tavelTestWriteFile(kJournal, whole);
     tavel_journalRecover();
     EXPECT_EQ(tavelTestReadFile(kTavelTestStore), written);
+    EXPECT_FALSE(tavelTestExists(kJournal));
     EXPECT_TRUE(tavelTestLogHas("notice", "management account journal " + kJournal +
                                               ": new account already in place, journal removed"));
     // A data model that does not take the account keeps the journal for the next start.
