@@ -8,6 +8,7 @@ The store rules are those of the dml stand-in (platform/dml/store.h); a
 change to one is a change to both.  Nothing here touches the host's firewall,
 system bus or device paths.
 """
+import ctypes
 import fcntl
 import os
 import re
@@ -21,6 +22,17 @@ import tempfile
 # user-mode emulator, e.g. TAVEL_EMULATOR="qemu-arm -L /".  The emulator runs
 # the target in its own process, so pids and signals still reach the agent.
 EMULATOR = shlex.split(os.environ.get("TAVEL_EMULATOR", ""))
+
+_PR_SET_PDEATHSIG = 1
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def die_with_parent():
+    """In a child about to exec: SIGKILL when the process that started it
+    ends, so a test or demo killed half-way (a ctest time-out, ^C) leaves no
+    agent or bus daemon behind looping on a root that is gone.  The thread
+    that starts the child must live as long as the child should."""
+    _libc.prctl(_PR_SET_PDEATHSIG, 9, 0, 0, 0)
 
 
 def command(binary, *args):
@@ -220,7 +232,8 @@ class Sandbox:
         agent.stderr in the root."""
         with open(self.path("agent.stdout"), "wb") as out, open(self.path("agent.stderr"), "wb") as err:
             self.proc = subprocess.Popen(list(wrapper) + command(binary), env=self.env(env), stdout=out,
-                                         stderr=err, stdin=subprocess.DEVNULL, cwd=cwd)
+                                         stderr=err, stdin=subprocess.DEVNULL, cwd=cwd,
+                                         preexec_fn=die_with_parent)
         return self.proc
 
     def remove(self):
@@ -294,7 +307,8 @@ class PrivateBus:
         try:
             self.proc = subprocess.Popen(["dbus-daemon", "--config-file=" + self.config, "--nofork",
                                           "--print-address"],
-                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                                         preexec_fn=die_with_parent)
         except FileNotFoundError:
             self.close()
             raise
