@@ -80,3 +80,28 @@ TEST(Exit, WaitsOutATransferWhenDoneAndTenSecondsAtMostWhenStopped)
     EXPECT_TRUE(tavelTestLogHas("error", "stopped by signal 15 !!!!"));
     EXPECT_EQ(tavelTestReadFile("/fw.log"), removed + removed);
 }
+
+// A record names the function, the file and the line in front of the message,
+// whatever the message's length: one that does not fit the line buffer is
+// formatted again on the heap, and nothing of it is lost at the edge.
+TEST(Log, EveryRecordCarriesItsPrefixAndTheWholeMessage)
+{
+    tavelTestCleanRoot();
+    const int line = __LINE__ + 1;
+    auto logAt = [](int total) {
+        TAVEL_LOG_AS(dmlLogError, "caller", "%s\n", std::string(total, 'x').c_str());
+    };
+    const std::string head = "error tavel: [caller test_util.cpp:" + std::to_string(line) + "] ";
+    const size_t buffer = 512, prefix = head.size() - strlen("error ");
+    std::string expected;
+    for (size_t total : {buffer - 2, buffer - 1, buffer, buffer + 1, size_t{5000}}) {
+        // total counts the prefix and the line feed, as the buffer does
+        logAt(static_cast<int>(total - prefix - 1));
+        expected += head + std::string(total - prefix - 1, 'x') + "\n";
+    }
+    TAVEL_LOGN("notice %d of %s\n", 2, "levels");
+    const std::string noticeHead =
+        "notice tavel: [TestBody test_util.cpp:" + std::to_string(__LINE__ - 1) + "] ";
+    expected += noticeHead + "notice 2 of levels\n";
+    EXPECT_EQ(tavelTestLog(), expected);
+}
