@@ -87,21 +87,22 @@ TEST(Exit, WaitsOutATransferWhenDoneAndTenSecondsAtMostWhenStopped)
 TEST(Log, EveryRecordCarriesItsPrefixAndTheWholeMessage)
 {
     tavelTestCleanRoot();
-    const int line = __LINE__ + 1;
-    auto logAt = [](int total) {
-        TAVEL_LOG_AS(dmlLogError, "caller", "%s\n", std::string(total, 'x').c_str());
+    auto logAt = [](size_t length) {
+        TAVEL_LOG_AS(dmlLogError, "caller", "<%s>", std::string(length, 'x').c_str());
+        return __LINE__ - 1;
     };
-    const std::string head = "error tavel: [caller test_util.cpp:" + std::to_string(line) + "] ";
-    const size_t buffer = 512, prefix = head.size() - strlen("error ");
-    std::string expected;
-    for (size_t total : {buffer - 2, buffer - 1, buffer, buffer + 1, size_t{5000}}) {
-        // total counts the prefix and the line feed, as the buffer does
-        logAt(static_cast<int>(total - prefix - 1));
-        expected += head + std::string(total - prefix - 1, 'x') + "\n";
+    const std::string head = "error tavel: [caller test_util.cpp:" + std::to_string(logAt(0)) + "] ";
+    std::string expected = head + "<>\n";
+    // Lines around the 512-byte buffer (prefix and terminator included); a
+    // cut one would lose its '>' (the log adds the line feed itself).
+    const size_t prefix = head.size() - strlen("error ");
+    for (size_t total : {510, 511, 512, 513, 5000}) {
+        logAt(total - prefix - 2);
+        expected += head + "<" + std::string(total - prefix - 2, 'x') + ">\n";
     }
     TAVEL_LOGN("notice %d of %s\n", 2, "levels");
-    const std::string noticeHead =
-        "notice tavel: [TestBody test_util.cpp:" + std::to_string(__LINE__ - 1) + "] ";
-    expected += noticeHead + "notice 2 of levels\n";
+    const int noticeLine = __LINE__ - 1;
+    expected +=
+        "notice tavel: [TestBody test_util.cpp:" + std::to_string(noticeLine) + "] notice 2 of levels\n";
     EXPECT_EQ(tavelTestLog(), expected);
 }
