@@ -39,7 +39,7 @@ namespace
 
 /* Longest function or file name the prefix takes whole: far beyond any of
  * the agent's, and it keeps the prefix well inside the line buffer below. */
-constexpr size_t kLogNameMax = 160;
+constexpr size_t kLogNameMax = 96;
 
 size_t putName(char *out, const char *name)
 {
@@ -81,9 +81,12 @@ size_t putPrefix(char *out, const char *func, const char *file, int line)
 
 void tavel_vlogTo(TavelLogFn logFn, const char *func, const char *file, int line, const char *fmt, va_list ap)
 {
-    // Most lines fit here; a longer one (a reply body, a header trace) is
-    // formatted a second time into a heap block of its exact size.
-    char small[512];
+    // Every line of an onboarding fits here (the longest are about 220
+    // bytes); a longer one (a reply body, a header trace) is formatted a
+    // second time into a heap block of its exact size.  Small on purpose:
+    // the deepest stack of the main thread goes through this frame, and
+    // every page of that stack stays dirty for the life of the agent.
+    char small[256];
     static_assert(sizeof(small) > 2 * kLogNameMax + 32, "the prefix always fits the line buffer");
     size_t head = putPrefix(small, func, file, line);
     va_list copy;

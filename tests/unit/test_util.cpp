@@ -93,10 +93,10 @@ TEST(Log, EveryRecordCarriesItsPrefixAndTheWholeMessage)
     };
     const std::string head = "error tavel: [caller test_util.cpp:" + std::to_string(logAt(0)) + "] ";
     std::string expected = head + "<>\n";
-    // Lines around the 512-byte buffer (prefix and terminator included); a
+    // Lines around the 256-byte buffer (prefix and terminator included); a
     // cut one would lose its '>' (the log adds the line feed itself).
     const size_t prefix = head.size() - strlen("error ");
-    for (size_t total : {510, 511, 512, 513, 5000}) {
+    for (size_t total : {254, 255, 256, 257, 5000}) {
         logAt(total - prefix - 2);
         expected += head + "<" + std::string(total - prefix - 2, 'x') + ">\n";
     }
