@@ -149,12 +149,13 @@ class Bench:
             time.sleep(0.002)
         raise RuntimeError("no %s in %s" % (key, path))
 
-    def onboard_agent(self, prefix=(), idle=0.0, timeout=60, rss=False, prepare=None):
+    def onboard_agent(self, prefix=(), idle=0.0, timeout=60, rss=False, prepare=None, probe=None):
         """One complete onboarding; returns a dict (maxrss, idle ticks,
-        VmHWM, private dirty and VmSize after the idle wait, the device).
-        prepare(dev) may change the device before the agent starts.  A fetch
-        that failed at the transfer level (local port taken by a test running
-        alongside) is retried after a pause."""
+        VmHWM, private dirty, VmSize and VmRSS after the idle wait, the
+        device).  prepare(dev) may change the device before the agent starts;
+        probe(pid), when given, is called after the idle wait (its result
+        under "probe").  A fetch that failed at the transfer level (local
+        port taken by a test running alongside) is retried after a pause."""
         for attempt in range(6):
             dev = self.onb.device()
             if prepare is not None:
@@ -180,7 +181,8 @@ class Bench:
                 log("  local ports busy (another test?); waiting 5 s")
                 time.sleep(5)
                 continue
-            res = {"dev": dev, "pid": pid, "ticks": None, "private_dirty": None, "vmsize": None}
+            res = {"dev": dev, "pid": pid, "ticks": None, "private_dirty": None, "vmsize": None, "vmrss": None,
+                   "probe": None}
             if idle > 0:
                 time.sleep(0.2)
                 before = cpu_ticks(apid)
@@ -189,6 +191,8 @@ class Bench:
                 # Well into the wait for the bootstrap signal.
                 res["private_dirty"] = private_dirty(apid)
                 res["vmsize"] = status_kib(apid, "VmSize")
+                res["vmrss"] = status_kib(apid, "VmRSS")
+                res["probe"] = probe(apid) if probe is not None else None
             res["hwm"] = status_kib(apid, "VmHWM")
             if not harness.bootstrap(self.bus.env()):
                 raise RuntimeError("bootstrap signal not sent")
@@ -287,10 +291,12 @@ class Bench:
     def exec_to_get(self, runs):
         log("exec to GET (%d runs each) ..." % runs)
         samples = {"agent": [], "min": [], "curl": []}
+        # Interleaved, and the agent and the floor take turns at going first:
+        # a load that comes and goes on a shared host, or whatever the run
+        # just before leaves behind, falls on both alike.
         for i in range(runs):
-            samples["agent"].append(self.agent_to_get())
-            for which in ("min", "curl"):
-                samples[which].append(self.ref_to_get(which))
+            for which in (("agent", "min", "curl") if i % 2 == 0 else ("min", "agent", "curl")):
+                samples[which].append(self.agent_to_get() if which == "agent" else self.ref_to_get(which))
             time.sleep(0.1)  # leave the shared local ports alone for a moment
         return {k: statistics.median(v) * 1000.0 for k, v in samples.items()}, samples
 

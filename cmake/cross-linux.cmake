@@ -26,8 +26,15 @@ foreach(_tavel_var TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX)
     set(${_tavel_var} "$ENV{${_tavel_var}}")
   endif()
 endforeach()
-# try_compile projects read this file again without the cache.
+# try_compile projects read this file again without the cache: source
+# checks get the two inputs through the platform variables, whole test
+# projects (check_ipo_supported) only through the environment.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX)
+foreach(_tavel_var TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX)
+  if(${_tavel_var})
+    set(ENV{${_tavel_var}} "${${_tavel_var}}")
+  endif()
+endforeach()
 
 if(TAVEL_CROSS_PREFIX)
   set(_tavel_prefix "${TAVEL_CROSS_PREFIX}")

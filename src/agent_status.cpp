@@ -166,10 +166,10 @@ void tavel_statusEnter(const char *func, const char *file, int line, AgentState 
     if (next != 0) {
         char when[32];
         isoTime(next, when, sizeof(when));
-        dmlLogNotice(TAVEL_LOG_PREFIX "state %s: %s; next try %s (in %d s)\n", func, file, line,
-                     tavel_stateName(state), cause, when, nextTrySeconds);
+        tavel_logNotice(func, file, line, "state %s: %s; next try %s (in %d s)\n", tavel_stateName(state),
+                        cause, when, nextTrySeconds);
     } else {
-        dmlLogNotice(TAVEL_LOG_PREFIX "state %s: %s\n", func, file, line, tavel_stateName(state), cause);
+        tavel_logNotice(func, file, line, "state %s: %s\n", tavel_stateName(state), cause);
     }
 }
 

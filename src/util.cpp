@@ -32,6 +32,106 @@ void parseTimetoHourMinSec(const char *text, int *hour, int *minute, int *second
     }
 }
 
+/* ---- log lines ---- */
+
+namespace
+{
+
+/* Longest function or file name the prefix takes whole: far beyond any of
+ * the agent's, and it keeps the prefix well inside the line buffer below. */
+constexpr size_t kLogNameMax = 96;
+
+size_t putName(char *out, const char *name)
+{
+    size_t n = strnlen(name, kLogNameMax);
+    memcpy(out, name, n);
+    return n;
+}
+
+/* "tavel: [func file:line] " into out, which holds at least
+ * 2 * kLogNameMax + 32 bytes; returns its length (no terminator written). */
+size_t putPrefix(char *out, const char *func, const char *file, int line)
+{
+    static const char kHead[] = "tavel: [";
+    size_t n = sizeof(kHead) - 1;
+    memcpy(out, kHead, n);
+    n += putName(out + n, func);
+    out[n++] = ' ';
+    n += putName(out + n, file);
+    out[n++] = ':';
+    char digits[12];
+    size_t d = 0;
+    unsigned int u = line < 0 ? 0u - static_cast<unsigned int>(line) : static_cast<unsigned int>(line);
+    do {
+        digits[d++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (line < 0) {
+        out[n++] = '-';
+    }
+    while (d > 0) {
+        out[n++] = digits[--d];
+    }
+    out[n++] = ']';
+    out[n++] = ' ';
+    return n;
+}
+
+} // namespace
+
+void tavel_vlogTo(TavelLogFn logFn, const char *func, const char *file, int line, const char *fmt, va_list ap)
+{
+    // Every line of an onboarding fits here (the longest are about 220
+    // bytes); a longer one (a reply body, a header trace) is formatted a
+    // second time into a heap block of its exact size.  Small on purpose:
+    // the deepest stack of the main thread goes through this frame, and
+    // every page of that stack stays dirty for the life of the agent.
+    char small[256];
+    static_assert(sizeof(small) > 2 * kLogNameMax + 32, "the prefix always fits the line buffer");
+    size_t head = putPrefix(small, func, file, line);
+    va_list copy;
+    va_copy(copy, ap);
+    int n = vsnprintf(small + head, sizeof(small) - head, fmt, copy);
+    va_end(copy);
+    if (n < 0) {
+        logFn("%s", "");
+        return;
+    }
+    size_t len = head + static_cast<size_t>(n);
+    if (len < sizeof(small)) {
+        logFn("%s", small);
+        return;
+    }
+    std::unique_ptr<char[]> big(new (std::nothrow) char[len + 1]);
+    if (!big) {
+        return; // a record that cannot be written is dropped, as the platform log does
+    }
+    memcpy(big.get(), small, head);
+    vsnprintf(big.get() + head, len + 1 - head, fmt, ap);
+    logFn("%s", big.get());
+}
+
+void tavel_logTo(TavelLogFn logFn, const char *func, const char *file, int line, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    tavel_vlogTo(logFn, func, file, line, fmt, ap);
+    va_end(ap);
+}
+
+#define TAVEL_LOG_LEVEL(name, logFn)                                                                         \
+    void name(const char *func, const char *file, int line, const char *fmt, ...)                            \
+    {                                                                                                        \
+        va_list ap;                                                                                          \
+        va_start(ap, fmt);                                                                                   \
+        tavel_vlogTo(logFn, func, file, line, fmt, ap);                                                      \
+        va_end(ap);                                                                                          \
+    }
+TAVEL_LOG_LEVEL(tavel_logDebug, dmlLogDebug)
+TAVEL_LOG_LEVEL(tavel_logNotice, dmlLogNotice)
+TAVEL_LOG_LEVEL(tavel_logError, dmlLogError)
+#undef TAVEL_LOG_LEVEL
+
 /* ---- root ---- */
 
 namespace

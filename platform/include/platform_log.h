@@ -19,7 +19,10 @@ extern "C" {
 #endif
 
 /* The agent's own log at three levels (debug, notice, error).  On a device
- * the data-model library may be the one that provides them. */
+ * the data-model library may be the one that provides them.  The agent
+ * hands over each of its lines finished, as the format "%s" and the line
+ * (its "tavel: [func file:line] " prefix included): an implementation may
+ * take that argument as it is instead of formatting it. */
 void dmlLogDebug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void dmlLogNotice(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void dmlLogError(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

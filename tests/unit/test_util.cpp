@@ -80,3 +80,29 @@ TEST(Exit, WaitsOutATransferWhenDoneAndTenSecondsAtMostWhenStopped)
     EXPECT_TRUE(tavelTestLogHas("error", "stopped by signal 15 !!!!"));
     EXPECT_EQ(tavelTestReadFile("/fw.log"), removed + removed);
 }
+
+// A record names the function, the file and the line in front of the message,
+// whatever the message's length: one that does not fit the line buffer is
+// formatted again on the heap, and nothing of it is lost at the edge.
+TEST(Log, EveryRecordCarriesItsPrefixAndTheWholeMessage)
+{
+    tavelTestCleanRoot();
+    auto logAt = [](size_t length) {
+        TAVEL_LOG_AS(dmlLogError, "caller", "<%s>", std::string(length, 'x').c_str());
+        return __LINE__ - 1;
+    };
+    const std::string head = "error tavel: [caller test_util.cpp:" + std::to_string(logAt(0)) + "] ";
+    std::string expected = head + "<>\n";
+    // Lines around the 256-byte buffer (prefix and terminator included); a
+    // cut one would lose its '>' (the log adds the line feed itself).
+    const size_t prefix = head.size() - strlen("error ");
+    for (size_t total : {254, 255, 256, 257, 5000}) {
+        logAt(total - prefix - 2);
+        expected += head + "<" + std::string(total - prefix - 2, 'x') + ">\n";
+    }
+    TAVEL_LOGN("notice %d of %s\n", 2, "levels");
+    const int noticeLine = __LINE__ - 1;
+    expected +=
+        "notice tavel: [TestBody test_util.cpp:" + std::to_string(noticeLine) + "] notice 2 of levels\n";
+    EXPECT_EQ(tavelTestLog(), expected);
+}
