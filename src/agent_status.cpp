@@ -109,7 +109,9 @@ struct JsonObject {
     void num(const char *name, long long value)
     {
         key(name);
-        text += std::to_string(value);
+        char digits[24];
+        snprintf(digits, sizeof(digits), "%lld", value);
+        text += digits;
     }
     void flag(const char *name, bool value)
     {

@@ -12,6 +12,7 @@
 // mutex), the supported country list (behind a mutex) and the per-thread
 // certificate path.
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -180,7 +181,9 @@ int setCloudServer(const char *operation, const char *urlName, const char *flags
     if (!url.empty()) {
         changes.push_back(Change{urlName, url});
     }
-    changes.push_back(Change{flagsName, std::to_string(cfg->flags)});
+    char flags[4];
+    snprintf(flags, sizeof(flags), "%u", static_cast<unsigned>(cfg->flags));
+    changes.push_back(Change{flagsName, flags});
     return save(operation, changes);
 }
 

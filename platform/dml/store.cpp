@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
@@ -759,8 +760,9 @@ bool lockWithin(int fd, const std::string &lockPath, std::string *error)
         clock_gettime(CLOCK_MONOTONIC, &now);
         long long waitedMs = (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000L;
         if (waitedMs >= kLockWaitMs) {
-            setError(error,
-                     lockPath + " still locked by another after " + std::to_string(kLockWaitMs) + " ms");
+            char waited[16];
+            snprintf(waited, sizeof(waited), "%d", kLockWaitMs);
+            setError(error, lockPath + " still locked by another after " + waited + " ms");
             return false;
         }
         struct timespec pause = {0, pauseNs};
