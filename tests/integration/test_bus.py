@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 import time
 
-from harness import NO_ROLE, TAVELCTL, Device, build_sigstorm, ctl, run_binary, wait_owner
+from harness import NO_ROLE, TAVELCTL, Device, build_sigstorm, ctl, run_binary, wait_owner, wait_until
 import tavelsim
 from tavelsim import cpu_ticks
 from test_flow import FlowCase
@@ -114,11 +114,19 @@ class ListeningTest(BusCase):
                                     stdout=subprocess.PIPE, text=True)
             self.assertEqual(proc.stdout.readline(), "ready\n")
             dev = self.start_agent(wait_name=False)
-            self.assertEqual((proc.communicate(timeout=10)[0], proc.returncode), ("1\n", 0))
+            try:
+                out = proc.communicate(timeout=10)[0]
+            except subprocess.TimeoutExpired:
+                proc.kill()
+                self.fail("the sender never saw the name appear; the agent's log:\n" + dev.log()[-3000:])
+            self.assertEqual((out, proc.returncode), ("1\n", 0))
             wait_owner(dev, self.bus.env())  # the agent has handled everything sent before this call
             if "value received from hmsd module is %s.\n" % value not in dev.log():
                 missed.append(value)
             dev.close()
+            # The next agent must find the name free: the bus daemon drops the old owner on its own time.
+            wait_until(lambda: ctl(self.bus.env(), "call", "dummyFunction", "0").returncode != 0, 10,
+                       "the name to be released")
         self.assertEqual(missed, [])
 
 
