@@ -32,14 +32,8 @@ in_ct() {
         env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 HOME=/root "$@"
 }
 
-# Polls a command every half second until it succeeds; false after SECONDS.
-wait_for() { # seconds command...
-    local until=$((SECONDS + $1))
-    shift
-    while ! "$@" >/dev/null 2>&1; do
-        [ "$SECONDS" -lt "$until" ] || return 1
-        sleep 0.5
-    done
+ct_write() { # path: the device file replaced by standard input
+    cat >"$root$1.new" && mv "$root$1.new" "$root$1"
 }
 
 # Boots the container and waits until its boot has finished.

@@ -262,6 +262,19 @@ def _reset_close(sock):
         pass
 
 
+def _send_close_notify(sock):
+    """Send TLS's close_notify without waiting for the peer's."""
+    if not isinstance(sock, ssl.SSLSocket):
+        return
+    timeout = sock.gettimeout()
+    sock.setblocking(False)
+    try:
+        sock.unwrap()
+    except (ssl.SSLError, OSError):
+        pass  # the peer's close_notify is not awaited
+    sock.settimeout(timeout)
+
+
 def _wait_peer_close(sock, stop, limit):
     """Discard input until the peer closes, the limit passes or stop is set."""
     end = time.monotonic() + limit
@@ -324,7 +337,9 @@ class _Handler(socketserver.BaseRequestHandler):
         except OSError:
             _reset_close(sock)
             return
-        # FIN first, then wait for the client to close its side.
+        # TLS's close_notify (a client may take a close without it for a
+        # cut reply), then the FIN at once, before the client closes its side.
+        _send_close_notify(sock)
         try:
             sock.shutdown(socket.SHUT_WR)
         except OSError:
