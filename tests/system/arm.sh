@@ -44,6 +44,10 @@ mkdir -p "$work"
 
 sim="$work/obsim"
 sim_pid=""
+# TCG emulates the ARM CPU roughly ten times slower than a gateway's own,
+# on a host other work shares: the configured device's exit at boot, 3 s
+# in a container, gets 10 s here.
+quick_exit_ms=10000
 cleanup() {
     ct_halt
     [ -z "$sim_pid" ] || kill "$sim_pid" 2>/dev/null || true
@@ -100,6 +104,7 @@ vm_run() { # suite rtc function clock
     cp --sparse=always "$vm_dir/disk.img" "$work/disk.img"
     make_payload "${debs[$1]}" "$4"
     vm_rtc=$2
+    vm_clock=$4
     echo "== $1${2:+ at $2}" >>"$work/console.log"
     "$3"
     ct_halt
@@ -119,7 +124,7 @@ check_boot_at() { # name
     local now rc=0
     now=$(in_ct sh -c 'date -u | tee /dev/console') || true
     echo "date -u inside the VM: $now"
-    if [ -n "$vm_rtc" ]; then
+    if [ -n "$vm_rtc" ] && [ "$vm_clock" = rtc ]; then
         checks=$((checks + 1))
         [ "$(in_ct date -u +%s || echo 0)" -ge "$Y2038" ] || rc=1
         verdict "clock: the VM's date is past 2038-01-19 03:14:07 UTC" "$rc" "date -u: $now"
@@ -159,8 +164,15 @@ c_limit_openssl() {
     grep -q "2038" <<<"$log" || why "the clock did not move: $(head -n 1 <<<"$log")"
     grep -q "state fetching" <<<"$log" || why "the agent did not ask the server: $(tail -n 3 <<<"$log")"
     [ "$(requests GET)" = 0 ] || why "a GET got through: the limit is gone, onboarding works on Debian 12 past 2038"
-    grep -m 1 "SSL certificate problem" <<<"$log" | sed 's/.*failed: //' ||
-        why "no certificate failure in the agent's log: $(grep -m 1 'curl_easy_perform() failed' <<<"$log")"
+    local curl alert next
+    curl=$(grep -m 1 -o "curl_easy_perform() failed: SSL [^:]*" <<<"$log") ||
+        why "no TLS failure in the agent's log: $(grep -m 1 'curl_easy_perform() failed' <<<"$log")"
+    # OpenSSL answers a certificate not valid yet (time() gives -1 past
+    # 2038 with a 32-bit time_t) with the alert bad_certificate.
+    alert=$(grep -o -m 1 'ALERT_BAD_CERTIFICATE' "$sim/requests.jsonl") || why "the server saw no certificate alert"
+    next=$(grep -E -o -m 1 "next try 20(3[89]|[4-9][0-9])-[0-9T:-]*Z" <<<"$log") || why "the agent's own clock is not past 2038"
+    curl=${curl#curl_easy_perform() failed: }
+    echo "date -u in the VM: $(head -n 1 <<<"$log"); curl: ${curl% errno*}; the server saw $alert; the agent's $next"
 }
 
 c_limit_systemd() {

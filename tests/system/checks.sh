@@ -12,6 +12,9 @@ failures=0
 checks=0
 RULE="-p tcp -m tcp --sport 443 --dport 47777:47780 -j ACCEPT"
 FACTORY_ACS_URL="https://acs.tavel.invalid:7754"
+# How long a configured device's agent may run at boot; an emulated CPU
+# sets its own.
+quick_exit_ms=${quick_exit_ms:-3000}
 SECRETS="sys-api-key-5b1e acs-pass-7d2c cfg-key-9e4a"
 
 # Polls a command every half second until it succeeds; false after SECONDS.
@@ -186,7 +189,7 @@ c_reboot_exits() { # GET count before the reboot
     start=$(prop ExecMainStartTimestampMonotonic)
     end=$(prop ExecMainExitTimestampMonotonic)
     [ "$start" != 0 ] || why "agent not started at boot"
-    [ $((end - start)) -lt 3000000 ] || why "ran $(((end - start) / 1000)) ms"
+    [ $((end - start)) -lt $((quick_exit_ms * 1000)) ] || why "ran $(((end - start) / 1000)) ms"
     [ "$(requests GET)" = "$gets" ] || why "a configured device asked the server again"
 }
 

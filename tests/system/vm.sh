@@ -95,7 +95,7 @@ vm_make_image() { # suite dir
     chmod 700 "$part/root/root" "$part/root/root/.ssh"
     install -D -m 644 "$src/tests/system/vm/wired.network" "$part/root/etc/systemd/network/50-wired.network"
     install -m 755 "$src/tests/system/vm/stage2" "$part/root/tavel-stage2"
-    mke2fs -q -t ext4 -L tavelroot -d "$part/root" "$part/disk.img" 3G >/dev/null
+    mke2fs -q -t ext4 -L gwroot -d "$part/root" "$part/disk.img" 3G >/dev/null
     rm -rf "$part/root" "$part/kernel" "$part/initrd"
     local started=$SECONDS
     # Two hours is several times what it takes; a guest that never powers
