@@ -27,6 +27,50 @@ wait_for() { # seconds command...
     done
 }
 
+# Polls COMMAND until it succeeds while the system's process PID lives;
+# fails after SECONDS, with the end of the console.
+boot_wait() { # pid seconds what command...
+    local pid=$1 until=$((SECONDS + $2)) what=$3
+    shift 3
+    until "$@" >/dev/null 2>&1; do
+        if ! kill -0 "$pid" 2>/dev/null || [ "$SECONDS" -ge "$until" ]; then
+            echo "$what (console: $work/console.log):" >&2
+            tail -n 20 "$work/console.log" >&2
+            return 1
+        fi
+        sleep 0.2
+    done
+}
+
+# The end of a boot: systemd inside reaches running (or degraded).
+boot_ended() { # what seconds
+    local state
+    state=$(in_ct timeout "$2" systemctl is-system-running --wait 2>&1) || true
+    case "$state" in
+        running | degraded) return 0 ;;
+    esac
+    echo "$1's boot ended as '$state'" >&2
+    return 1
+}
+
+# Waits for the system's process to end after a poweroff; killed after SECONDS.
+halted() { # pid seconds
+    local until=$((SECONDS + $2))
+    while kill -0 "$1" 2>/dev/null; do
+        if [ "$SECONDS" -ge "$until" ]; then
+            kill -KILL "$1" 2>/dev/null || true
+            break
+        fi
+        sleep 0.2
+    done
+    wait "$1" 2>/dev/null || true
+}
+
+ct_reboot() {
+    ct_halt
+    ct_boot
+}
+
 check() { # name function [args]
     local name=$1 out rc=0
     shift

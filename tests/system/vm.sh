@@ -100,7 +100,8 @@ vm_make_image() { # suite dir
     local started=$SECONDS
     # Two hours is several times what it takes; a guest that never powers
     # off must not hold the run for ever.
-    vm_limit=7200 vm_qemu "$part" "$part/disk.img" "$part/stage2.log" "tavel.init=/tavel-stage2" -nic none </dev/null || true
+    vm_command "$part" "$part/disk.img" "$part/stage2.log" "tavel.init=/tavel-stage2" -nic none
+    timeout 7200 "${vm_cmd[@]}" </dev/null || true
     if ! grep -q "tavel-stage2: done" "$part/stage2.log"; then
         echo "the image's first boot did not finish (see $part/stage2.log):" >&2
         grep -a "tavel-stage2\|E: \|W: " "$part/stage2.log" | tail -n 5 >&2
@@ -119,15 +120,15 @@ vm_image() { # suite
     [ -s "$vm_dir/disk.img" ] || vm_make_image "$1" "$vm_dir"
 }
 
-# Runs qemu in the foreground until the guest powers off, or for at most
-# $vm_limit seconds when set.
-vm_qemu() { # image-dir disk console-log kernel-arguments [qemu options...]
+# The qemu command line of a boot, in vm_cmd: qemu ends when the guest
+# powers off or reboots.
+vm_command() { # image-dir disk console-log kernel-arguments [qemu options...]
     local dir=$1 disk=$2 log=$3 args=$4
     shift 4
-    timeout "${vm_limit:-0}" qemu-system-arm -M virt -m 1024 -smp 2 -display none -monitor none -no-reboot \
+    vm_cmd=(qemu-system-arm -M virt -m 1024 -smp 2 -display none -monitor none -no-reboot \
         -kernel "$dir/vmlinuz" -initrd "$dir/initrd.img" -append "console=ttyAMA0 panic=-1 $args" \
         -drive "if=none,id=hd,format=raw,file=$disk" -device virtio-blk-device,drive=hd \
-        -device virtio-rng-device -chardev "file,id=con,path=$log,append=on" -serial chardev:con "$@"
+        -device virtio-rng-device -chardev "file,id=con,path=$log,append=on" -serial chardev:con "$@")
 }
 
 vm_ssh() {
@@ -160,55 +161,28 @@ vm_free_port() {
 # ssh and for systemd's boot to end; on the first boot of a run, unpacks
 # $vm_payload (a tar file) into the root and starts what it enabled.
 ct_boot() {
-    local rtc=() state
+    local rtc=()
     [ -z "$vm_rtc" ] || rtc=(-rtc "base=$vm_rtc")
     vm_port=$(vm_free_port)
-    vm_qemu "$vm_dir" "$work/disk.img" "$work/console.log" "" \
-        -netdev "user,id=net,hostfwd=tcp:127.0.0.1:$vm_port-:22" -device virtio-net-device,netdev=net \
-        "${rtc[@]}" </dev/null &
+    vm_command "$vm_dir" "$work/disk.img" "$work/console.log" "" \
+        -netdev "user,id=net,hostfwd=tcp:127.0.0.1:$vm_port-:22" -device virtio-net-device,netdev=net "${rtc[@]}"
+    # qemu itself is the job, so a kill at the halt's time limit ends it.
+    "${vm_cmd[@]}" </dev/null &
     vm_pid=$!
-    local until=$((SECONDS + vm_boot_wait))
-    until in_ct true 2>/dev/null; do
-        if ! kill -0 "$vm_pid" 2>/dev/null || [ "$SECONDS" -ge "$until" ]; then
-            echo "no ssh into the VM (console: $work/console.log):" >&2
-            tail -n 20 "$work/console.log" >&2
-            return 1
-        fi
-        sleep 2
-    done
+    boot_wait "$vm_pid" "$vm_boot_wait" "no ssh into the VM" in_ct true || return 1
     if [ -n "$vm_payload" ]; then
         vm_ssh -- "tar -x -C / && systemctl daemon-reload && systemctl start sysinit.target multi-user.target" \
             <"$vm_payload" ||
             { echo "the device's files could not be put in place" >&2; return 1; }
         vm_payload=""
     fi
-    # The date as the VM's own clock gives it, on its console too.
-    echo "in the VM: $(in_ct sh -c 'date -u | tee /dev/console')"
-    state=$(in_ct timeout 300 systemctl is-system-running --wait 2>&1) || true
-    case "$state" in
-        running | degraded) return 0 ;;
-    esac
-    echo "the VM's boot ended as '$state'" >&2
-    return 1
+    boot_ended "the VM" 300
 }
 
 ct_halt() {
     [ -n "$vm_pid" ] || return 0
     in_ct systemctl poweroff >/dev/null 2>&1 || true
-    local until=$((SECONDS + 120))
-    while kill -0 "$vm_pid" 2>/dev/null; do
-        if [ "$SECONDS" -ge "$until" ]; then
-            kill -KILL "$vm_pid" 2>/dev/null || true
-            break
-        fi
-        sleep 0.5
-    done
-    wait "$vm_pid" 2>/dev/null || true
+    halted "$vm_pid" 120
     vm_ssh -O exit >/dev/null 2>&1 || true
     vm_pid=""
-}
-
-ct_reboot() {
-    ct_halt
-    ct_boot
 }
