@@ -102,6 +102,9 @@ vm_run() { # suite rtc function clock
         return 0
     fi
     cp --sparse=always "$vm_dir/disk.img" "$work/disk.img"
+    # The simulator outlives the runs: each starts it from its full reply.
+    reply full
+    : >"$sim/requests.jsonl"
     make_payload "${debs[$1]}" "$4"
     vm_rtc=$2
     vm_clock=$4
