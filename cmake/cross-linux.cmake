@@ -13,6 +13,10 @@
 #   CMAKE_SYSROOT        the SDK's target root (headers, libraries, .pc files);
 #                        without it the target's libraries are Debian's
 #                        multiarch packages (the :ARCH -dev packages)
+#   TAVEL_SYSROOT_ONLY   ON: headers, start files and libraries from the
+#                        sysroot only, never from the compiler's own target
+#                        tree (Debian's cross compiler with a sysroot of
+#                        another Debian release)
 #   CMAKE_C_COMPILER, CMAKE_CXX_COMPILER  override the derived names
 #   CMAKE_CROSSCOMPILING_EMULATOR         overrides qemu-ARCH -L ROOT
 #
@@ -21,16 +25,16 @@
 # sets the 32-bit targets' 64-bit off_t and time_t.
 set(CMAKE_SYSTEM_NAME Linux)
 
-foreach(_tavel_var TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX)
+foreach(_tavel_var TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX TAVEL_SYSROOT_ONLY)
   if(NOT ${_tavel_var} AND DEFINED ENV{${_tavel_var}})
     set(${_tavel_var} "$ENV{${_tavel_var}}")
   endif()
 endforeach()
 # try_compile projects read this file again without the cache: source
-# checks get the two inputs through the platform variables, whole test
+# checks get the inputs through the platform variables, whole test
 # projects (check_ipo_supported) only through the environment.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX)
-foreach(_tavel_var TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX TAVEL_SYSROOT_ONLY)
+foreach(_tavel_var TAVEL_CROSS_TRIPLET TAVEL_CROSS_PREFIX TAVEL_SYSROOT_ONLY)
   if(${_tavel_var})
     set(ENV{${_tavel_var}} "${${_tavel_var}}")
   endif()
@@ -79,6 +83,30 @@ if(CMAKE_SYSROOT)
         "${CMAKE_SYSROOT}/usr/lib/${TAVEL_CROSS_TRIPLET}/pkgconfig:${CMAKE_SYSROOT}/usr/lib/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig")
   endif()
   set(_tavel_target_root "${CMAKE_SYSROOT}")
+  # Debian's cross compilers search their own target tree (/usr/TRIPLET: the
+  # C library and libstdc++ of the host's release) before the sysroot.  With
+  # a sysroot of another release (TAVEL_SYSROOT_ONLY) the headers, start
+  # files and libraries must all be the sysroot's, or its libraries meet an
+  # older C library at link time; the compiler's own headers (stddef.h and
+  # the like) stay.
+  if(TAVEL_SYSROOT_ONLY)
+    execute_process(COMMAND "${CMAKE_C_COMPILER}" -print-file-name=include OUTPUT_VARIABLE _tavel_gcc_include
+                    OUTPUT_STRIP_TRAILING_WHITESPACE)
+    execute_process(COMMAND "${CMAKE_C_COMPILER}" -dumpversion OUTPUT_VARIABLE _tavel_gcc_version
+                    OUTPUT_STRIP_TRAILING_WHITESPACE)
+    set(_tavel_inc "${CMAKE_SYSROOT}/usr/include")
+    set(_tavel_lib "${CMAKE_SYSROOT}/usr/lib/${TAVEL_CROSS_TRIPLET}")
+    set(_tavel_c_dirs "-isystem ${_tavel_gcc_include} -isystem ${_tavel_inc}/${TAVEL_CROSS_TRIPLET} -isystem ${_tavel_inc}")
+    set(CMAKE_C_FLAGS_INIT "-nostdinc ${_tavel_c_dirs}")
+    set(CMAKE_CXX_FLAGS_INIT
+        "-nostdinc -isystem ${_tavel_inc}/c++/${_tavel_gcc_version} -isystem ${_tavel_inc}/${TAVEL_CROSS_TRIPLET}/c++/${_tavel_gcc_version} -isystem ${_tavel_inc}/c++/${_tavel_gcc_version}/backward ${_tavel_c_dirs}"
+    )
+    foreach(_tavel_kind EXE SHARED MODULE)
+      set(CMAKE_${_tavel_kind}_LINKER_FLAGS_INIT
+          "-B${_tavel_lib}/ -L${CMAKE_SYSROOT}/lib/${TAVEL_CROSS_TRIPLET} -L${_tavel_lib} -L${CMAKE_SYSROOT}/usr/lib/gcc/${TAVEL_CROSS_TRIPLET}/${_tavel_gcc_version}"
+      )
+    endforeach()
+  endif()
 else()
   # Debian's multiarch layout: the target's libraries and headers live in the
   # host tree under TRIPLET directories, the C library in /usr/TRIPLET.

@@ -65,12 +65,8 @@ arm_sysroot() {
     fi
     echo "sysroot: $root from the armhf packages $want"
     rm -rf "$root"
-    mkdir -p "$state/lists/partial" "$state/cache/archives/partial" "$root/.dpkg/info" "$root/.dpkg/updates"
+    mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
     : >"$state/status"
-    # The host's architecture first, as in the host's own database; format 1
-    # names the files of Multi-Arch: same packages PACKAGE:ARCH.*.
-    printf '%s\narmhf\n' "$(tavel_host_arch)" >"$root/.dpkg/arch"
-    echo 1 >"$root/.dpkg/info/format"
     local opts=(-o APT::Architecture=armhf -o APT::Architectures::=armhf -o Dir::State::Lists="$state/lists"
         -o Dir::State::status="$state/status" -o Dir::Cache="$state/cache" -o Debug::NoLocking=1
         -o Acquire::Retries=3)
@@ -78,18 +74,81 @@ arm_sysroot() {
     apt-get "${opts[@]}" update -qq || echo "sysroot: apt-get update reported errors; using the lists it got" >&2
     # shellcheck disable=SC2086
     apt-get "${opts[@]}" install -y -qq --download-only --no-install-recommends $want >/dev/null
-    local deb
-    for deb in "$state"/cache/archives/*.deb; do
+    arm_sysroot_unpack "$root" "$state/cache/archives"
+    rm -rf "$state/cache" "$state/lists"
+    echo "$want" >"$state/packages"
+}
+
+TAVEL_DEBIAN_MIRROR=${TAVEL_DEBIAN_MIRROR:-http://deb.debian.org/debian}
+# A mirror in mid-sync may serve a release's index older than its Release
+# file for hours, while the same index under the release's alias (stable,
+# oldstable) still matches that alias's own, older Release file.  The names
+# to try, in order; tavel_root_is tells whether what one gave is the release.
+tavel_release_names() { echo "$1 stable oldstable"; }
+tavel_root_is() { # root codename: by its os-release, or by the index it came from
+    grep -qsx "VERSION_CODENAME=$2" "$1/etc/os-release" ||
+        grep -qsx "Codename: $2" "$1"/var/lib/apt/lists/*Release
+}
+
+# Packages unpacked by mmdebstrap --variant=extract lack a merged-/usr
+# release's top-level links (the C library's linker script names /lib, the
+# kernel's modules are under /usr/lib/modules): they come from its installer.
+tavel_merge_usr() { # root
+    local top
+    for top in bin sbin lib; do
+        [ -e "$1/$top" ] || [ ! -d "$1/usr/$top" ] || ln -s "usr/$top" "$1/$top"
+    done
+}
+
+# Unpacks the packages of DEBDIR into ROOT, registers them in ROOT/.dpkg
+# and makes absolute symbolic links relative, so they resolve inside ROOT.
+arm_sysroot_unpack() { # root debdir
+    local root=$1 deb link target
+    mkdir -p "$root/.dpkg/info" "$root/.dpkg/updates"
+    # The host's architecture first, as in the host's own database; format 1
+    # names the files of Multi-Arch: same packages PACKAGE:ARCH.*.
+    printf '%s\narmhf\n' "$(tavel_host_arch)" >"$root/.dpkg/arch"
+    echo 1 >"$root/.dpkg/info/format"
+    for deb in "$2"/*.deb; do
         dpkg-deb -x "$deb" "$root"
         arm_sysroot_register "$root" "$deb"
     done
-    local link target
     while IFS= read -r -d '' link; do
         target=$(readlink "$link")
         ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$root$target")" "$link"
-    done < <(find "$root" \( -path "$state" -o -path "$root/.dpkg" \) -prune -o -type l -lname '/*' -print0)
-    rm -rf "$state/cache" "$state/lists"
-    echo "$want" >"$state/packages"
+    done < <(find "$root" \( -path "$2" -o -path "$root/.dpkg" \) -prune -o -type l -lname '/*' -print0)
+}
+
+# The target root of another Debian release than the host's (SUITE, e.g.
+# trixie, whose 32-bit userland has a 64-bit time_t): mmdebstrap downloads
+# the same packages' closure from that release and unpacks it, then it is
+# registered as above.  The cross compiler stays the host's gcc-12, with
+# that release's libstdc++-12-dev headers; the binaries then run with the
+# release's own (newer, compatible) libstdc++6.
+arm_sysroot_release() { # root suite
+    local root=$1 suite=$2 want name
+    want="$suite: $(arm_sysroot_packages)"
+    if [ -f "$root/.apt/packages" ] && [ "$(cat "$root/.apt/packages")" = "$want" ]; then
+        echo "sysroot: $root (up to date)"
+        return 0
+    fi
+    echo "sysroot: $root from the $suite armhf packages $(arm_sysroot_packages)"
+    for name in $(tavel_release_names "$suite"); do
+        rm -rf "$root"
+        # shellcheck disable=SC2046
+        if mmdebstrap --quiet --variant=extract --architectures=armhf --skip=cleanup/apt/cache --skip=cleanup/apt/lists \
+            --include=$(arm_sysroot_packages | tr ' ' ,) "$name" "$root" "$TAVEL_DEBIAN_MIRROR" &&
+            tavel_root_is "$root" "$suite"; then
+            arm_sysroot_unpack "$root" "$root/var/cache/apt/archives"
+            tavel_merge_usr "$root"
+            rm -rf "$root/var/cache/apt/archives" "$root/var/lib/apt/lists"
+            mkdir -p "$root/.apt"
+            echo "$want" >"$root/.apt/packages"
+            return 0
+        fi
+        echo "sysroot: mmdebstrap of $suite as '$name' failed or gave another release" >&2
+    done
+    return 1
 }
 
 tavel_arm_target_root() { # sysroot-dir

@@ -16,6 +16,11 @@ TAVEL_MATRIX_DEPS="g++-11 g++-12 clang-13 clang-16"
 TAVEL_ARM_HOST_DEPS="crossbuild-essential-armhf qemu-user"
 TAVEL_ARM_DEPS="libcurl4-openssl-dev:armhf libdbus-1-dev:armhf libgtest-dev:armhf libstdc++6:armhf"
 
+# The armhf booted-system test (scripts/system-test.sh --arm): images made by
+# debootstrap and mmdebstrap, booted in qemu-system-arm; the kernel's module
+# list (depmod) and the initramfs archive (cpio) are made on the host.
+TAVEL_ARM_VM_DEPS="debootstrap mmdebstrap qemu-system-arm kmod cpio e2fsprogs openssh-client xz-utils"
+
 # A name without an architecture means the host's: once the armhf dev
 # packages are in, "libcurl4-openssl-dev" alone would also be satisfied by
 # libcurl4-openssl-dev:armhf.  Architecture-independent packages are

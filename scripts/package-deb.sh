@@ -9,6 +9,9 @@
 #                                    they cannot be installed, the private
 #                                    sysroot build-arm-sysroot/ (as
 #                                    scripts/build-arm.sh builds)
+# TAVEL_ARM_SUITE=trixie (armhf only): against that Debian release's
+# packages instead, in a sysroot of its own (build-arm-sysroot-trixie/, made
+# by mmdebstrap); the package lands in build-deb-armhf-trixie/.
 set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd)
 # shellcheck source=scripts/deps.sh
@@ -28,7 +31,15 @@ if [ "$arch" != "$host" ]; then
     if [ "$arch" = armhf ]; then
         # shellcheck disable=SC2086
         tavel_ensure_packages $TAVEL_ARM_HOST_DEPS
-        tavel_arm_target_root "$src/build-arm-sysroot"
+        if [ -n "${TAVEL_ARM_SUITE:-}" ]; then
+            tavel_ensure_packages mmdebstrap
+            dir="$dir-$TAVEL_ARM_SUITE"
+            TAVEL_ARM_SYSROOT_DIR="$src/build-arm-sysroot-$TAVEL_ARM_SUITE"
+            arm_sysroot_release "$TAVEL_ARM_SYSROOT_DIR" "$TAVEL_ARM_SUITE"
+            cross+=(-DTAVEL_SYSROOT_ONLY=ON)
+        else
+            tavel_arm_target_root "$src/build-arm-sysroot"
+        fi
         cross+=(-DCMAKE_SYSROOT="$TAVEL_ARM_SYSROOT_DIR")
     fi
     # dpkg-buildflags gives the flags of the architecture built for.
@@ -62,8 +73,9 @@ bash "$src/tests/packaging/check_hardening.sh" --readelf "${readelf:-readelf}" \
     "$dir/unpacked/usr/sbin/tavelAgent" "$dir/unpacked/usr/bin/tavelctl" || status=1
 depends=$(dpkg-deb -f "$deb" Depends)
 [ "$(dpkg-deb -f "$deb" Architecture)" = "$arch" ] || { echo "package is not $arch" >&2; status=1; }
+# Releases with a 64-bit time_t on 32-bit targets name libcurl4t64.
 for p in libc6 libcurl4 libdbus-1-3 libstdc++6 iptables; do
-    echo "$depends" | grep -Eq "(^|, )${p//+/\\+}( |,|$)" || { echo "package does not depend on $p: $depends" >&2; status=1; }
+    echo "$depends" | grep -Eq "(^|, )${p//+/\\+}(t64)?( |,|$)" || { echo "package does not depend on $p: $depends" >&2; status=1; }
 done
 echo "Depends: $depends"
 echo "package: $deb ($(stat -c %s "$deb") bytes; tavelAgent $(stat -c %s "$dir/unpacked/usr/sbin/tavelAgent") bytes)"

@@ -32,14 +32,8 @@ in_ct() {
         env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 HOME=/root "$@"
 }
 
-# Polls a command every half second until it succeeds; false after SECONDS.
-wait_for() { # seconds command...
-    local until=$((SECONDS + $1))
-    shift
-    while ! "$@" >/dev/null 2>&1; do
-        [ "$SECONDS" -lt "$until" ] || return 1
-        sleep 0.5
-    done
+ct_write() { # path: the device file replaced by standard input
+    cat >"$root$1.new" && mv "$root$1.new" "$root$1"
 }
 
 # Boots the container and waits until its boot has finished.
@@ -50,44 +44,18 @@ ct_boot() {
         --console=pipe </dev/null >>"$work/console.log" 2>&1 &
     ct_nspawn=$!
     ct_pid=""
-    local until=$((SECONDS + 30))
-    until ct_pid=$(ct_find_init); do
-        if ! kill -0 "$ct_nspawn" 2>/dev/null || [ "$SECONDS" -ge "$until" ]; then
-            echo "systemd-nspawn did not start systemd (console: $work/console.log):" >&2
-            tail -n 20 "$work/console.log" >&2
-            return 1
-        fi
-        sleep 0.2
-    done
-    local state
+    boot_wait "$ct_nspawn" 30 "systemd-nspawn did not start systemd" ct_find_init || return 1
+    ct_pid=$(ct_find_init)
     # systemd's own socket appears a moment after it starts.
     wait_for 30 in_ct test -S /run/systemd/private || true
-    state=$(in_ct timeout 60 systemctl is-system-running --wait 2>&1) || true
-    case "$state" in
-        running | degraded) return 0 ;;
-    esac
-    echo "the container's boot ended as '$state'" >&2
-    return 1
+    boot_ended "the container" 60
 }
 
 # Shuts the container down as a reboot's first half does; killed after 30 s.
 ct_halt() {
     [ -n "$ct_nspawn" ] || return 0
     in_ct systemctl poweroff >/dev/null 2>&1 || kill -TERM "$ct_nspawn" 2>/dev/null || true
-    local until=$((SECONDS + 30))
-    while kill -0 "$ct_nspawn" 2>/dev/null; do
-        if [ "$SECONDS" -ge "$until" ]; then
-            kill -KILL "$ct_nspawn" 2>/dev/null || true
-            break
-        fi
-        sleep 0.2
-    done
-    wait "$ct_nspawn" 2>/dev/null || true
+    halted "$ct_nspawn" 30
     ct_nspawn=""
     ct_pid=""
-}
-
-ct_reboot() {
-    ct_halt
-    ct_boot
 }

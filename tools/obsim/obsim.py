@@ -106,9 +106,9 @@ def _openssl(*args, cwd):
                    stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 
 
-def _self_signed_ca(cwd, stem, cn):
+def _self_signed_ca(cwd, stem, cn, days):
     _openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-             "-nodes", "-keyout", stem + ".key", "-out", stem + ".pem", "-days", "30",
+             "-nodes", "-keyout", stem + ".key", "-out", stem + ".pem", "-days", str(days),
              "-subj", "/CN=" + cn,
              "-addext", "basicConstraints=critical,CA:TRUE",
              "-addext", "keyUsage=critical,keyCertSign,cRLSign", cwd=cwd)
@@ -122,17 +122,20 @@ def _read(path):
         return None
 
 
-def ensure_certs(cert_dir, host="127.0.0.1"):
-    """Create the CA, the server certificate (for 127.0.0.1, localhost and
-    host) and the other CA in cert_dir."""
+def ensure_certs(cert_dir, host="127.0.0.1", days=30, cert_ips=()):
+    """Create the CA, the server certificate (for 127.0.0.1, localhost, host
+    and cert_ips), both valid for days from now, and the other CA in
+    cert_dir."""
     os.makedirs(cert_dir, exist_ok=True)
     names = ["ca.pem", "ca.key", "server.pem", "server.key", "other-ca.pem"]
-    san = ",".join(dict.fromkeys(["IP:127.0.0.1", "DNS:localhost", "IP:" + host]))
+    san = ",".join(dict.fromkeys(["IP:127.0.0.1", "DNS:localhost"] + ["IP:" + a for a in (host, *cert_ips)]))
+    made = san if days == 30 else "%s days=%d" % (san, days)
     san_path = os.path.join(cert_dir, "server.san")
-    if all(os.path.exists(os.path.join(cert_dir, n)) for n in names) and (host == "127.0.0.1" or _read(san_path) == san):
+    if all(os.path.exists(os.path.join(cert_dir, n)) for n in names) and (made == "IP:127.0.0.1,DNS:localhost" or
+                                                                          _read(san_path) == made):
         return
-    _self_signed_ca(cert_dir, "ca", "obsim test CA")
-    _self_signed_ca(cert_dir, "other-ca", "obsim other CA")
+    _self_signed_ca(cert_dir, "ca", "obsim test CA", days)
+    _self_signed_ca(cert_dir, "other-ca", "obsim other CA", days)
     with open(os.path.join(cert_dir, "server.ext"), "w") as f:
         f.write("subjectAltName=%s\n" % san +
                 "basicConstraints=CA:FALSE\n"
@@ -141,12 +144,12 @@ def ensure_certs(cert_dir, host="127.0.0.1"):
     _openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
              "-keyout", "server.key", "-out", "server.csr", "-subj", "/CN=127.0.0.1", cwd=cert_dir)
     _openssl("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
-             "-set_serial", str(int.from_bytes(os.urandom(8), "big")), "-days", "30",
+             "-set_serial", str(int.from_bytes(os.urandom(8), "big")), "-days", str(days),
              "-extfile", "server.ext", "-out", "server.pem", cwd=cert_dir)
     for leftover in ("server.csr", "server.ext"):
         os.unlink(os.path.join(cert_dir, leftover))
     with open(san_path, "w") as f:
-        f.write(san)
+        f.write(made)
 
 
 # ---------------------------------------------------------------- replies
@@ -259,6 +262,19 @@ def _reset_close(sock):
         pass
 
 
+def _send_close_notify(sock):
+    """Send TLS's close_notify without waiting for the peer's."""
+    if not isinstance(sock, ssl.SSLSocket):
+        return
+    timeout = sock.gettimeout()
+    sock.setblocking(False)
+    try:
+        sock.unwrap()
+    except (ssl.SSLError, OSError):
+        pass  # the peer's close_notify is not awaited
+    sock.settimeout(timeout)
+
+
 def _wait_peer_close(sock, stop, limit):
     """Discard input until the peer closes, the limit passes or stop is set."""
     end = time.monotonic() + limit
@@ -321,7 +337,9 @@ class _Handler(socketserver.BaseRequestHandler):
         except OSError:
             _reset_close(sock)
             return
-        # FIN first, then wait for the client to close its side.
+        # TLS's close_notify (a client may take a close without it for a
+        # cut reply), then the FIN at once, before the client closes its side.
+        _send_close_notify(sock)
         try:
             sock.shutdown(socket.SHUT_WR)
         except OSError:
@@ -456,10 +474,13 @@ def main(argv=None):
     p.add_argument("--port-file", help="write the port number here once listening")
     p.add_argument("--plain", action="store_true", help="plain HTTP instead of HTTPS")
     p.add_argument("--certs-only", action="store_true", help="generate the certificates and exit")
+    p.add_argument("--days", type=int, default=30, help="validity of new certificates from now (default 30)")
+    p.add_argument("--cert-ip", action="append", default=[],
+                   help="another address the server certificate names (e.g. the host as a VM reaches it)")
     args = p.parse_args(argv)
 
+    ensure_certs(args.dir, args.host, args.days, args.cert_ip)
     if args.certs_only:
-        ensure_certs(args.dir, args.host)
         return 0
     script_path = args.script
     if script_path is None:
