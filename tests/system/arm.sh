@@ -53,6 +53,9 @@ cleanup() {
     [ -z "$sim_pid" ] || kill "$sim_pid" 2>/dev/null || true
 }
 trap cleanup EXIT
+# A stop by a signal ends through the exit, so the VM and the simulator go too.
+trap 'exit 143' TERM
+trap 'exit 130' INT
 
 declare -A debs
 for suite in bookworm trixie; do
