@@ -61,14 +61,12 @@ size_t putPrefix(char *out, const char *func, const char *file, int line)
     out[n++] = ':';
     char digits[12];
     size_t d = 0;
-    unsigned int u = line < 0 ? 0u - static_cast<unsigned int>(line) : static_cast<unsigned int>(line);
+    // A source line number: never negative.
+    unsigned int u = static_cast<unsigned int>(line);
     do {
         digits[d++] = static_cast<char>('0' + u % 10);
         u /= 10;
     } while (u != 0);
-    if (line < 0) {
-        out[n++] = '-';
-    }
     while (d > 0) {
         out[n++] = digits[--d];
     }
